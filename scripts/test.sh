@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# Build everything and pass every test: the "default" preset, then the
+# "asan" preset (AddressSanitizer, LeakSanitizer and UBSan).
+# Installs missing Debian packages with apt-get and finds CPython 3.13 under
+# the pyenv root or the system. Prints "N passed, 0 failed" when all pass.
+# TALA_TEST_JOBS sets the number of tests ctest runs at once (default 2).
+set -euo pipefail
+
+# shellcheck source=scripts/lib.sh
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+TALA_TEST_JOBS="${TALA_TEST_JOBS:-2}"
+[[ "$TALA_TEST_JOBS" =~ ^[1-9][0-9]*$ ]] ||
+    tala_die "TALA_TEST_JOBS must be a positive whole number, not '$TALA_TEST_JOBS'."
+
+total_passed=0
+
+# run_ctest PRESET BUILD_DIR: run the preset's tests, stop on failure, and add
+# the number of passed tests to total_passed.
+run_ctest() {
+    local preset="$1" build_dir="$2"
+    local log="$build_dir/ctest-$preset.log"
+    tala_log "running tests of preset $preset"
+    local rc=0
+    ctest --preset "$preset" -j "$TALA_TEST_JOBS" </dev/null 2>&1 | tee "$log" || rc=$?
+    if [[ $rc -ne 0 ]]; then
+        tala_die "tests of the preset '$preset' failed (log: $log)."
+    fi
+    # ctest's summary: "100% tests passed, 0 tests failed out of 42"
+    local line failed total
+    line="$(grep -E '^[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n 1)" ||
+        tala_die "ctest ran no tests for the preset '$preset' (log: $log)."
+    failed="$(sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\1/' <<<"$line")"
+    total="$(sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\2/' <<<"$line")"
+    if [[ "$failed" -ne 0 ]]; then
+        tala_die "$failed of $total tests of the preset '$preset' failed (log: $log)."
+    fi
+    total_passed=$((total_passed + total - failed))
+}
+
+tala_ensure_packages
+tala_find_python
+
+tala_configure default
+run_ctest default build
+
+tala_configure asan
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:strict_string_checks=1:detect_stack_use_after_return=1"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+export LSAN_OPTIONS="suppressions=$TALA_REPO_ROOT/tests/lsan.supp:print_suppressions=0"
+run_ctest asan build-asan
+
+echo "$total_passed passed, 0 failed"

@@ -1,0 +1,69 @@
+// tala/module.hpp: modules, the registry of modules, and the process-wide globals.
+#pragma once
+
+#include <mutex>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "tala/class.hpp"
+#include "tala/containers.hpp"
+#include "tala/invokable.hpp"
+
+namespace tala {
+
+namespace internal {
+class ModuleCell final : public ObjectCell {
+public:
+    ModuleCell(String name, String doc);
+    const String name;
+    mutable std::mutex mutex;  // guards doc, classes and functions
+    String doc;
+    HashMap<String, Class_Generic> classes;
+    HashMap<String, I_Invokable_Generic> functions;
+};
+}  // namespace internal
+
+// A module: a name (dotted for children: "tala.python"), documentation, and its classes and
+// functions. Classes, functions and child modules are also properties of the module value, so the
+// ordinary member look-up finds them (`tala.get_logger`, `tala.python`).
+class Module : public internal::View<Module> {
+public:
+    using View::View;
+    static bool matches(const Any& value) noexcept;
+
+    // The registered module of that name, created (and registered, after its parent if the
+    // parent exists) when there is none yet.
+    static Module create(std::string_view name, String doc = String());
+    static std::optional<Module> find(std::string_view name);
+
+    String name() const;
+    String doc() const;
+    void setDoc(String doc) const;
+    HashMap<String, Class_Generic> classes() const;
+    HashMap<String, I_Invokable_Generic> functions() const;
+
+    // Adds a class (declared in this module when it has no declaring context yet) or a function.
+    void addClass(const Class_Generic& cls) const;
+    void addFunction(String name, const I_Invokable_Generic& function) const;
+    // Adds a property computed on each read, or a value property.
+    void addProperty(const Property& property) const;
+    void setValue(Identifier name, Any value) const;
+
+    // Marker properties read by language bridges: an internal module is hidden from scripts;
+    // an inlined module's classes and functions are visible by their own names.
+    void markInternal() const;
+    void markInlined() const;
+    bool isInternal() const;
+    bool isInlined() const;
+
+    internal::ModuleCell* cell() const noexcept { return cellAs<internal::ModuleCell>(); }
+    static Class_Generic getClass();
+};
+
+// Every registered module, in registration order.
+std::vector<Module> modules();
+// The process-wide globals map.
+HashMap<String, Any> globals();
+
+}  // namespace tala

@@ -1,0 +1,129 @@
+// tala/src/builtin_classes.cpp: the classes of the built-in values, registered on first use.
+#include "tala/boxed.hpp"
+#include "tala/class_builder.hpp"
+#include "tala/containers.hpp"
+#include "tala/datetime.hpp"
+#include "tala/decimal.hpp"
+#include "tala/error.hpp"
+#include "tala/external.hpp"
+#include "tala/lazy.hpp"
+#include "tala/module.hpp"
+#include "tala/property.hpp"
+#include "tala/signature.hpp"
+
+namespace tala {
+
+namespace internal {
+const Boolean g_value_boolean_true{true};
+const Boolean g_value_boolean_false{false};
+}  // namespace internal
+
+Class_Generic Class_Generic::getClass() {
+    // The class of classes is its own class, so it cannot go through the builder (which asks
+    // for this very class when it publishes).
+    static const internal::ClassCell* meta = [] {
+        auto* cell = new internal::ClassCell();
+        cell->name = String("Class");
+        cell->qualname = String("Class");
+        cell->doc = String("The class of classes: invoking a class makes an instance of it.");
+        cell->flags = class_flags::Invokable;
+        cell->setObjectClass(cell);
+        return cell;
+    }();
+    return Class_Generic(meta);
+}
+
+#define TALA_BUILTIN_CLASS(Owner, ...)                                                          \
+    Class_Generic Owner::getClass() {                                                           \
+        static const ClassRegistration registration(#Owner, [] { return __VA_ARGS__.build(); }); \
+        return registration.get();                                                              \
+    }
+
+namespace internal {
+const ClassCell* builtinAnyClass() {
+    static const ClassRegistration registration("Any", [] {
+        return ClassBuilder("Any").doc("Any value.").flags(class_flags::Abstract).build();
+    });
+    return registration.get().cell();
+}
+}  // namespace internal
+
+TALA_BUILTIN_CLASS(None, ClassBuilder("None").doc("The empty value."))
+TALA_BUILTIN_CLASS(Undefined, ClassBuilder("Undefined").doc("No value here, distinct from None."))
+TALA_BUILTIN_CLASS(Boolean, ClassBuilder("Boolean").doc("True or False."))
+TALA_BUILTIN_CLASS(Integer, ClassBuilder("Integer").doc("A signed 64-bit integer."))
+TALA_BUILTIN_CLASS(Float, ClassBuilder("Float").doc("A 64-bit IEEE floating-point number."))
+TALA_BUILTIN_CLASS(String, ClassBuilder("String").doc("Immutable text stored as UTF-8 bytes."))
+TALA_BUILTIN_CLASS(ByteArray, ClassBuilder("ByteArray").doc("A sequence of bytes."))
+TALA_BUILTIN_CLASS(List_Generic, ClassBuilder("List").doc("A mutable sequence.").flags(class_flags::Sequence))
+TALA_BUILTIN_CLASS(HashMap_Generic, ClassBuilder("HashMap").doc("A mutable map that iterates in insertion order.").flags(class_flags::Mapping))
+TALA_BUILTIN_CLASS(Set_Generic, ClassBuilder("Set").doc("A mutable set.").flags(class_flags::SetLike))
+TALA_BUILTIN_CLASS(Tuple, ClassBuilder("Tuple").doc("A fixed-size sequence of values.").flags(class_flags::Sequence))
+TALA_BUILTIN_CLASS(External, ClassBuilder("External").doc("A value kept elsewhere, produced on each load."))
+TALA_BUILTIN_CLASS(Lazy_Generic, ClassBuilder("Lazy").doc("A value computed when first asked for."))
+TALA_BUILTIN_CLASS(I_Invokable_Generic,
+                   ClassBuilder("Function").doc("A function.").flags(class_flags::Invokable))
+TALA_BUILTIN_CLASS(Error, ClassBuilder("Error").doc("An error: a message, and optionally the native exception it came from.")
+                              .flags(class_flags::Error)
+                              .factory([](const Class_Generic& cls) -> Any { return Error(cls, String()); })
+                              .method(Any::$__init__, [](const Error& self, const String& message) {
+                                  self.cell()->message = message;
+                              }, {"message"}, "Sets the message."))
+TALA_BUILTIN_CLASS(StopIteration, ClassBuilder("StopIteration").doc("The end of an iteration.").parent(Error::getClass()))
+TALA_BUILTIN_CLASS(Date, ClassBuilder("Date").doc("A calendar date."))
+TALA_BUILTIN_CLASS(Time, ClassBuilder("Time").doc("A time of day with nanoseconds, optionally with a UTC offset and zone."))
+TALA_BUILTIN_CLASS(DateTime, ClassBuilder("DateTime").doc("A date and a time of day."))
+TALA_BUILTIN_CLASS(Decimal, ClassBuilder("Decimal").doc("An exact decimal number."))
+TALA_BUILTIN_CLASS(Type, ClassBuilder("Type").doc("A class with type arguments, optional or not."))
+TALA_BUILTIN_CLASS(Signature, ClassBuilder("Signature").doc("The parameters and result type of an invokable."))
+TALA_BUILTIN_CLASS(Property, ClassBuilder("Property").doc("A getter, an optional setter and documentation."))
+
+#undef TALA_BUILTIN_CLASS
+
+namespace internal {
+
+const ClassCell* boxedClass() {
+    static const ClassRegistration registration("Boxed", [] {
+        return ClassBuilder("Boxed").doc("A raw native value carried through the model.").build();
+    });
+    return registration.get().cell();
+}
+
+const ClassCell* builtinClassOfKind(Kind kind) {
+    switch (kind) {
+        case Kind::Empty: return None::getClass().cell();
+        case Kind::Boolean: return Boolean::getClass().cell();
+        case Kind::ByteArray: return ByteArray::getClass().cell();
+        case Kind::Float: return Float::getClass().cell();
+        case Kind::List: return List_Generic::getClass().cell();
+        case Kind::HashMap: return HashMap_Generic::getClass().cell();
+        case Kind::Set: return Set_Generic::getClass().cell();
+        case Kind::Integer: return Integer::getClass().cell();
+        case Kind::Function: return I_Invokable_Generic::getClass().cell();
+        case Kind::String: return String::getClass().cell();
+        case Kind::Tuple: return Tuple::getClass().cell();
+        case Kind::Boxed: return boxedClass();
+        case Kind::External: return External::getClass().cell();
+        case Kind::Lazy: return Lazy_Generic::getClass().cell();
+        case Kind::Undefined: return Undefined::getClass().cell();
+        case Kind::Object:
+        case Kind::Reserved: return builtinAnyClass();
+    }
+    return builtinAnyClass();
+}
+
+}  // namespace internal
+
+Type None::getType() { return Type(getClass()); }
+Type Boolean::getType() { return Type(getClass()); }
+Type Integer::getType() { return Type(getClass()); }
+Type Float::getType() { return Type(getClass()); }
+Type String::getType() { return Type(getClass()); }
+Type ByteArray::getType() { return Type(getClass()); }
+Type Error::getType() { return Type(getClass()); }
+Type Date::getType() { return Type(getClass()); }
+Type Time::getType() { return Type(getClass()); }
+Type DateTime::getType() { return Type(getClass()); }
+Type Decimal::getType() { return Type(getClass()); }
+
+}  // namespace tala

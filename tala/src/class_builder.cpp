@@ -1,0 +1,166 @@
+// tala/src/class_builder.cpp: the class builder and once-only class registration.
+#include "tala/class_builder.hpp"
+
+#include <algorithm>
+
+#include "class_tables.hpp"
+#include "tala/error.hpp"
+#include "tala/module.hpp"
+
+namespace tala {
+
+ClassBuilder::ClassBuilder(String name) : cell_(new internal::ClassCell()) {
+    cell_->name = name;
+    cell_->qualname = std::move(name);
+}
+
+ClassBuilder::~ClassBuilder() {
+    // A builder dropped without build() leaves its class unpublished; classes are immortal
+    // cells, so free it by hand.
+    if (cell_ != nullptr) delete cell_;
+}
+
+ClassBuilder& ClassBuilder::doc(String text) {
+    cell_->doc = std::move(text);
+    return *this;
+}
+
+ClassBuilder& ClassBuilder::declaringContext(const Any& moduleOrClass) {
+    cell_->declaringContext = moduleOrClass;
+    if (!qualnameSet_) {
+        String prefix;
+        if (auto module = Module::cast(moduleOrClass)) {
+            prefix = module->name();
+        } else if (auto cls = Class_Generic::cast(moduleOrClass)) {
+            prefix = cls->qualname();
+        }
+        if (!prefix.isEmpty()) cell_->qualname = String::join({prefix.view(), cell_->name.view()}, ".");
+    }
+    return *this;
+}
+
+ClassBuilder& ClassBuilder::qualname(String name) {
+    cell_->qualname = std::move(name);
+    qualnameSet_ = true;
+    return *this;
+}
+
+ClassBuilder& ClassBuilder::enclosing(const Class_Generic& cls) {
+    cell_->enclosing = cls.cell();
+    return *this;
+}
+
+ClassBuilder& ClassBuilder::flags(std::uint32_t flags) {
+    cell_->flags |= flags;
+    return *this;
+}
+
+ClassBuilder& ClassBuilder::parent(const Class_Generic& cls) {
+    if (std::find(cell_->parents.begin(), cell_->parents.end(), cls.cell()) == cell_->parents.end()) {
+        cell_->parents.push_back(cls.cell());
+        // Kind flags are inherited: a class derived from an error class is an error class.
+        cell_->flags |= cls.flags() & ~(class_flags::Abstract | class_flags::Generic);
+    }
+    return *this;
+}
+
+ClassBuilder& ClassBuilder::generic(const Class_Generic& definition, std::vector<Type> arguments) {
+    cell_->genericDefinition = definition.cell();
+    cell_->typeArguments.assign(arguments.begin(), arguments.end());
+    return *this;
+}
+
+ClassBuilder& ClassBuilder::field(Identifier name, Any type) {
+    cell_->addField(name, std::move(type));
+    return *this;
+}
+
+ClassBuilder& ClassBuilder::method(Identifier name, const I_Invokable_Generic& invokable) {
+    cell_->addMethod(name, invokable);
+    return *this;
+}
+
+ClassBuilder& ClassBuilder::abstractMethod(Identifier name, Signature signature, String doc) {
+    String className = cell_->qualname;
+    String methodName(name.text());
+    cell_->addAbstractMethod(
+        name, make_function(
+                  methodName,
+                  [className, methodName](std::span<const Any>) -> Any {
+                      return Error(String("The abstract method {}.{} was called.").arg(className, methodName));
+                  },
+                  std::move(signature), false, std::move(doc)));
+    return *this;
+}
+
+ClassBuilder& ClassBuilder::property(const Property& property) {
+    cell_->addProperty(property.name(), property);
+    return *this;
+}
+
+ClassBuilder& ClassBuilder::classProperty(Identifier name, Any content, String doc) {
+    return property(Property::value(name, std::move(content), std::move(doc)));
+}
+
+ClassBuilder& ClassBuilder::abstractProperty(Identifier name, Type type, String doc) {
+    String className = cell_->qualname;
+    String propertyName(name.text());
+    auto getter = make_function(
+        propertyName,
+        [className, propertyName](std::span<const Any>) -> Any {
+            return Error(String("The abstract property {}.{} was read.").arg(className, propertyName));
+        },
+        Signature({}, std::move(type)), false);
+    cell_->addAbstractProperty(name, Property(name, getter, Any(), std::move(doc)));
+    return *this;
+}
+
+ClassBuilder& ClassBuilder::finalizer(std::function<void(const Any&)> finalizer) {
+    cell_->finalizer = std::move(finalizer);
+    return *this;
+}
+
+ClassBuilder& ClassBuilder::factory(std::function<Any(const Class_Generic&)> factory) {
+    cell_->factory = std::move(factory);
+    return *this;
+}
+
+Class_Generic ClassBuilder::build() {
+    internal::ClassCell* cell = std::exchange(cell_, nullptr);
+    cell->setObjectClass(Class_Generic::getClass().cell());
+    internal::bumpClassGeneration();
+    return Class_Generic(cell);
+}
+
+// ---- Registration ---------------------------------------------------------------------------
+
+namespace {
+// The registrations running on this thread, innermost last.
+thread_local std::vector<const ClassRegistration*> t_registering;
+}  // namespace
+
+ClassRegistration::ClassRegistration(std::string name, std::function<Class_Generic()> build)
+    : name_(std::move(name)), build_(std::move(build)) {}
+
+const Class_Generic& ClassRegistration::get() const {
+    if (const Class_Generic* ready = ready_.load(std::memory_order_acquire)) [[likely]] return *ready;
+    return slowGet();
+}
+
+const Class_Generic& ClassRegistration::slowGet() const {
+    if (std::find(t_registering.begin(), t_registering.end(), this) != t_registering.end()) {
+        throw Exception("Recursive call detected while initializing class: " + name_);
+    }
+    std::lock_guard lock(mutex_);
+    if (const Class_Generic* ready = ready_.load(std::memory_order_acquire)) return *ready;
+    t_registering.push_back(this);
+    struct Leave {
+        ~Leave() { t_registering.pop_back(); }
+    } leave;
+    value_.emplace(build_());
+    const Class_Generic* ready = &*value_;
+    ready_.store(ready, std::memory_order_release);
+    return *ready;
+}
+
+}  // namespace tala

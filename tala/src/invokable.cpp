@@ -1,0 +1,268 @@
+// tala/src/invokable.cpp: function cells, invocation by position and by name, binding.
+#include "tala/invokable.hpp"
+
+#include "tala/display.hpp"
+#include "tala/property.hpp"
+
+namespace tala {
+namespace internal {
+
+FunctionCell::FunctionCell(const ClassCell* functionClass)
+    : ObjectCell(functionClass != nullptr ? functionClass : I_Invokable_Generic::getClass().cell(),
+                 NativeTag::Function) {}
+
+std::size_t FunctionCell::parameterCount() const {
+    return signature().parameterCount() + (isIndependent() ? 0 : 1);
+}
+
+Any FunctionCell::callNamed(const HashMap_Generic& arguments) const {
+    const Signature declared = signature();
+    const auto& parameters = declared.parameters();
+    std::vector<Any> positional;
+    positional.reserve(parameters.size() + 1);
+    std::size_t used = 0;
+    if (!isIndependent()) {
+        auto self = arguments.get(String("self"));
+        if (!self) return Error(String("Missing argument: self."));
+        positional.push_back(*self);
+        ++used;
+    }
+    for (const Parameter& parameter : parameters) {
+        auto value = arguments.get(parameter.name);
+        if (!value) return Error(String("Missing argument: {}.").arg(parameter.name));
+        positional.push_back(*value);
+        ++used;
+    }
+    if (used != arguments.size()) {
+        for (const auto& entry : arguments) {
+            const String name = String::cast(entry.key).value_or(String());
+            bool known = !isIndependent() && name == "self";
+            for (const Parameter& parameter : parameters) known = known || parameter.name == name;
+            if (!known) return Error(String("Unknown argument: {}.").arg(entry.key));
+        }
+    }
+    return call(positional);
+}
+
+Any wrongArgumentType(std::size_t index, const Type& expected, const Any& given) {
+    return Error(String("Wrong type of argument {}: expected {}, got {}.")
+                     .arg(Integer(static_cast<std::int64_t>(index)), expected.toString(), raw_class_of(given).qualname()));
+}
+
+Any wrongArgumentCount(std::size_t expected, std::size_t given) {
+    return Error(String("Wrong number of arguments: expected {}, got {}.")
+                     .arg(Integer(static_cast<std::int64_t>(expected)), Integer(static_cast<std::int64_t>(given))));
+}
+
+Any integerOverflow() { return Error(String("Integer overflow on cast")); }
+
+namespace {
+
+// An invokable with leading arguments fixed. It needs no receiver any more once the receiver is
+// among them.
+class BoundFunctionCell final : public FunctionCell {
+public:
+    BoundFunctionCell(I_Invokable_Generic target, std::vector<Any> leading)
+        : target_(std::move(target)), leading_(std::move(leading)) {}
+
+    Any call(std::span<const Any> arguments) const override {
+        std::vector<Any> all;
+        all.reserve(leading_.size() + arguments.size());
+        all.insert(all.end(), leading_.begin(), leading_.end());
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return target_.invokeWith(all);
+    }
+    Signature signature() const override {
+        const Signature full = target_.signature();
+        const std::size_t receiver = target_.isIndependent() ? 0 : 1;
+        const std::size_t skip = leading_.size() > receiver ? leading_.size() - receiver : 0;
+        const auto& parameters = full.parameters();
+        std::vector<Parameter> rest(parameters.begin() + std::min(skip, parameters.size()), parameters.end());
+        return Signature(std::move(rest), full.resultType());
+    }
+    String name() const override { return target_.name(); }
+    String doc() const override { return target_.doc(); }
+    bool isIndependent() const override { return !leading_.empty() || target_.isIndependent(); }
+    FunctionKind functionKind() const override { return FunctionKind::Bound; }
+    std::size_t parameterCount() const override {
+        const std::size_t full = target_.parameterCount();
+        return full > leading_.size() ? full - leading_.size() : 0;
+    }
+
+private:
+    I_Invokable_Generic target_;
+    std::vector<Any> leading_;
+};
+
+class ConstantFunctionCell final : public FunctionCell {
+public:
+    ConstantFunctionCell(Any value, Type resultType) : value_(std::move(value)), resultType_(std::move(resultType)) {}
+    Any call(std::span<const Any>) const override { return value_; }
+    Signature signature() const override { return Signature({}, resultType_); }
+    FunctionKind functionKind() const override { return FunctionKind::Constant; }
+    std::size_t parameterCount() const override { return 0; }
+    const Any& value() const noexcept { return value_; }
+
+private:
+    Any value_;
+    Type resultType_;
+};
+
+class SpanFunctionCell final : public FunctionCell {
+public:
+    SpanFunctionCell(String name, std::function<Any(std::span<const Any>)> body, Signature signature,
+                     bool independent, String doc)
+        : name_(std::move(name)),
+          body_(std::move(body)),
+          signature_(std::move(signature)),
+          independent_(independent),
+          doc_(std::move(doc)) {}
+    Any call(std::span<const Any> arguments) const override { return body_(arguments); }
+    Signature signature() const override { return signature_; }
+    String name() const override { return name_; }
+    String doc() const override { return doc_; }
+    bool isIndependent() const override { return independent_; }
+
+private:
+    String name_;
+    std::function<Any(std::span<const Any>)> body_;
+    Signature signature_;
+    bool independent_;
+    String doc_;
+};
+
+}  // namespace
+}  // namespace internal
+
+I_Invokable_Generic constant_function(Any value, Type resultType) {
+    return I_Invokable_Generic(internal::unchecked,
+                               Any::adopt(Kind::Function, new internal::ConstantFunctionCell(std::move(value), std::move(resultType))));
+}
+
+I_Invokable_Generic make_function(String name, std::function<Any(std::span<const Any>)> body, Signature signature,
+                                  bool independent, String doc) {
+    return I_Invokable_Generic(
+        internal::unchecked,
+        Any::adopt(Kind::Function, new internal::SpanFunctionCell(std::move(name), std::move(body), std::move(signature),
+                                                                  independent, std::move(doc))));
+}
+
+Any I_Invokable_Generic::invokeWith(std::span<const Any> arguments) const {
+    if (const internal::FunctionCell* fn = function()) return fn->call(arguments);
+    return Class_Generic(internal::unchecked, static_cast<const Any&>(*this)).instantiate(arguments);
+}
+
+Any I_Invokable_Generic::invokeWith(const HashMap_Generic& namedArguments) const {
+    if (const internal::FunctionCell* fn = function()) return fn->callNamed(namedArguments);
+    // A class: its __init__ binds the names.
+    const Class_Generic cls(internal::unchecked, static_cast<const Any&>(*this));
+    if (namedArguments.isEmpty()) return cls.instantiate({});
+    const Any* init = cls.cell()->findMethod(Any::$__init__);
+    if (init == nullptr) return cls.instantiate(std::vector<Any>{Any()});  // reports the surplus arguments
+    const auto* initFunction = init->cellAs<internal::FunctionCell>();
+    std::vector<Any> positional;
+    for (const Parameter& parameter : initFunction->signature().parameters()) {
+        auto value = namedArguments.get(parameter.name);
+        if (!value) return Error(String("Missing argument: {}.").arg(parameter.name));
+        positional.push_back(*value);
+    }
+    if (positional.size() != namedArguments.size()) {
+        for (const auto& entry : namedArguments) {
+            bool known = false;
+            for (const Parameter& parameter : initFunction->signature().parameters()) {
+                known = known || compare_objects(parameter.name, entry.key) == 0;
+            }
+            if (!known) return Error(String("Unknown argument: {}.").arg(entry.key));
+        }
+    }
+    return cls.instantiate(positional);
+}
+
+I_Invokable_Generic I_Invokable_Generic::bindArgs(std::vector<Any> leading) const {
+    return I_Invokable_Generic(internal::unchecked,
+                               Any::adopt(Kind::Function, new internal::BoundFunctionCell(*this, std::move(leading))));
+}
+
+namespace {
+const internal::FunctionCell* initOf(const Class_Generic& cls) {
+    const Any* init = cls.cell()->findMethod(Any::$__init__);
+    return init == nullptr ? nullptr : init->cellAs<internal::FunctionCell>();
+}
+}  // namespace
+
+Signature I_Invokable_Generic::signature() const {
+    if (const internal::FunctionCell* fn = function()) return fn->signature();
+    const Class_Generic cls(internal::unchecked, static_cast<const Any&>(*this));
+    std::vector<Parameter> parameters;
+    if (const auto* init = initOf(cls)) parameters = init->signature().parameters();
+    return Signature(std::move(parameters), cls.asType());
+}
+
+Type I_Invokable_Generic::resultType() const {
+    if (const internal::FunctionCell* fn = function()) return fn->signature().resultType();
+    return Class_Generic(internal::unchecked, static_cast<const Any&>(*this)).asType();
+}
+
+bool I_Invokable_Generic::isIndependent() const {
+    const internal::FunctionCell* fn = function();
+    return fn == nullptr || fn->isIndependent();
+}
+
+std::size_t I_Invokable_Generic::parameterCount() const {
+    if (const internal::FunctionCell* fn = function()) return fn->parameterCount();
+    return signature().parameterCount();
+}
+
+String I_Invokable_Generic::name() const {
+    if (const internal::FunctionCell* fn = function()) return fn->name();
+    return Class_Generic(internal::unchecked, static_cast<const Any&>(*this)).name();
+}
+
+String I_Invokable_Generic::doc() const {
+    if (const internal::FunctionCell* fn = function()) return fn->doc();
+    return Class_Generic(internal::unchecked, static_cast<const Any&>(*this)).doc();
+}
+
+FunctionKind I_Invokable_Generic::functionKind() const {
+    if (const internal::FunctionCell* fn = function()) return fn->functionKind();
+    return FunctionKind::Native;
+}
+
+Any I_Invokable_Generic::constantValue() const {
+    const internal::FunctionCell* fn = function();
+    if (fn == nullptr || fn->functionKind() != FunctionKind::Constant) return Any();
+    return static_cast<const internal::ConstantFunctionCell*>(fn)->value();
+}
+
+// ---- Properties -----------------------------------------------------------------------------
+
+internal::PropertyCell::PropertyCell(Identifier name, Any getter, Any setter, String doc)
+    : ObjectCell(Property::getClass().cell(), NativeTag::Property),
+      name(name),
+      getter(std::move(getter)),
+      setter(std::move(setter)),
+      doc(std::move(doc)) {}
+
+Property::Property(Identifier name, I_Invokable_Generic getter, Any setter, String doc)
+    : View(internal::unchecked,
+           Any::adopt(Kind::Object, new internal::PropertyCell(name, std::move(getter), std::move(setter), std::move(doc)))) {}
+
+Property Property::value(Identifier name, Any content, String doc) {
+    Type type = content.isEmpty() ? Type::any() : raw_class_of(content).asType();
+    return Property(name, constant_function(std::move(content), std::move(type)), Any(), std::move(doc));
+}
+
+Any Property::get(const Any& target) const {
+    const I_Invokable_Generic read = getter();
+    if (read.isIndependent()) return read.invokeWith(std::span<const Any>());
+    return read(target);
+}
+
+Any Property::set(const Any& target, const Any& content) const {
+    if (setter().isEmpty()) return Error(String("Read-only property: {}.").arg(String(name().text())));
+    const I_Invokable_Generic write(internal::unchecked, setter());
+    if (write.isIndependent()) return write(content);
+    return write(target, content);
+}
+
+}  // namespace tala
