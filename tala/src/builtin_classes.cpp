@@ -1,5 +1,6 @@
 // tala/src/builtin_classes.cpp: the classes of the built-in values, registered on first use.
 #include "tala/boxed.hpp"
+#include "tala/interfaces.hpp"
 #include "tala/class_builder.hpp"
 #include "tala/containers.hpp"
 #include "tala/datetime.hpp"
@@ -18,10 +19,15 @@ const Boolean g_value_boolean_true{true};
 const Boolean g_value_boolean_false{false};
 }  // namespace internal
 
+namespace internal {
+void completeMetaclass(ClassCell& meta);
+}  // namespace internal
+
 Class_Generic Class_Generic::getClass() {
     // The class of classes is its own class, so it cannot go through the builder (which asks
-    // for this very class when it publishes).
-    static const internal::ClassCell* meta = [] {
+    // for this very class when it publishes). It is made bare first; its parents and members,
+    // which are classes and functions themselves, are added once, right after.
+    static internal::ClassCell* meta = [] {
         auto* cell = new internal::ClassCell();
         cell->name = String("Class");
         cell->qualname = String("Class");
@@ -30,6 +36,15 @@ Class_Generic Class_Generic::getClass() {
         cell->setObjectClass(cell);
         return cell;
     }();
+    static std::once_flag completed;
+    thread_local bool completing = false;
+    if (!completing) {
+        std::call_once(completed, [] {
+            completing = true;
+            internal::completeMetaclass(*meta);
+            completing = false;
+        });
+    }
     return Class_Generic(meta);
 }
 
@@ -37,6 +52,17 @@ Class_Generic Class_Generic::getClass() {
     Class_Generic Owner::getClass() {                                                           \
         static const ClassRegistration registration(#Owner, [] { return __VA_ARGS__.build(); }); \
         return registration.get();                                                              \
+    }
+
+namespace internal {
+// An immutable, convertible value class (numbers, text, dates): built by value_classes.cpp.
+Class_Generic scalarClass(const char* name, const char* doc);
+}  // namespace internal
+
+#define TALA_BUILTIN_SCALAR(Owner, name, doc)                                                         \
+    Class_Generic Owner::getClass() {                                                                 \
+        static const ClassRegistration registration(#Owner, [] { return internal::scalarClass(name, doc); }); \
+        return registration.get();                                                                    \
     }
 
 namespace internal {
@@ -50,19 +76,12 @@ const ClassCell* builtinAnyClass() {
 
 TALA_BUILTIN_CLASS(None, ClassBuilder("None").doc("The empty value."))
 TALA_BUILTIN_CLASS(Undefined, ClassBuilder("Undefined").doc("No value here, distinct from None."))
-TALA_BUILTIN_CLASS(Boolean, ClassBuilder("Boolean").doc("True or False."))
-TALA_BUILTIN_CLASS(Integer, ClassBuilder("Integer").doc("A signed 64-bit integer."))
-TALA_BUILTIN_CLASS(Float, ClassBuilder("Float").doc("A 64-bit IEEE floating-point number."))
-TALA_BUILTIN_CLASS(String, ClassBuilder("String").doc("Immutable text stored as UTF-8 bytes."))
-TALA_BUILTIN_CLASS(ByteArray, ClassBuilder("ByteArray").doc("A sequence of bytes."))
-TALA_BUILTIN_CLASS(List_Generic, ClassBuilder("List").doc("A mutable sequence.").flags(class_flags::Sequence))
-TALA_BUILTIN_CLASS(HashMap_Generic, ClassBuilder("HashMap").doc("A mutable map that iterates in insertion order.").flags(class_flags::Mapping))
-TALA_BUILTIN_CLASS(Set_Generic, ClassBuilder("Set").doc("A mutable set.").flags(class_flags::SetLike))
-TALA_BUILTIN_CLASS(Tuple, ClassBuilder("Tuple").doc("A fixed-size sequence of values.").flags(class_flags::Sequence))
+TALA_BUILTIN_SCALAR(Boolean, "Boolean", "True or False.")
+TALA_BUILTIN_SCALAR(Integer, "Integer", "A signed 64-bit integer.")
+TALA_BUILTIN_SCALAR(Float, "Float", "A 64-bit IEEE floating-point number.")
+TALA_BUILTIN_SCALAR(ByteArray, "ByteArray", "A sequence of bytes.")
 TALA_BUILTIN_CLASS(External, ClassBuilder("External").doc("A value kept elsewhere, produced on each load."))
 TALA_BUILTIN_CLASS(Lazy_Generic, ClassBuilder("Lazy").doc("A value computed when first asked for."))
-TALA_BUILTIN_CLASS(I_Invokable_Generic,
-                   ClassBuilder("Function").doc("A function.").flags(class_flags::Invokable))
 TALA_BUILTIN_CLASS(Error, ClassBuilder("Error").doc("An error: a message, and optionally the native exception it came from.")
                               .flags(class_flags::Error)
                               .factory([](const Class_Generic& cls) -> Any { return Error(cls, String()); })
@@ -70,15 +89,16 @@ TALA_BUILTIN_CLASS(Error, ClassBuilder("Error").doc("An error: a message, and op
                                   self.cell()->message = message;
                               }, {"message"}, "Sets the message."))
 TALA_BUILTIN_CLASS(StopIteration, ClassBuilder("StopIteration").doc("The end of an iteration.").parent(Error::getClass()))
-TALA_BUILTIN_CLASS(Date, ClassBuilder("Date").doc("A calendar date."))
-TALA_BUILTIN_CLASS(Time, ClassBuilder("Time").doc("A time of day with nanoseconds, optionally with a UTC offset and zone."))
-TALA_BUILTIN_CLASS(DateTime, ClassBuilder("DateTime").doc("A date and a time of day."))
-TALA_BUILTIN_CLASS(Decimal, ClassBuilder("Decimal").doc("An exact decimal number."))
+TALA_BUILTIN_SCALAR(Date, "Date", "A calendar date.")
+TALA_BUILTIN_SCALAR(Time, "Time", "A time of day with nanoseconds, optionally with a UTC offset and zone.")
+TALA_BUILTIN_SCALAR(DateTime, "DateTime", "A date and a time of day.")
+TALA_BUILTIN_SCALAR(Decimal, "Decimal", "An exact decimal number.")
 TALA_BUILTIN_CLASS(Type, ClassBuilder("Type").doc("A class with type arguments, optional or not."))
 TALA_BUILTIN_CLASS(Signature, ClassBuilder("Signature").doc("The parameters and result type of an invokable."))
 TALA_BUILTIN_CLASS(Property, ClassBuilder("Property").doc("A getter, an optional setter and documentation."))
 
 #undef TALA_BUILTIN_CLASS
+#undef TALA_BUILTIN_SCALAR
 
 namespace internal {
 
@@ -88,6 +108,8 @@ const ClassCell* boxedClass() {
     });
     return registration.get().cell();
 }
+
+const ClassCell* functionClass();
 
 const ClassCell* builtinClassOfKind(Kind kind) {
     switch (kind) {
@@ -99,9 +121,9 @@ const ClassCell* builtinClassOfKind(Kind kind) {
         case Kind::HashMap: return HashMap_Generic::getClass().cell();
         case Kind::Set: return Set_Generic::getClass().cell();
         case Kind::Integer: return Integer::getClass().cell();
-        case Kind::Function: return I_Invokable_Generic::getClass().cell();
+        case Kind::Function: return functionClass();
         case Kind::String: return String::getClass().cell();
-        case Kind::Tuple: return Tuple::getClass().cell();
+        case Kind::Tuple: return Tuple_Generic::getClass().cell();
         case Kind::Boxed: return boxedClass();
         case Kind::External: return External::getClass().cell();
         case Kind::Lazy: return Lazy_Generic::getClass().cell();
@@ -126,4 +148,13 @@ Type Time::getType() { return Type(getClass()); }
 Type DateTime::getType() { return Type(getClass()); }
 Type Decimal::getType() { return Type(getClass()); }
 
+}  // namespace tala
+
+namespace tala {
+namespace {
+// Complete the class of classes while the library loads, before any registration can be under
+// way: its completion registers the interfaces it implements, which would otherwise find
+// themselves already under registration when the first class ever built is one of them.
+[[maybe_unused]] const bool g_metaclassReady = (Class_Generic::getClass(), true);
+}  // namespace
 }  // namespace tala

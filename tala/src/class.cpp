@@ -247,7 +247,9 @@ namespace internal {
 const ClassCell* builtinClassOfKind(Kind kind);
 
 const ClassCell* classCellOf(const Any& value) noexcept {
-    if (ObjectCell* object = objectCellOf(value)) return object->objectClass();
+    if (ObjectCell* object = objectCellOf(value); object != nullptr && object->objectClass() != nullptr) {
+        return object->objectClass();
+    }
     return builtinClassOfKind(value.kind());
 }
 }  // namespace internal

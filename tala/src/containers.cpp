@@ -50,6 +50,7 @@ void OrderedTable::rebuildIndex(std::size_t capacity) {
     // Compact away the holes left by removals, then index the live entries afresh.
     if (size_ != entries_.size()) {
         std::erase_if(entries_, [](const Entry& entry) { return !entry.alive; });
+        ++version_;  // entries moved: iterators over the old positions are invalid
     }
     index_.assign(capacity, -1);
     const std::size_t mask = capacity - 1;
@@ -190,10 +191,10 @@ bool valueFits(const Any& value, const internal::ObjectCell* type) {
 
 Any HashMap_Generic::setChecked(const Any& key, Any value) const {
     if (!valueFits(key, cell()->keyType)) {
-        return Error(String("Key type mismatch: expected {}, got {}.").arg(keysType().toString(), key));
+        return Error(String("Key type mismatch: expected {}, got {}.").arg(keysType().toString(), display(key)));
     }
     if (!valueFits(value, cell()->valueType)) {
-        return Error(String("Value type mismatch: expected {}, got {}.").arg(valuesType().toString(), value));
+        return Error(String("Value type mismatch: expected {}, got {}.").arg(valuesType().toString(), display(value)));
     }
     set(key, std::move(value));
     return Any();

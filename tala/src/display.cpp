@@ -38,7 +38,10 @@ void appendFloat(string_builder& out, double value) {
     char buffer[32];
     auto [end, error] = std::to_chars(buffer, buffer + sizeof buffer, value);
     (void)error;
-    out.append(std::string_view(buffer, static_cast<std::size_t>(end - buffer)));
+    const std::string_view text(buffer, static_cast<std::size_t>(end - buffer));
+    out.append(text);
+    // A whole float still reads as a float: 2.0, not 2 (which is how Integer(2) shows).
+    if (text.find_first_not_of("-0123456789") == std::string_view::npos) out << ".0";
 }
 
 void appendQuoted(string_builder& out, std::string_view text) {
@@ -247,8 +250,6 @@ String display(const Any& value) {
 
 namespace {
 
-int sign(std::int64_t value) { return (value > 0) - (value < 0); }
-
 template <class T>
 int threeWay(const T& a, const T& b) {
     return (a > b) - (a < b);
@@ -310,13 +311,24 @@ std::int64_t compareSets(const Set_Generic& a, const Set_Generic& b) {
 
 std::int64_t compareMaps(const HashMap_Generic& a, const HashMap_Generic& b) {
     if (a.size() != b.size()) return threeWay(a.size(), b.size());
+    // Maps with equal values under equal keys are equal, whatever order they were filled in.
+    bool equal = true;
+    for (const auto& entry : a) {
+        const std::optional<Any> other = b.get(entry.key);
+        if (!other || compare_objects(entry.value, *other) != 0) {
+            equal = false;
+            break;
+        }
+    }
+    if (equal) return 0;
+    // Unequal maps order by their first differing entry in iteration order.
     auto left = a.begin();
     auto right = b.begin();
     for (; left != a.end(); ++left, ++right) {
         if (const std::int64_t order = compare_objects(left->key, right->key)) return order;
         if (const std::int64_t order = compare_objects(left->value, right->value)) return order;
     }
-    return 0;
+    return identityOrder(a, b) < 0 ? -1 : 1;
 }
 
 std::int64_t compareNativeObjects(const Any& a, const Any& b, internal::NativeTag tag, bool& decided) {
@@ -475,9 +487,10 @@ std::uint64_t hash_of(const Any& value) {
             return hash;
         }
         case Kind::HashMap: {
+            // Order-independent, like sets: equal maps may have been filled in different orders.
             std::uint64_t hash = 0x4A5ull;
             for (const auto& entry : HashMap_Generic(internal::unchecked, value)) {
-                hash = combine(combine(hash, hash_of(entry.key)), hash_of(entry.value));
+                hash += mix(combine(hash_of(entry.key), hash_of(entry.value)));
             }
             return hash;
         }

@@ -7,9 +7,9 @@
 namespace tala {
 namespace internal {
 
-FunctionCell::FunctionCell(const ClassCell* functionClass)
-    : ObjectCell(functionClass != nullptr ? functionClass : I_Invokable_Generic::getClass().cell(),
-                 NativeTag::Function) {}
+// Without a class of their own, functions belong to the built-in function class, found when asked
+// for (the function class's own members are functions, made before it exists).
+FunctionCell::FunctionCell(const ClassCell* functionClass) : ObjectCell(functionClass, NativeTag::Function) {}
 
 std::size_t FunctionCell::parameterCount() const {
     return signature().parameterCount() + (isIndependent() ? 0 : 1);

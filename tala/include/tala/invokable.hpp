@@ -223,7 +223,7 @@ private:
     template <std::size_t... I>
     void buildParameters(std::vector<Parameter>& parameters, const std::vector<String>& names,
                          std::index_sequence<I...>) const {
-        const std::size_t skip = independent_ ? 0 : 1;
+        [[maybe_unused]] const std::size_t skip = independent_ ? 0 : 1;
         (
             [&] {
                 if (I < skip) return;
@@ -234,7 +234,7 @@ private:
             ...);
     }
     template <std::size_t... I>
-    Any callChecked(std::span<const Any> arguments, std::index_sequence<I...>) const {
+    Any callChecked([[maybe_unused]] std::span<const Any> arguments, std::index_sequence<I...>) const {
         std::size_t bad = sizeof...(A);
         ((bad == sizeof...(A) && !ArgumentConverter<std::remove_cvref_t<A>>::accepts(arguments[I]) ? bad = I : 0),
          ...);
@@ -248,7 +248,7 @@ private:
         }
     }
     template <std::size_t... I>
-    Any badArgument(std::span<const Any> arguments, std::size_t bad, std::index_sequence<I...>) const {
+    Any badArgument([[maybe_unused]] std::span<const Any> arguments, [[maybe_unused]] std::size_t bad, std::index_sequence<I...>) const {
         Any error;
         ((I == bad ? (void)(error = wrongArgumentType(I, ArgumentConverter<std::remove_cvref_t<A>>::type(),
                                                       arguments[I]))

@@ -22,3 +22,6 @@
 #include "tala/string.hpp"
 #include "tala/type.hpp"
 #include "tala/union.hpp"
+#include "tala/init.hpp"
+#include "tala/interfaces.hpp"
+#include "tala/logger.hpp"

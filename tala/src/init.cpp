@@ -1,0 +1,100 @@
+// tala/src/init.cpp: start-up handlers and extension loading.
+#include "tala/init.hpp"
+
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <mutex>
+#include <numeric>
+
+#include "tala/error.hpp"
+
+namespace tala {
+
+namespace internal {
+namespace {
+
+struct Handlers {
+    std::recursive_mutex runMutex;  // one run at a time; a handler may ask for a run itself
+    std::vector<std::pair<int, InitHandler>> list;
+    std::vector<bool> ran;  // parallel to `list`, grown as the list grows
+};
+
+Handlers& handlers() {
+    static auto* instance = new Handlers();
+    return *instance;
+}
+
+}  // namespace
+
+void add_init_handler(int priority, InitHandler handler) { handlers().list.emplace_back(priority, std::move(handler)); }
+
+std::vector<std::pair<int, InitHandler>>& init_handlers_unsafe() { return handlers().list; }
+
+}  // namespace internal
+
+Any run_init_handlers() {
+    auto& all = internal::handlers();
+    std::lock_guard lock(all.runMutex);
+    std::vector<String> failures;
+    for (;;) {
+        all.ran.resize(all.list.size(), false);
+        std::vector<std::size_t> pending;
+        for (std::size_t index = 0; index < all.list.size(); ++index) {
+            if (!all.ran[index]) pending.push_back(index);
+        }
+        if (pending.empty()) break;
+        std::stable_sort(pending.begin(), pending.end(),
+                         [&](std::size_t a, std::size_t b) { return all.list[a].first < all.list[b].first; });
+        for (std::size_t index : pending) {
+            all.ran[index] = true;
+            // Copy: a handler may add handlers, which can move the list.
+            const internal::InitHandler handler = all.list[index].second;
+            try {
+                handler();
+            } catch (const std::exception& error) {
+                failures.push_back(String(error.what()));
+            } catch (...) {
+                failures.push_back(String("Unknown exception."));
+            }
+            all.ran.resize(all.list.size(), false);
+        }
+    }
+    if (failures.empty()) return Any();
+    string_builder message;
+    message << "Init handlers failed: ";
+    for (std::size_t i = 0; i < failures.size(); ++i) {
+        if (i) message << "; ";
+        message << failures[i];
+    }
+    message << '.';
+    return Error(message.toString());
+}
+
+Any load_extension(const std::string& path) {
+    // The library stays loaded for the life of the process, also when its entry point is
+    // missing or fails: its static initialisers may already have registered handlers and
+    // classes that point into it.
+    void* library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr) {
+        const char* reason = dlerror();
+        return Error(String("Unable to load the extension '{}': {}.").arg(String(path), String(reason ? reason : "unknown error")));
+    }
+    using Entry = void (*)();
+    auto entry = reinterpret_cast<Entry>(dlsym(library, "quarto_extension_init"));
+    if (entry == nullptr) {
+        return Error(String("The extension '{}' has no entry point 'quarto_extension_init'.").arg(String(path)));
+    }
+    try {
+        entry();
+    } catch (const std::exception& error) {
+        return Error(Error::getClass(), String("The entry point of the extension '{}' failed: {}").arg(String(path), String(error.what())),
+                     std::current_exception());
+    } catch (...) {
+        return Error(Error::getClass(), String("The entry point of the extension '{}' failed.").arg(String(path)),
+                     std::current_exception());
+    }
+    return run_init_handlers();
+}
+
+}  // namespace tala
