@@ -106,10 +106,13 @@ public:
         other.kind_ = Kind::Empty;
     }
     Any& operator=(const Any& other) noexcept {
-        if (other.hasCell()) other.payload_.cell->retain();
+        // Read `other` before dropping our own value: they may be one and the same.
+        const Payload payload = other.payload_;
+        const Kind kind = other.kind_;
+        if (internal::kindHasCell(kind)) payload.cell->retain();
         reset();
-        payload_ = other.payload_;
-        kind_ = other.kind_;
+        payload_ = payload;
+        kind_ = kind;
         return *this;
     }
     Any& operator=(Any&& other) noexcept {

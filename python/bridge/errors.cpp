@@ -1,0 +1,112 @@
+// python/bridge/errors.cpp: exception types for host error classes, and the taking of pending exceptions.
+#include "bridge/errors.hpp"
+
+#include <mutex>
+#include <unordered_map>
+
+#include "bridge/from_python.hpp"
+#include "bridge/to_python.hpp"
+#include "extension/gil.hpp"
+#include "pyside/tala_object.hpp"
+
+namespace tala::python {
+
+namespace {
+
+// Host error class -> Python exception type, one per class for the life of the process. The
+// table owns one reference to each type; `lock` guards the map. Callers hold the interpreter
+// lock before they take `lock` (never the other way round), so the two cannot deadlock.
+struct ExceptionTypes {
+    spinlock lock;
+    std::unordered_map<const internal::ClassCell*, PyObject*> types;
+    ExceptionTypes() { types.max_load_factor(1.0f); }
+};
+
+ExceptionTypes& exceptionTypes() {
+    static auto* table = new ExceptionTypes();
+    return *table;
+}
+
+PyObject* makeExceptionType(const Class_Generic& errorClass) {
+    std::string name(errorClass.qualname().view());
+    if (name.empty() || name.find('.') == std::string::npos) name = "tala." + name;
+    PyObjectPtr attributes = PyObjectPtr::steal(PyDict_New());
+    if (!attributes || PyDict_SetItemString(attributes.get(), "tala", Py_None) < 0) {
+        PyErr_Clear();
+        return nullptr;
+    }
+    PyObject* type = PyErr_NewException(name.c_str(), PyExc_RuntimeError, attributes.get());
+    if (type == nullptr) PyErr_Clear();
+    return type;
+}
+
+}  // namespace
+
+PyObject* exception_type_for(const Class_Generic& errorClass) {
+    if (errorClass == StopIteration::getClass()) return PyExc_StopIteration;
+    if (PyObject* pythonType = pythonTypeOfClassView(errorClass)) return pythonType;
+    if (errorClass == Error::getClass()) return PyExc_RuntimeError;
+    GilGuard gil;
+    ExceptionTypes& table = exceptionTypes();
+    std::lock_guard lock(table.lock);
+    auto found = table.types.find(errorClass.cell());
+    if (found != table.types.end()) return found->second;
+    PyObject* type = makeExceptionType(errorClass);
+    if (type == nullptr) return PyExc_RuntimeError;  // not stored: the next request tries again
+    table.types.emplace(errorClass.cell(), type);
+    return type;
+}
+
+void raise_host_error(const Error& error) {
+    GilGuard gil;
+    const Class_Generic errorClass = raw_class_of(error);
+    const String& message = error.message();
+    if (errorClass == Error::getClass() && !error.exception()) {
+        PyErr_SetString(PyExc_RuntimeError, message.c_str());
+        return;
+    }
+    PyObject* type = exception_type_for(errorClass);
+    if (type == nullptr) {
+        PyErr_SetString(PyExc_RuntimeError, message.c_str());
+        return;
+    }
+    PyObjectPtr noArguments = PyObjectPtr::steal(PyTuple_New(0));
+    PyObjectPtr instance = PyObjectPtr::steal(PyObject_CallObject(type, noArguments.get()));
+    if (!instance) {
+        PyErr_Clear();
+        PyErr_SetString(type, message.c_str());
+        return;
+    }
+    PyObjectPtr wrapper = PyObjectPtr::steal(wrapHostValue(error));
+    if (!wrapper || PyObject_SetAttrString(instance.get(), "tala", wrapper.get()) < 0) PyErr_Clear();
+    PyErr_SetObject(type, instance.get());
+}
+
+Union<Error, None> fetch_python_error() {
+    GilGuard gil;
+    if (PyErr_Occurred() == nullptr) return None();
+    PyObject* rawType = nullptr;
+    PyObject* rawValue = nullptr;
+    PyObject* rawTraceback = nullptr;
+    PyErr_Fetch(&rawType, &rawValue, &rawTraceback);
+    if (rawType == nullptr) {
+        Py_DecRef(rawValue);
+        Py_DecRef(rawTraceback);
+        return None();
+    }
+    PyErr_NormalizeException(&rawType, &rawValue, &rawTraceback);
+    PyObjectPtr type = PyObjectPtr::steal(rawType);
+    PyObjectPtr value = PyObjectPtr::steal(rawValue);
+    PyObjectPtr traceback = PyObjectPtr::steal(rawTraceback);
+    Error error = errorFromException(value.get());
+    PyErr_Clear();
+    return error;
+}
+
+Error fetch_python_error_or(const char* fallback) {
+    auto pending = fetch_python_error();
+    if (auto error = pending.get<Error>()) return *error;
+    return Error(String(fallback));
+}
+
+}  // namespace tala::python

@@ -1,0 +1,26 @@
+// python/bridge/errors.hpp: host errors and Python exceptions, each direction in one place.
+#pragma once
+
+#include <Python.h>
+
+#include "tala/tala.hpp"
+
+namespace tala::python {
+
+// The Python exception type that stands for a host error class: StopIteration for the host's,
+// RuntimeError for the base Error, otherwise a type made once per class (named after the class's
+// qualified name, "tala." in front when it has no dot), derived from RuntimeError and carrying a
+// class attribute `tala` (None). A borrowed reference that lives as long as the process.
+PyObject* exception_type_for(const Class_Generic& errorClass);
+
+// Raises a host error in Python (see exception_type_for); the instance carries the wrapped host
+// error in its attribute `tala`. Always leaves an exception set.
+void raise_host_error(const Error& error);
+
+// Takes the pending Python exception, if any, as a host error; the indicator is clear afterwards.
+Union<Error, None> fetch_python_error();
+
+// The pending exception as a host error, or an Error with `fallback` when none is pending.
+Error fetch_python_error_or(const char* fallback);
+
+}  // namespace tala::python

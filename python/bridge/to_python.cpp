@@ -1,0 +1,126 @@
+// python/bridge/to_python.cpp: host values into Python objects, a dispatcher over the kind code.
+#include "bridge/to_python.hpp"
+
+#include "bridge/errors.hpp"
+#include "extension/gil.hpp"
+#include "pyside/tala_object.hpp"
+
+namespace tala::python {
+
+namespace {
+
+// A type of a standard module, looked up once per process. The module stays alive in
+// sys.modules, so the borrowed reference from its dictionary stays valid; a failed look-up
+// leaves null for good, and the constructor call then fails with the interpreter's own error.
+PyObject* standardType(const char* moduleName, const char* typeName) {
+    PyObjectPtr module = PyObjectPtr::steal(PyImport_ImportModule(moduleName));
+    if (!module) {
+        PyErr_Clear();
+        return nullptr;
+    }
+    PyObject* dictionary = PyModule_GetDict(module.get());
+    return dictionary == nullptr ? nullptr : PyDict_GetItemString(dictionary, typeName);
+}
+
+PyObject* decimalType() {
+    static PyObject* type = standardType("decimal", "Decimal");
+    return type;
+}
+PyObject* dateType() {
+    static PyObject* type = standardType("datetime", "date");
+    return type;
+}
+PyObject* timeType() {
+    static PyObject* type = standardType("datetime", "time");
+    return type;
+}
+PyObject* dateTimeType() {
+    static PyObject* type = standardType("datetime", "datetime");
+    return type;
+}
+
+PyObject* callType(PyObject* type, const char* format, auto... arguments) {
+    if (type == nullptr) {
+        PyErr_SetString(PyExc_RuntimeError, "A standard Python type is not available.");
+        return nullptr;
+    }
+    return PyObject_CallFunction(type, format, arguments...);
+}
+
+// Python's datetime takes microseconds: the nanoseconds are cut, not rounded.
+int microseconds(const internal::TimeFields& time) { return static_cast<int>(time.nanoseconds / 1000u); }
+
+PyObject* fromTuple(const Tuple& tuple) {
+    PyObjectPtr result = PyObjectPtr::steal(PyTuple_New(static_cast<Py_ssize_t>(tuple.size())));
+    if (!result) return nullptr;
+    for (std::size_t index = 0; index < tuple.size(); ++index) {
+        PyObject* item = to_python(tuple.at(index));
+        if (item == nullptr) return nullptr;  // the half-built tuple goes with `result`
+        PyTuple_SET_ITEM(result.get(), static_cast<Py_ssize_t>(index), item);
+    }
+    return result.release();
+}
+
+PyObject* fromString(std::string_view text) {
+    return PyUnicode_FromStringAndSize(text.data(), static_cast<Py_ssize_t>(text.size()));
+}
+
+// Objects (kind 8): the first test that matches decides.
+PyObject* fromObject(const Any& value) {
+    if (PyObject* proxied = pythonObjectOfProxy(value)) {
+        Py_IncRef(proxied);
+        return proxied;
+    }
+    switch (value.cellAs<internal::ObjectCell>()->tag()) {
+        case internal::NativeTag::Class: {
+            if (PyObject* type = pythonTypeOfClassView(Class_Generic(internal::unchecked, value))) {
+                Py_IncRef(type);
+                return type;
+            }
+            return wrapHostValue(value);
+        }
+        case internal::NativeTag::Date: {
+            const auto& date = Date(internal::unchecked, value).fields();
+            return callType(dateType(), "iii", int(date.year), int(date.month), int(date.day));
+        }
+        case internal::NativeTag::Decimal:
+            return callType(decimalType(), "s", Decimal(internal::unchecked, value).toString().c_str());
+        case internal::NativeTag::Error: raise_host_error(Error(internal::unchecked, value)); return nullptr;
+        case internal::NativeTag::StringObject: return to_python(String(internal::unchecked, value).sliced(0));
+        case internal::NativeTag::Time: {
+            const auto& time = Time(internal::unchecked, value).fields();
+            return callType(timeType(), "iiii", int(time.hour), int(time.minute), int(time.second), microseconds(time));
+        }
+        case internal::NativeTag::DateTime: {
+            const auto* cell = value.cellAs<internal::DateTimeCell>();
+            return callType(dateTimeType(), "iiiiiii", int(cell->date.year), int(cell->date.month), int(cell->date.day),
+                            int(cell->time.hour), int(cell->time.minute), int(cell->time.second),
+                            microseconds(cell->time));
+        }
+        default: return wrapHostValue(value);
+    }
+}
+
+}  // namespace
+
+PyObject* to_python(const Any& value) {
+    GilGuard gil;
+    switch (value.kind()) {
+        case Kind::Empty: return Py_None;  // immortal: no count taken
+        case Kind::Boolean: return value.rawBoolean() == internal::g_value_boolean_true.value() ? Py_True : Py_False;
+        case Kind::ByteArray: {
+            const ByteArray bytes(internal::unchecked, value);
+            return PyBytes_FromStringAndSize(bytes.data(), static_cast<Py_ssize_t>(bytes.size()));
+        }
+        case Kind::Float: return PyFloat_FromDouble(value.rawFloat());
+        case Kind::Integer: return PyLong_FromLongLong(value.rawInteger());
+        case Kind::Object: return fromObject(value);
+        case Kind::String: return fromString(String(internal::unchecked, value).view());
+        case Kind::Tuple: return fromTuple(Tuple(internal::unchecked, value));
+        case Kind::External: return to_python(External(internal::unchecked, value).load());
+        case Kind::Undefined: return Py_NotImplemented;
+        default: return wrapHostValue(value);
+    }
+}
+
+}  // namespace tala::python

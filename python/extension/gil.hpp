@@ -1,0 +1,80 @@
+// python/extension/gil.hpp: the interpreter-lock holder and the owning and borrowed Python references.
+#pragma once
+
+#include <Python.h>
+
+#include <utility>
+
+namespace tala::python {
+
+// Holds the interpreter lock for one scope. Every operation that touches Python makes one first
+// thing and keeps it to its end; taking the lock nests, so operations never tell each other
+// whether it is held.
+class GilGuard {
+public:
+    GilGuard() noexcept : state_(PyGILState_Ensure()) {}
+    ~GilGuard() { PyGILState_Release(state_); }
+    GilGuard(const GilGuard&) = delete;
+    GilGuard& operator=(const GilGuard&) = delete;
+    GilGuard(GilGuard&&) = delete;
+    GilGuard& operator=(GilGuard&&) = delete;
+
+private:
+    PyGILState_STATE state_;
+};
+
+// A reference that someone else owns, valid while they keep it. Marks in a signature that the
+// receiver takes its own reference if it keeps the object.
+class PyObjectPtr_Borrowed {
+public:
+    constexpr PyObjectPtr_Borrowed() noexcept = default;
+    constexpr explicit PyObjectPtr_Borrowed(PyObject* object) noexcept : object_(object) {}
+    PyObject* get() const noexcept { return object_; }
+    explicit operator bool() const noexcept { return object_ != nullptr; }
+
+private:
+    PyObject* object_ = nullptr;
+};
+
+// Owns exactly one strong reference (or none, when null). Counts change only through the
+// interpreter's exported Py_IncRef / Py_DecRef. Made and dropped while the lock is held: declare
+// it after the operation's GilGuard.
+class PyObjectPtr {
+public:
+    constexpr PyObjectPtr() noexcept = default;
+    // Takes over a new reference (the result of a call that returns one).
+    static PyObjectPtr steal(PyObject* object) noexcept { return PyObjectPtr(object); }
+    // Adds a reference of our own to a borrowed one.
+    static PyObjectPtr borrow(PyObject* object) noexcept {
+        if (object != nullptr) Py_IncRef(object);
+        return PyObjectPtr(object);
+    }
+    static PyObjectPtr borrow(PyObjectPtr_Borrowed object) noexcept { return borrow(object.get()); }
+
+    PyObjectPtr(PyObjectPtr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+    PyObjectPtr& operator=(PyObjectPtr&& other) noexcept {
+        if (this != &other) reset(std::exchange(other.object_, nullptr));
+        return *this;
+    }
+    PyObjectPtr(const PyObjectPtr&) = delete;
+    PyObjectPtr& operator=(const PyObjectPtr&) = delete;
+    ~PyObjectPtr() {
+        if (object_ != nullptr) Py_DecRef(object_);
+    }
+
+    PyObject* get() const noexcept { return object_; }
+    PyObjectPtr_Borrowed borrowed() const noexcept { return PyObjectPtr_Borrowed(object_); }
+    explicit operator bool() const noexcept { return object_ != nullptr; }
+    // Gives the reference to the caller (who now owns it).
+    [[nodiscard]] PyObject* release() noexcept { return std::exchange(object_, nullptr); }
+    void reset(PyObject* stolen = nullptr) noexcept {
+        PyObject* old = std::exchange(object_, stolen);
+        if (old != nullptr) Py_DecRef(old);
+    }
+
+private:
+    constexpr explicit PyObjectPtr(PyObject* object) noexcept : object_(object) {}
+    PyObject* object_ = nullptr;
+};
+
+}  // namespace tala::python

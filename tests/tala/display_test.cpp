@@ -1,0 +1,261 @@
+// tests/tala/display_test.cpp: display texts, ordering across kinds and hashing of every kind.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "tala/tala.hpp"
+#include "value_test_support.hpp"
+
+namespace {
+
+using tala_test::order;
+using tala_test::shown;
+
+tala::Decimal decimal(std::string_view text) { return tala::Decimal::fromString(text).as<tala::Decimal>(); }
+
+tala::I_Invokable_Generic addFunction() {
+    return tala::native_function([](std::int64_t a, std::int64_t b) { return a + b; }, "add", {"a", "b"});
+}
+
+// ---- Display ----------------------------------------------------------------------------------
+
+TEST(Display, ScalarTexts) {
+    EXPECT_EQ(shown(tala::Any()), "None");
+    EXPECT_EQ(shown(tala::None()), "None");
+    EXPECT_EQ(shown(tala::Boolean(true)), "True");
+    EXPECT_EQ(shown(tala::Boolean(false)), "False");
+    EXPECT_EQ(shown(tala::internal::g_value_boolean_true), "True");
+    EXPECT_EQ(shown(tala::Integer(42)), "42");
+    EXPECT_EQ(shown(tala::Integer(-42)), "-42");
+    EXPECT_EQ(shown(tala::Integer(0)), "0");
+    EXPECT_EQ(shown(tala::Undefined()), "Undefined");
+}
+
+TEST(Display, FloatTexts) {
+    EXPECT_EQ(shown(tala::Float(1.5)), "1.5");
+    EXPECT_EQ(shown(tala::Float(-0.25)), "-0.25");
+    EXPECT_EQ(shown(tala::Float(0.1)), "0.1");
+    EXPECT_EQ(shown(tala::Float(std::numeric_limits<double>::infinity())), "inf");
+    EXPECT_EQ(shown(tala::Float(-std::numeric_limits<double>::infinity())), "-inf");
+    EXPECT_EQ(shown(tala::Float(std::numeric_limits<double>::quiet_NaN())), "nan");
+}
+
+TEST(Display, WholeFloatsStayVisiblyFloats) {
+    EXPECT_EQ(shown(tala::Float(2.0)), "2.0");
+    EXPECT_EQ(shown(tala::Float(-3.0)), "-3.0");
+    EXPECT_EQ(shown(tala::Float(0.0)), "0.0");
+    EXPECT_EQ(shown(tala::Float(-0.0)), "-0.0");
+    EXPECT_EQ(shown(tala::List<tala::Any>{tala::Integer(2), tala::Float(2.0)}), "[2, 2.0]");
+    EXPECT_EQ(shown(tala::Float(1e300)), "1e+300");  // an exponent already marks a float
+}
+
+TEST(Display, StringsAreQuotedWithBackslashAndQuoteEscaped) {
+    EXPECT_EQ(shown(tala::String("text")), "'text'");
+    EXPECT_EQ(shown(tala::String("it's")), R"('it\'s')");
+    EXPECT_EQ(shown(tala::String(R"(a\b)")), R"('a\\b')");
+    EXPECT_EQ(shown(tala::String(R"(it's \ here)")), R"('it\'s \\ here')");
+    EXPECT_EQ(shown(tala::String("")), "''");
+    EXPECT_EQ(shown(tala::String("say \"hi\"")), "'say \"hi\"'");
+}
+
+TEST(Display, ByteArraysUseHexEscapes) {
+    EXPECT_EQ(shown(tala::ByteArray(std::string_view("abc"))), "b'abc'");
+    EXPECT_EQ(shown(tala::ByteArray(std::string_view("a\0b\xff", 4))), R"(b'a\x00b\xff')");
+    EXPECT_EQ(shown(tala::ByteArray(std::string_view("\n\r\t'\\\x7f\x1f", 7))), R"(b'\n\r\t\'\\\x7f\x1f')");
+    EXPECT_EQ(shown(tala::ByteArray()), "b''");
+}
+
+TEST(Display, ContainerTexts) {
+    EXPECT_EQ(shown(tala::List<tala::Integer>{1, 2}), "[1, 2]");
+    EXPECT_EQ(shown(tala::List<tala::Integer>()), "[]");
+    EXPECT_EQ(shown(tala::HashMap<tala::String, tala::Integer>{{"a", 1}}), "{'a': 1}");
+    EXPECT_EQ(shown(tala::HashMap<tala::String, tala::Integer>()), "{}");
+    EXPECT_EQ(shown(tala::Set<tala::Integer>{1, 2}), "Set([1, 2])");
+    EXPECT_EQ(shown(tala::Tuple{tala::Integer(1), tala::Integer(2)}), "(1, 2)");
+    EXPECT_EQ(shown(tala::Tuple{tala::Integer(1)}), "(1,)");
+}
+
+TEST(Display, NestedContainers) {
+    const tala::HashMap<tala::String, tala::Any> map{
+        {"list", tala::List<tala::Any>{tala::String("x"), tala::None(), tala::Float(0.5)}},
+        {"set", tala::Set<tala::String>{tala::String("s")}},
+        {"tuple", tala::Tuple{tala::Boolean(false), tala::Undefined()}},
+    };
+    EXPECT_EQ(shown(map), "{'list': ['x', None, 0.5], 'set': Set(['s']), 'tuple': (False, Undefined)}");
+}
+
+TEST(Display, DeeplyNestedListIsCutShort) {
+    tala::List<tala::Any> outer;
+    tala::List<tala::Any> inner = outer;
+    for (int depth = 0; depth < 100; ++depth) {
+        tala::List<tala::Any> next;
+        inner.append(next);
+        inner = next;
+    }
+    const std::string text = shown(outer);
+    EXPECT_NE(text.find("..."), std::string::npos);
+    EXPECT_EQ(text.substr(0, 3), "[[[");
+}
+
+TEST(Display, ListContainingItselfIsCutShort) {
+    const tala::List<tala::Any> list;
+    list.append(list);
+    EXPECT_EQ(shown(list), std::string(65, '[') + "..." + std::string(65, ']'));
+    list.clear();  // breaks the reference cycle
+    EXPECT_EQ(shown(list), "[]");
+}
+
+TEST(Display, FunctionText) { EXPECT_EQ(shown(addFunction()), "Function: 'add'."); }
+
+TEST(Display, DateAndTimeTexts) {
+    EXPECT_EQ(shown(tala::Date(2024, 2, 29)), "2024-02-29");
+    EXPECT_EQ(shown(tala::Date(33, 1, 5)), "0033-01-05");
+    EXPECT_EQ(shown(tala::Time(12, 30, 15)), "12:30:15");
+    EXPECT_EQ(shown(tala::Time(12, 30, 15, 1, 7200, tala::String("CEST"))), "12:30:15.000000001+02:00");
+    EXPECT_EQ(shown(tala::Time(12, 30, 15, 250000000)), "12:30:15.250000");
+    EXPECT_EQ(shown(tala::Time(0, 0, 0, 999999999, 0, tala::String(), 1)), "00:00:00.999999999+00:00");
+    EXPECT_EQ(shown(tala::Time(1, 2, 3, 0, -3600)), "01:02:03-01:00");
+    EXPECT_EQ(shown(tala::Time(1, 2, 3, 0, 3661)), "01:02:03+01:01:01");
+    EXPECT_EQ(shown(tala::DateTime(tala::Date(2024, 2, 29), tala::Time(12, 30, 15))), "2024-02-29T12:30:15");
+}
+
+TEST(Display, DecimalsShowTheirExactText) {
+    EXPECT_EQ(shown(decimal("1.10")), "1.10");
+    EXPECT_EQ(shown(decimal("-0.00")), "-0.00");
+    EXPECT_EQ(shown(decimal("1E+1000")), "1E+1000");
+    EXPECT_EQ(shown(decimal("0.000001")), "0.000001");
+    EXPECT_EQ(shown(tala::List<tala::Any>{decimal("1.10")}), "[1.10]");
+}
+
+TEST(Display, ErrorsShowTheirMessage) {
+    EXPECT_EQ(shown(tala::Error(tala::String("Something went wrong: {}.").arg(tala::Integer(42)))),
+              "Something went wrong: 42.");
+    EXPECT_EQ(shown(tala::StopIteration()), "StopIteration");
+    EXPECT_EQ(shown(tala::Error(tala::String(""))), "");
+}
+
+TEST(Display, OpaqueValueTexts) {
+    EXPECT_EQ(shown(tala::Boxed<int>(7)), "Boxed object.");
+    EXPECT_EQ(shown(tala::External([] { return tala::Any(tala::Integer(1)); })), "External object");
+    EXPECT_EQ(shown(tala::Undefined()), "Undefined");
+}
+
+TEST(Display, DisplayToAppendsToABuilder) {
+    tala::string_builder out;
+    out << "value: ";
+    tala::display_to(out, tala::List<tala::Integer>{1});
+    EXPECT_EQ(out.view(), "value: [1]");
+}
+
+// ---- Ordering across kinds --------------------------------------------------------------------
+
+// One value of every kind, in kind-code order; the empty value first. Float(-100.5) is below
+// Integer(-5) both by kind code and by value, so the chain is consistent with numeric comparison.
+std::vector<tala::Any> oneValuePerKind() {
+    return {
+        tala::None(),
+        tala::Boolean(true),
+        tala::ByteArray(std::string_view("zz")),
+        tala::Float(-100.5),
+        tala::List<tala::Integer>{9},
+        tala::HashMap<tala::String, tala::Integer>{{"z", 9}},
+        tala::Set<tala::Integer>{9},
+        tala::Integer(-5),
+        addFunction(),
+        tala::Date(2024, 1, 1),
+        tala::String("a"),
+        tala::Tuple{tala::Integer(0)},
+        tala::Boxed<int>(0),
+        tala::External([] { return tala::Any(); }),
+        tala::Undefined(),
+    };
+}
+
+TEST(Compare, DifferentKindsOrderByKindCode) {
+    const std::vector<tala::Any> values = oneValuePerKind();
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        for (std::size_t j = 0; j < values.size(); ++j) {
+            SCOPED_TRACE(shown(values[i]) + " vs " + shown(values[j]));
+            const int expected = (i > j) - (i < j);
+            EXPECT_EQ(order(values[i], values[j]), expected);
+        }
+    }
+}
+
+TEST(Compare, KindCodesOfTheChainAreIncreasing) {
+    const std::vector<tala::Any> values = oneValuePerKind();
+    const std::vector<int> codes = {-1, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 15};
+    ASSERT_EQ(values.size(), codes.size());
+    for (std::size_t i = 0; i < values.size(); ++i) EXPECT_EQ(values[i].kindCode(), codes[i]) << shown(values[i]);
+}
+
+TEST(Compare, LazyOrdersAsItsValue) {
+    const tala::Lazy<tala::Integer> lazy([] { return tala::Any(tala::Integer(5)); });
+    EXPECT_EQ(lazy.kindCode(), 13);
+    EXPECT_EQ(order(lazy, tala::Integer(5)), 0);
+    EXPECT_EQ(order(lazy, tala::Float(5.5)), -1);
+    EXPECT_EQ(order(tala::String("a"), lazy), 1);  // kind 9 after kind 6
+}
+
+TEST(Compare, OperatorEqualsUsesCompareObjects) {
+    EXPECT_TRUE(tala::Any(tala::Integer(1)) == tala::Any(tala::Float(1.0)));
+    EXPECT_FALSE(tala::Any(tala::Integer(1)) == tala::Any(tala::String("1")));
+    EXPECT_TRUE(tala::Any(tala::List<tala::Integer>{1}) == tala::Any(tala::List<tala::Integer>{1}));
+}
+
+// ---- Hashing ----------------------------------------------------------------------------------
+
+TEST(Hash, EqualValuesHashEqual) {
+    struct Pair {
+        tala::Any a;
+        tala::Any b;
+    };
+    const std::vector<Pair> pairs = {
+        {tala::None(), tala::Any()},
+        {tala::Boolean(true), tala::internal::g_value_boolean_true},
+        {tala::Integer(2), tala::Float(2.0)},
+        {tala::Integer(-1), tala::Float(-1.0)},
+        {tala::Float(0.5), tala::Float(0.5)},
+        {tala::String("same"), tala::String("same")},
+        {tala::ByteArray(std::string_view("b")), tala::ByteArray(std::string_view("b"))},
+        {tala::List<tala::Integer>{1, 2}, tala::List<tala::Any>{tala::Float(1.0), tala::Integer(2)}},
+        {tala::Tuple{tala::String("t")}, tala::Tuple{tala::String("t")}},
+        {tala::HashMap<tala::String, tala::Integer>{{"k", 1}}, tala::HashMap<tala::String, tala::Integer>{{"k", 1}}},
+        {tala::Set<tala::Integer>{1, 2, 3}, tala::Set<tala::Integer>{3, 2, 1}},
+        {tala::Set<tala::Any>{tala::Integer(1), tala::String("x")}, tala::Set<tala::Any>{tala::String("x"), tala::Float(1.0)}},
+        {decimal("1.10"), decimal("1.1")},
+        {decimal("100"), decimal("1E+2")},
+        {tala::Date(2024, 2, 29), tala::Date(2024, 2, 29)},
+        {tala::Time(12, 30, 15, 1), tala::Time(12, 30, 15, 1)},
+        {tala::DateTime(tala::Date(2024, 2, 29), tala::Time(1, 2, 3)),
+         tala::DateTime(tala::Date(2024, 2, 29), tala::Time(1, 2, 3))},
+        {tala::Boxed<int>(3), tala::Boxed<int>(3)},
+        {tala::Undefined(), tala::Undefined()},
+        {tala::Lazy<tala::String>([] { return tala::Any(tala::String("lazy")); }), tala::String("lazy")},
+    };
+    for (const Pair& pair : pairs) {
+        SCOPED_TRACE(shown(pair.a) + " and " + shown(pair.b));
+        EXPECT_EQ(order(pair.a, pair.b), 0);
+        EXPECT_EQ(tala::hash_of(pair.a), tala::hash_of(pair.b));
+    }
+}
+
+TEST(Hash, CopiesHashEqual) {
+    for (const tala::Any& value : oneValuePerKind()) {
+        const tala::Any copy = value;
+        EXPECT_EQ(tala::hash_of(value), tala::hash_of(copy)) << shown(value);
+    }
+}
+
+TEST(Hash, DifferentSimpleValuesHashDifferently) {
+    EXPECT_NE(tala::hash_of(tala::Integer(1)), tala::hash_of(tala::Integer(2)));
+    EXPECT_NE(tala::hash_of(tala::String("a")), tala::hash_of(tala::String("b")));
+    EXPECT_NE(tala::hash_of(tala::Float(0.5)), tala::hash_of(tala::Float(0.25)));
+    EXPECT_NE(tala::hash_of(tala::List<tala::Integer>{1, 2}), tala::hash_of(tala::List<tala::Integer>{2, 1}));
+    EXPECT_NE(tala::hash_of(decimal("1.1")), tala::hash_of(decimal("1.2")));
+}
+
+}  // namespace
