@@ -19,6 +19,7 @@ namespace {
 struct ExceptionTypes {
     spinlock lock;
     std::unordered_map<const internal::ClassCell*, PyObject*> types;
+    std::unordered_map<PyObject*, const internal::ClassCell*> classes;  // the same pairs, the other way
     ExceptionTypes() { types.max_load_factor(1.0f); }
 };
 
@@ -54,7 +55,27 @@ PyObject* exception_type_for(const Class_Generic& errorClass) {
     PyObject* type = makeExceptionType(errorClass);
     if (type == nullptr) return PyExc_RuntimeError;  // not stored: the next request tries again
     table.types.emplace(errorClass.cell(), type);
+    table.classes.emplace(type, errorClass.cell());
     return type;
+}
+
+std::optional<Class_Generic> hostClassOfExceptionType(PyObject* type) {
+    ExceptionTypes& table = exceptionTypes();
+    std::lock_guard lock(table.lock);
+    auto found = table.classes.find(type);
+    if (found == table.classes.end()) return std::nullopt;
+    return Class_Generic(found->second);
+}
+
+Class_Generic host_error_class_for(PyObject* exceptionType) {
+    if (exceptionType == nullptr) return Error::getClass();
+    if (exceptionType == PyExc_StopIteration) return StopIteration::getClass();
+    GilGuard gil;
+    if (!PyType_Check(exceptionType)) return Error::getClass();
+    auto cls = Class_Generic::cast(from_python(exceptionType));
+    PyErr_Clear();
+    if (cls && I_Invokable_Generic(internal::unchecked, *cls).resultType().specializes(Error::getType())) return *cls;
+    return Error::getClass();
 }
 
 void raise_host_error(const Error& error) {

@@ -17,6 +17,14 @@ PyObject* exception_type_for(const Class_Generic& errorClass);
 // error in its attribute `tala`. Always leaves an exception set.
 void raise_host_error(const Error& error);
 
+// The host error class that stands for a Python exception type: the host class a type was made
+// for, StopIteration for Python's, the host view of any other exception class, and the base
+// Error for anything else.
+Class_Generic host_error_class_for(PyObject* exceptionType);
+
+// The host error class a Python type was made for by exception_type_for, if it was.
+std::optional<Class_Generic> hostClassOfExceptionType(PyObject* type);
+
 // Takes the pending Python exception, if any, as a host error; the indicator is clear afterwards.
 Union<Error, None> fetch_python_error();
 

@@ -1,30 +1,236 @@
-// python/bridge/from_python.cpp: Python objects into host values.
+// python/bridge/from_python.cpp: Python objects into host values, by a fixed order of tests.
 #include "bridge/from_python.hpp"
 
+#include <cmath>
+
+#include "bridge/errors.hpp"
 #include "extension/gil.hpp"
+#include "functions/function_python.hpp"
+#include "proxies/python_proxy.hpp"
+#include "proxies/python_type.hpp"
 #include "pyside/tala_object.hpp"
 
 namespace tala::python {
 
-Error errorFromException(PyObject* exception) {
-    GilGuard gil;
-    PyObjectPtr carried = PyObjectPtr::steal(PyObject_GetAttrString(exception, "tala"));
-    if (!carried) PyErr_Clear();
-    if (const Any* wrapped = wrappedHostValue(carried.get())) {
-        if (auto error = Error::cast(*wrapped)) return *error;
+namespace {
+
+// Types looked up once per process; separate from the caches of the other direction. A failed
+// look-up stays null and the test it serves never matches.
+PyObject* moduleAttribute(const char* moduleName, const char* name) {
+    PyObjectPtr module = PyObjectPtr::steal(PyImport_ImportModule(moduleName));
+    if (!module) {
+        PyErr_Clear();
+        return nullptr;
+    }
+    PyObject* dictionary = PyModule_GetDict(module.get());
+    return dictionary == nullptr ? nullptr : PyDict_GetItemString(dictionary, name);
+}
+
+PyObject* decimalType() {
+    static PyObject* type = moduleAttribute("decimal", "Decimal");
+    return type;
+}
+PyObject* dateType() {
+    static PyObject* type = moduleAttribute("datetime", "date");
+    return type;
+}
+PyObject* timeType() {
+    static PyObject* type = moduleAttribute("datetime", "time");
+    return type;
+}
+PyObject* dateTimeType() {
+    static PyObject* type = moduleAttribute("datetime", "datetime");
+    return type;
+}
+PyObject* formatException() {
+    static PyObject* function = [] {
+        PyObject* found = moduleAttribute("traceback", "format_exception");
+        if (found != nullptr) Py_IncRef(found);  // kept for the life of the process
+        return found;
+    }();
+    return function;
+}
+
+String stringFromUnicode(PyObject* text) {
+    PyObjectPtr bytes = PyObjectPtr::steal(PyUnicode_AsUTF8String(text));
+    if (!bytes) {
+        PyErr_Clear();  // a lone surrogate cannot be encoded: the empty string
+        return String();
+    }
+    return String(PyBytes_AsString(bytes.get()), static_cast<std::size_t>(PyBytes_Size(bytes.get())));
+}
+
+Any fromFloat(PyObject* object) {
+    const double value = PyFloat_AsDouble(object);
+    if (!std::isnan(value)) {
+        double whole = 0.0;
+        if (std::modf(value, &whole) == 0.0) {
+            // Whole numbers (the infinities too) come over as integers; the conversion of values
+            // outside the 64-bit range is the platform's.
+            if (std::isfinite(value) && value >= -9223372036854775808.0 && value < 9223372036854775808.0) {
+                return Integer(static_cast<std::int64_t>(value));
+            }
+            return Integer(value < 0 ? INT64_MIN : INT64_MAX);
+        }
+    }
+    return Float(value);
+}
+
+Any fromNumber(PyObject* object) {
+    PyObjectPtr number = PyObjectPtr::steal(PyNumber_Long(object));
+    if (!number) return Integer(-1);  // the failure stays pending for the caller
+    return Integer(PyLong_AsLongLong(number.get()));
+}
+
+Any fromDecimal(PyObject* object) {
+    PyObjectPtr text = PyObjectPtr::steal(PyObject_Str(object));
+    Any converted = from_python(text.get());
+    if (auto asString = String::cast(converted)) return Decimal::fromString(asString->view());
+    return converted;
+}
+
+bool isInt(PyObject* object) { return object != nullptr && PyLong_Check(object); }
+
+PyObjectPtr attribute(PyObject* object, const char* name) {
+    PyObjectPtr value = PyObjectPtr::steal(PyObject_GetAttrString(object, name));
+    if (!value) PyErr_Clear();
+    return value;
+}
+
+PyObjectPtr callNoArguments(PyObject* object, const char* name) {
+    PyObjectPtr value = PyObjectPtr::steal(PyObject_CallMethod(object, name, nullptr));
+    if (!value) PyErr_Clear();
+    return value;
+}
+
+// Row 17: objects that cannot be iterated.
+Any fromNonIterable(PyObject* object) {
+    PyTypeObject* type = Py_TYPE(object);
+    if (reinterpret_cast<PyObject*>(type) == dateType()) {
+        if (auto date = date_from_python(object)) return *date;
+    } else if (reinterpret_cast<PyObject*>(type) == timeType()) {
+        if (auto time = time_from_python(object)) return *time;
+    } else if (reinterpret_cast<PyObject*>(type) == dateTimeType()) {
+        auto date = date_from_python(object);
+        auto time = time_from_python(object);
+        if (date && time) return DateTime(*date, *time);
+    }
+    return makePythonProxy(object);
+}
+
+String exceptionMessage(PyObject* exception) {
+    if (PyObject_IsInstance(exception, PyExc_SyntaxError) == 1 && formatException() != nullptr) {
+        PyObjectPtr lines = PyObjectPtr::steal(PyObject_CallOneArg(formatException(), exception));
+        if (lines) {
+            PyObjectPtr empty = PyObjectPtr::steal(PyUnicode_FromString(""));
+            PyObjectPtr joined = PyObjectPtr::steal(PyUnicode_Join(empty.get(), lines.get()));
+            if (joined) {
+                String text = stringFromUnicode(joined.get());
+                if (!text.isEmpty()) return text;
+            }
+        }
+        PyErr_Clear();
     }
     PyObjectPtr text = PyObjectPtr::steal(PyObject_Str(exception));
     if (!text) {
         PyErr_Clear();
-        return Error(String("Unknown Python error."));
+        return String();
     }
-    Py_ssize_t size = 0;
-    const char* utf8 = PyUnicode_AsUTF8AndSize(text.get(), &size);
-    if (utf8 == nullptr) {
-        PyErr_Clear();
-        return Error(String("Unknown Python error."));
+    return stringFromUnicode(text.get());
+}
+
+}  // namespace
+
+std::optional<Date> date_from_python(PyObject* object) {
+    GilGuard gil;
+    PyObjectPtr year = attribute(object, "year");
+    PyObjectPtr month = attribute(object, "month");
+    PyObjectPtr day = attribute(object, "day");
+    if (!isInt(year.get()) || !isInt(month.get()) || !isInt(day.get())) return std::nullopt;
+    return Date(static_cast<std::int32_t>(PyLong_AsLong(year.get())), static_cast<std::uint8_t>(PyLong_AsLong(month.get())),
+                static_cast<std::uint8_t>(PyLong_AsLong(day.get())));
+}
+
+std::optional<Time> time_from_python(PyObject* object) {
+    GilGuard gil;
+    PyObjectPtr hour = attribute(object, "hour");
+    PyObjectPtr minute = attribute(object, "minute");
+    PyObjectPtr second = attribute(object, "second");
+    PyObjectPtr microsecond = attribute(object, "microsecond");
+    if (!isInt(hour.get()) || !isInt(minute.get()) || !isInt(second.get()) || !isInt(microsecond.get())) {
+        return std::nullopt;
     }
-    return Error(String(utf8, static_cast<std::size_t>(size)));
+    const auto h = static_cast<std::uint8_t>(PyLong_AsLong(hour.get()));
+    const auto m = static_cast<std::uint8_t>(PyLong_AsLong(minute.get()));
+    const auto s = static_cast<std::uint8_t>(PyLong_AsLong(second.get()));
+    const auto nanoseconds = static_cast<std::uint32_t>(PyLong_AsLong(microsecond.get()) * 1000);
+    // An offset is taken only when total_seconds() gives an int. The standard library's gives a
+    // float, so a standard aware time comes over naive; that asymmetry is deliberate.
+    PyObjectPtr offset = callNoArguments(object, "utcoffset");
+    if (offset && offset.get() != Py_None) {
+        PyObjectPtr seconds = callNoArguments(offset.get(), "total_seconds");
+        if (isInt(seconds.get())) {
+            PyObjectPtr foldValue = attribute(object, "fold");
+            const auto fold = static_cast<std::uint8_t>(isInt(foldValue.get()) ? PyLong_AsLong(foldValue.get()) : 0);
+            PyObjectPtr zone = callNoArguments(object, "tzname");
+            String zoneName = String::cast(from_python(zone.get())).value_or(String());
+            PyErr_Clear();
+            return Time(h, m, s, nanoseconds, static_cast<std::int32_t>(PyLong_AsLong(seconds.get())), zoneName, fold);
+        }
+    }
+    return Time(h, m, s, nanoseconds);
+}
+
+Error errorFromException(PyObject* exception) {
+    GilGuard gil;
+    // An exception raised from a host error carries it: the same error comes back.
+    if (PyObjectPtr carried = attribute(exception, "tala"); carried && carried.get() != Py_None) {
+        Any original = from_python(carried.get());
+        if (auto error = Error::cast(original)) return *error;
+    }
+    const Class_Generic errorClass = host_error_class_for(reinterpret_cast<PyObject*>(Py_TYPE(exception)));
+    const String message = exceptionMessage(exception);
+    if (object_value_python_type::matches(errorClass) || errorClass == Error::getClass()) return Error(message);
+    Any made = errorClass.instantiate(std::vector<Any>{message});
+    if (auto error = Error::cast(made)) return *error;
+    return Error(message);
+}
+
+Any from_python(PyObject* object) {
+    if (object == nullptr || object == Py_None) return Any();
+    if (object == Py_NotImplemented) return Undefined();
+    GilGuard gil;
+    if (const Any* wrapped = wrappedHostValue(object)) return *wrapped;
+    PyTypeObject* type = Py_TYPE(object);
+    if (type == &PyBool_Type) return Boolean(object == Py_True);
+    if (PyByteArray_Check(object)) {
+        return ByteArray(PyByteArray_AsString(object), static_cast<std::size_t>(PyByteArray_Size(object)));
+    }
+    if (PyBytes_Check(object)) return ByteArray(PyBytes_AsString(object), static_cast<std::size_t>(PyBytes_Size(object)));
+    if (reinterpret_cast<PyObject*>(type) == decimalType()) return fromDecimal(object);
+    if (PyFloat_Check(object)) return fromFloat(object);
+    if (PyNumber_Check(object)) return fromNumber(object);
+    if (PyObject_IsInstance(object, PyExc_Exception) == 1) return errorFromException(object);
+    if (PyType_Check(object)) return classOfPythonType(object);
+    if (PyCallable_Check(object)) return FunctionPython::fromCallable(object);
+    if (PyUnicode_Check(object)) return stringFromUnicode(object);
+    if (PyDict_Check(object)) return makeCollectionProxy(CollectionKind::Mapping, object);
+    if ((type->tp_as_sequence != nullptr && type->tp_as_sequence->sq_item != nullptr) || PyList_Check(object)) {
+        return makeCollectionProxy(CollectionKind::Sequence, object);
+    }
+    if (PySet_Check(object)) return makeCollectionProxy(CollectionKind::Set, object);
+    if (type->tp_iter == nullptr) return fromNonIterable(object);
+    return makeCollectionProxy(CollectionKind::Iterable, object);
+}
+
+Any from_python_result(PyObject* object) {
+    GilGuard gil;
+    Any value = from_python(object);
+    if (PyErr_Occurred() != nullptr) {
+        auto pending = fetch_python_error();
+        if (auto error = pending.get<Error>()) return *error;
+    }
+    return value;
 }
 
 }  // namespace tala::python

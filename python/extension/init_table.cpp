@@ -5,6 +5,8 @@
 #include "extension/identifiers.hpp"
 #include "extension/interpreter.hpp"
 #include "extension/sys_path.hpp"
+#include "functions/function_python.hpp"
+#include "proxies/python_proxy.hpp"
 #include "tala/init.hpp"
 #include "tala/module.hpp"
 
@@ -24,7 +26,19 @@ void registerModuleFunctions() {
 // The interpreter normally starts here, while the host runs the init handlers.
 void startInterpreter() { (void)ensurePythonOnce(); }
 
+template <class T>
+void registerClass() {
+    (void)T::getClass();
+}
+
 [[maybe_unused]] const bool g_registered = [] {
+    internal::add_init_handler(1, registerClass<FunctionPython>);
+    internal::add_init_handler(1, registerClass<PythonProxy>);
+    internal::add_init_handler(1, registerClass<PythonProxyIterable>);
+    internal::add_init_handler(1, registerClass<PythonProxyIterator>);
+    internal::add_init_handler(1, registerClass<PythonProxyMapping>);
+    internal::add_init_handler(1, registerClass<PythonProxySequence>);
+    internal::add_init_handler(1, registerClass<PythonProxySet>);
     // Appended to the list itself rather than through add_init_handler: the same entry either way.
     internal::init_handlers_unsafe().emplace_back(2, startInterpreter);
     internal::add_init_handler(4, registerModuleFunctions);

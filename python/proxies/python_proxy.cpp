@@ -1,8 +1,255 @@
-// python/proxies/python_proxy.cpp: host proxies of Python objects.
+// python/proxies/python_proxy.cpp: the generic host proxy of a Python object and its reflective methods.
+#include "proxies/python_proxy.hpp"
+
+#include "bridge/errors.hpp"
+#include "bridge/from_python.hpp"
 #include "bridge/to_python.hpp"
+#include "extension/gil.hpp"
+#include "extension/identifiers.hpp"
+#include "functions/function_python.hpp"
 
 namespace tala::python {
 
-PyObject* pythonObjectOfProxy(const Any&) { return nullptr; }
+namespace {
+
+using Box = Boxed<PyObject*>;
+
+bool derivesFrom(const Any& value, const Class_Generic& cls) {
+    const internal::ObjectCell* object = internal::objectCellOf(value);
+    return object != nullptr && object->objectClass() != nullptr && object->objectClass()->derivesFrom(cls.cell());
+}
+
+// Gives the proxy's reference back, under the lock, when the proxy goes.
+void releaseObject(const Any& self) {
+    GilGuard gil;
+    if (PyObject* object = pyobjectOf(self)) Py_DecRef(object);
+}
+
+PyObjectPtr attributeOf(PyObject* object, const String& name) {
+    PyObjectPtr value = PyObjectPtr::steal(PyObject_GetAttrString(object, name.c_str()));
+    if (!value) PyErr_Clear();
+    return value;
+}
+
+Union<I_Invokable_Generic, None> methodLookup(const Any& self, const String& name) {
+    if (auto own = raw_method_of(self, name.view()); !own.isEmpty()) return own;
+    GilGuard gil;
+    PyObject* object = pyobjectOf(self);
+    if (object == nullptr) return None();
+    PyObjectPtr attribute = attributeOf(object, name);
+    if (!attribute) return None();
+    Any converted = from_python(attribute.get());
+    PyErr_Clear();
+    if (auto invokable = I_Invokable_Generic::cast(converted)) return *invokable;
+    return None();
+}
+
+// A Python accessor function used as a host getter or setter: it takes the receiver first, as
+// the Python function takes `self`.
+I_Invokable_Generic receiverTaking(const I_Invokable_Generic& function) {
+    return make_function(
+        function.name(), [function](std::span<const Any> arguments) { return function.invokeWith(arguments); },
+        function.signature(), false, function.doc());
+}
+
+Union<Property, None> propertyFromPythonProperty(PyObject* pythonProperty, Identifier id) {
+    PyObjectPtr fget = attributeOf(pythonProperty, String("fget"));
+    auto getter = I_Invokable_Generic::cast(from_python(fget.get()));
+    PyErr_Clear();
+    if (!fget || !getter) return None();
+    PyObjectPtr fset = attributeOf(pythonProperty, String("fset"));
+    auto setter = I_Invokable_Generic::cast(from_python(fset.get()));
+    PyErr_Clear();
+    if (setter && setter->resultType().specializes(None::getType())) {
+        return Property(id, receiverTaking(*getter), receiverTaking(*setter));
+    }
+    return Property(id, receiverTaking(*getter));
+}
+
+Union<Property, None> propertyLookup(const Any& self, const String& name) {
+    if (auto own = raw_property_of(self, name.view()); !own.isEmpty()) return own;
+    GilGuard gil;
+    PyObject* object = pyobjectOf(self);
+    if (object == nullptr) return None();
+    PyObjectPtr attribute = attributeOf(object, name);
+    if (!attribute) return None();
+    const Identifier id = Identifier::intern(name.view());
+    if (PyObject_TypeCheck(attribute.get(), &PyProperty_Type)) {
+        auto property = propertyFromPythonProperty(attribute.get(), id);
+        if (!property.isEmpty()) return property;
+    }
+    // Any other attribute: a value property holding the value as it is now.
+    Any value = from_python(attribute.get());
+    PyErr_Clear();
+    return Property::value(id, std::move(value));
+}
+
+Any setPythonAttribute(PyObject* object, const ByteArray& name, const Any& value) {
+    PyObjectPtr converted = PyObjectPtr::steal(to_python(value));
+    if (!converted) return fetch_python_error_or("Unable to convert the value.");
+    const std::string attributeName(name.view());
+    if (PyObject_SetAttrString(object, attributeName.c_str(), converted.get()) < 0) {
+        return fetch_python_error_or("Unable to set the attribute.");
+    }
+    return None();
+}
+
+Union<None, Lazy<None>, Error> insertProperty(const Any& self, const ByteArray& name, const Property& property) {
+    const I_Invokable_Generic getter = property.getter();
+    if (getter.functionKind() != FunctionKind::Constant) {
+        return Error(String("Unable to insert non-value property to a python object, use 'raw_insert_property' instead."));
+    }
+    GilGuard gil;
+    PyObject* object = pyobjectOf(self);
+    if (object == nullptr) return Error(String("The object is null."));
+    Any result = setPythonAttribute(object, name, getter.constantValue());
+    if (auto error = Error::cast(result)) return *error;
+    return None();
+}
+
+Union<None, Lazy<None>, Error> insertMethod(const Any& self, const ByteArray& name, const I_Invokable_Generic& method) {
+    I_Invokable_Generic stored = method;
+    if (!method.isIndependent() && method.parameterCount() != 0) stored = method.bindArgs(self);
+    GilGuard gil;
+    PyObject* object = pyobjectOf(self);
+    if (object == nullptr) return Error(String("The object is null."));
+    Any result = setPythonAttribute(object, name, stored);
+    if (auto error = Error::cast(result)) return *error;
+    return None();
+}
+
+Union<String, Lazy<String>, Error> displayProxy(const Any& self) {
+    Any text = resolve(callPythonMethod(self, String("__str__"), {}));
+    if (auto error = Error::cast(text)) return *error;
+    if (auto asString = String::cast(text)) return *asString;
+    return display(text);
+}
+
+// The comparison helper, compiled once per process and kept for ever (never released).
+PyObject* compareHelper() {
+    static PyObject* helper = [] {
+        static const Any* function = new Any(FunctionPython::fromSource(String(
+            "def cmp(a, b):\n    if a > b:\n        return 1\n    else:\n        if a < b:\n            return -1\n    return 0")));
+        return pythonCallableOf(*function);
+    }();
+    return helper;
+}
+
+std::int64_t identityDifference(const Any& a, const Any& b) {
+    return static_cast<std::int64_t>(object_id(a) - object_id(b));
+}
+
+Union<Integer, Lazy<Integer>, Error> compareProxy(const Any& self, const Any& other) {
+    if (internal::cast_object(other, PythonProxy::getClass()).isEmpty()) return Integer(identityDifference(self, other));
+    GilGuard gil;
+    PyObject* mine = pyobjectOf(self);
+    PyObject* theirs = pyobjectOf(other);
+    if (mine == nullptr || theirs == nullptr) return Integer(identityDifference(self, other));
+    if (mine == theirs) return Integer(0);
+    if (richcmpfunc compare = Py_TYPE(mine)->tp_richcompare) {
+        static constexpr std::pair<int, std::int64_t> kOrder[] = {{Py_LT, -1}, {Py_GT, 1}, {Py_EQ, 0}};
+        for (const auto& [operation, answer] : kOrder) {
+            PyObject* result = compare(mine, theirs, operation);
+            if (result == Py_True) return Integer(answer);
+            if (result != nullptr) Py_DecRef(result);
+        }
+    }
+    PyErr_Clear();
+    PyObject* helper = compareHelper();
+    PyObjectPtr result = PyObjectPtr::steal(helper == nullptr ? nullptr : PyObject_CallFunctionObjArgs(helper, mine, theirs, nullptr));
+    if (!result) {
+        (void)fetch_python_error();
+        return Error(String("Unable to call helper function."));
+    }
+    Any converted = from_python(result.get());
+    PyErr_Clear();
+    if (converted.kind() == Kind::Integer) return Integer(converted.rawInteger());
+    return Error(String("Unable to call helper function."));
+}
+
+}  // namespace
+
+bool PythonProxy::matches(const Any& value) { return derivesFrom(value, getClass()); }
+
+PyObject* pyobjectOf(const Any& proxy) {
+    Any stored = proxy.fieldValue($_pyobj);
+    while (stored.kind() == Kind::Lazy) stored = Lazy_Generic(internal::unchecked, stored).resolve();
+    if (!Box::matches(stored)) return nullptr;
+    return Box(internal::unchecked, stored).value();
+}
+
+PyObject* pythonObjectOfProxy(const Any& value) {
+    if (!PythonProxy::matches(value)) return nullptr;
+    return pyobjectOf(value);
+}
+
+namespace internal_proxy {
+Any makeProxyOf(const Class_Generic& cls, PyObject* object) {
+    Py_IncRef(object);
+    Any proxy = make_instance(cls);
+    (void)proxy.setFieldValue($_pyobj, Box(object));
+    return proxy;
+}
+}  // namespace internal_proxy
+
+Any makePythonProxy(PyObject* object) { return internal_proxy::makeProxyOf(PythonProxy::getClass(), object); }
+
+Union<Any, Lazy<Any>, Error> callPythonMethod(const Any& self, const String& name, const std::vector<Any>& arguments) {
+    GilGuard gil;
+    PyObject* object = pyobjectOf(self);
+    if (object == nullptr) return Error(String("The object is null."));
+    PyObjectPtr method = attributeOf(object, name);
+    if (!method || !PyCallable_Check(method.get())) {
+        return Error(String("The method is missing: {}, target object: {}.").arg(name, display(self)));
+    }
+    PyObjectPtr tuple = PyObjectPtr::steal(PyTuple_New(static_cast<Py_ssize_t>(arguments.size())));
+    for (std::size_t index = 0; index < arguments.size(); ++index) {
+        PyObject* converted = to_python(arguments[index]);
+        if (converted == nullptr) {
+            if (PyErr_Occurred() != nullptr) return fetch_python_error_or("");
+            return Error(String("Unable to convert an argument: {}.").arg(display(arguments[index])));
+        }
+        PyTuple_SET_ITEM(tuple.get(), static_cast<Py_ssize_t>(index), converted);
+    }
+    PyObjectPtr result = PyObjectPtr::steal(PyObject_Call(method.get(), tuple.get(), nullptr));
+    if (!result) return fetch_python_error_or("The Python call failed.");
+    return from_python_result(result.get());
+}
+
+Class_Generic PythonProxy::getClass() {
+    static const ClassRegistration registration("PythonProxy", [] {
+        auto removeNothing = [](const PythonProxy&, const ByteArray&) -> Union<Boolean, Lazy<Boolean>, Error> {
+            return Boolean(false);
+        };
+        return ClassBuilder("PythonProxy")
+            .doc("Proxy wrapper around of 'PyObject'.")
+            .parent(I_RuntimeOnly::getClass())
+            .field($_pyobj)
+            .finalizer(releaseObject)
+            .method(Any::$__removeProperty__, removeNothing, {"name"})
+            .method(Any::$__removeMethod__, removeNothing, {"name"})
+            .method(Any::$__property__, [](const PythonProxy& self, const String& name) { return propertyLookup(self, name); },
+                    {"name"})
+            .method(Any::$__ownProperty__, [](const PythonProxy& self, const String& name) { return propertyLookup(self, name); },
+                    {"name"})
+            .method(Any::$__ownProperties__, [](const PythonProxy&) { return HashMap<String, Property>(); })
+            .method(Any::$__ownMethods__, [](const PythonProxy&) { return HashMap<String, I_Invokable_Generic>(); })
+            .method(Any::$__ownMethod__, [](const PythonProxy& self, const String& name) { return methodLookup(self, name); },
+                    {"name"})
+            .method(Any::$__method__, [](const PythonProxy& self, const String& name) { return methodLookup(self, name); },
+                    {"name"})
+            .method(Any::$__insertProperty__, [](const PythonProxy& self, const ByteArray& name, const Property& property) {
+                return insertProperty(self, name, property);
+            }, {"name", "property"})
+            .method(Any::$__insertMethod__, [](const PythonProxy& self, const ByteArray& name, const I_Invokable_Generic& method) {
+                return insertMethod(self, name, method);
+            }, {"name", "method"})
+            .method(Any::$__display__, [](const PythonProxy& self) { return displayProxy(self); })
+            .method(Any::$__compare__, [](const PythonProxy& self, const Any& other) { return compareProxy(self, other); },
+                    {"other"})
+            .build();
+    });
+    return registration.get();
+}
 
 }  // namespace tala::python

@@ -1,8 +1,226 @@
-// python/proxies/python_type.cpp: Python classes seen as host classes.
+// python/proxies/python_type.cpp: host class views of Python types, one per type for the life of the process.
+#include "proxies/python_type.hpp"
+
+#include <algorithm>
+#include <mutex>
+#include <vector>
+#include <unordered_map>
+
+#include "bridge/errors.hpp"
+#include "bridge/from_python.hpp"
 #include "bridge/to_python.hpp"
+#include "functions/function_python.hpp"
 
 namespace tala::python {
 
-PyObject* pythonTypeOfClassView(const Class_Generic&) { return nullptr; }
+namespace {
+
+using Box = Boxed<PyObject*>;
+
+PyObjectPtr attributeOf(PyObject* object, const char* name) {
+    PyObjectPtr value = PyObjectPtr::steal(PyObject_GetAttrString(object, name));
+    if (!value) PyErr_Clear();
+    return value;
+}
+
+String docOf(PyObject* object) {
+    PyObjectPtr doc = attributeOf(object, "__doc__");
+    if (!doc || !PyUnicode_Check(doc.get())) return String();
+    Py_ssize_t size = 0;
+    const char* text = PyUnicode_AsUTF8AndSize(doc.get(), &size);
+    if (text == nullptr) {
+        PyErr_Clear();
+        return String();
+    }
+    return String(text, static_cast<std::size_t>(size));
+}
+
+// The message of an error whose class is a view of a Python exception class: the exception's
+// arguments and notes, one per line.
+Any exceptionMessage(const Any& self) {
+    List<Any> items;
+    for (const char* name : {"args", "__notes__"}) {
+        auto property = property_of(self, std::string_view(name));
+        if (property.isEmpty()) continue;
+        Any value = property.as<Property>().get(self);
+        if (I_Iterable_Generic::matches(value)) {
+            Any iterator = I_Iterable_Generic(internal::unchecked, value).iter();
+            for (Any item; I_Iterator_Generic::matches(iterator);) {
+                item = I_Iterator_Generic(internal::unchecked, iterator).next();
+                if (is_error_result(item)) break;
+                items.append(item);
+            }
+        }
+    }
+    return String::join(items, "\n");
+}
+
+void describeMembers(internal::ClassCell& cls, PyObject* type) {
+    PyObjectPtr dictionary = attributeOf(type, "__dict__");
+    if (!dictionary) return;
+    PyObjectPtr items = PyObjectPtr::steal(PyMapping_Items(dictionary.get()));
+    if (!items) {
+        PyErr_Clear();
+        return;
+    }
+    const Py_ssize_t count = PyList_Size(items.get());
+    for (Py_ssize_t index = 0; index < count; ++index) {
+        PyObject* pair = PyList_GetItem(items.get(), index);
+        PyObject* key = PyTuple_GetItem(pair, 0);
+        PyObject* value = PyTuple_GetItem(pair, 1);
+        auto name = String::cast(from_python(key));
+        if (!name || name->isEmpty() || name->startsWith("_")) continue;
+        const Identifier id = Identifier::intern(name->view());
+        if (PyType_Check(value)) {
+            auto nested = classOfPythonType(value);
+            if (auto nestedClass = nested.get<Class_Generic>()) cls.addProperty(id, Property::value(id, *nestedClass, docOf(value)));
+        } else if (!PyCallable_Check(value)) {
+            Any converted = from_python(value);
+            PyErr_Clear();
+            cls.addProperty(id, Property::value(id, std::move(converted), docOf(value)));
+        } else {
+            auto function = FunctionPython::fromCallable(value);
+            if (auto invokable = I_Invokable_Generic::cast(function)) cls.addMethod(id, *invokable);
+        }
+    }
+    PyErr_Clear();
+}
+
+void inheritBaseMethods(internal::ClassCell& cls, PyObject* type) {
+    PyObjectPtr bases = attributeOf(type, "__bases__");
+    if (!bases) return;
+    PyObjectPtr iterator = PyObjectPtr::steal(PyObject_GetIter(bases.get()));
+    if (!iterator) {
+        PyErr_Clear();
+        return;
+    }
+    while (PyObjectPtr base = PyObjectPtr::steal(PyIter_Next(iterator.get()))) {
+        auto baseClass = Class_Generic::cast(from_python(base.get()));
+        if (!baseClass) continue;
+        for (const auto& [name, method] : definedMethods(*baseClass)) {
+            const Identifier id = Identifier::intern(name.view());
+            if (cls.findMethod(id) == nullptr) cls.addMethod(id, method);
+        }
+    }
+    PyErr_Clear();
+}
+
+Class_Generic buildClassView(const String& name, PyObject* type) {
+    Py_IncRef(type);  // the class keeps the type for as long as the process lives
+    ClassBuilder builder{name};
+    builder.nativePayload(Box(type)).constructor([type](std::span<const Any> arguments) -> Any {
+        GilGuard gil;
+        PyObjectPtr tuple = PyObjectPtr::steal(PyTuple_New(static_cast<Py_ssize_t>(arguments.size())));
+        for (std::size_t index = 0; index < arguments.size(); ++index) {
+            PyObject* converted = to_python(arguments[index]);
+            if (converted == nullptr) return fetch_python_error_or("Unable to convert an argument.");
+            PyTuple_SET_ITEM(tuple.get(), static_cast<Py_ssize_t>(index), converted);
+        }
+        PyObjectPtr instance = PyObjectPtr::steal(PyObject_Call(type, tuple.get(), nullptr));
+        if (!instance) return fetch_python_error_or("Unable to create the instance.");
+        return from_python_result(instance.get());
+    });
+    builder.flags(class_flags::Invokable);
+    if (PyType_FastSubclass(reinterpret_cast<PyTypeObject*>(type), Py_TPFLAGS_BASE_EXC_SUBCLASS)) {
+        builder.parent(Error::getClass());
+        builder.property(Property(Any::$$message, native_function([](const Any& self) { return exceptionMessage(self); },
+                                                                  "message", {}, String(), false)));
+    }
+    Class_Generic cls = builder.build();
+    auto* cell = const_cast<internal::ClassCell*>(cls.cell());
+    describeMembers(*cell, type);
+    cell->doc = docOf(type);
+    inheritBaseMethods(*cell, type);
+    return cls;
+}
+
+// The host classes of the builtin types of plain data: what the conversion makes of their
+// instances. Built once.
+const std::unordered_map<PyObject*, const internal::ClassCell*>& builtinTable() {
+    static const auto* table = [] {
+        auto* built = new std::unordered_map<PyObject*, const internal::ClassCell*>();
+        auto add = [&](PyObject* type, const Class_Generic& cls) {
+            if (type != nullptr) built->emplace(type, cls.cell());
+        };
+        add(reinterpret_cast<PyObject*>(&PyByteArray_Type), ByteArray::getClass());
+        add(reinterpret_cast<PyObject*>(&PyBytes_Type), ByteArray::getClass());
+        add(reinterpret_cast<PyObject*>(&PyMemoryView_Type), ByteArray::getClass());
+        add(reinterpret_cast<PyObject*>(&PyFloat_Type), Float::getClass());
+        add(reinterpret_cast<PyObject*>(&PyBool_Type), Boolean::getClass());
+        add(reinterpret_cast<PyObject*>(&PyType_Type), Class_Generic::getClass());
+        for (const auto& [module, name, cls] : {std::tuple{"datetime", "datetime", DateTime::getClass()},
+                                                std::tuple{"datetime", "date", Date::getClass()},
+                                                std::tuple{"datetime", "time", Time::getClass()},
+                                                std::tuple{"decimal", "Decimal", Decimal::getClass()}}) {
+            PyObjectPtr imported = PyObjectPtr::steal(PyImport_ImportModule(module));
+            if (!imported) {
+                PyErr_Clear();
+                continue;
+            }
+            add(PyDict_GetItemString(PyModule_GetDict(imported.get()), name), cls);
+        }
+        return built;
+    }();
+    return *table;
+}
+
+// Python type -> its class view. Entries are never removed; each class holds a reference to
+// its type. `lock` guards the map; views are built outside it.
+struct ClassViews {
+    spinlock lock;
+    std::unordered_map<PyObject*, const internal::ClassCell*> classes;
+};
+
+ClassViews& classViews() {
+    static auto* views = new ClassViews();
+    return *views;
+}
+
+}  // namespace
+
+object_value_python_type::object_value_python_type(const String& name, PyObjectPtr_Borrowed type)
+    : View(internal::unchecked, buildClassView(name, type.get())) {}
+
+bool object_value_python_type::matches(const Any& value) {
+    return Class_Generic::matches(value) && Box::matches(Class_Generic(internal::unchecked, value).cell()->nativePayload);
+}
+
+PyObject* object_value_python_type::pythonType() const {
+    return Box(internal::unchecked, Class_Generic(internal::unchecked, *this).cell()->nativePayload).value();
+}
+
+PyObject* pythonTypeOfClassView(const Class_Generic& cls) {
+    if (!Box::matches(cls.cell()->nativePayload)) return nullptr;
+    return Box(internal::unchecked, cls.cell()->nativePayload).value();
+}
+
+Union<Class_Generic, Error> classOfPythonType(PyObject* type) {
+    if (type == nullptr || !PyType_Check(type)) return Error(String("Not a type."));
+    GilGuard gil;
+    if (auto found = builtinTable().find(type); found != builtinTable().end()) return Class_Generic(found->second);
+    if (auto hostError = hostClassOfExceptionType(type)) return *hostError;
+    ClassViews& views = classViews();
+    {
+        std::lock_guard lock(views.lock);
+        if (auto found = views.classes.find(type); found != views.classes.end()) return Class_Generic(found->second);
+    }
+    // A type that refers to itself (a class attribute holding the class) is not built twice.
+    thread_local std::vector<PyObject*> building;
+    if (std::find(building.begin(), building.end(), type) != building.end()) {
+        return Error(String("The class is being built."));
+    }
+    building.push_back(type);
+    struct Done {
+        ~Done() { building.pop_back(); }
+    } done;
+    std::string_view typeName = reinterpret_cast<PyTypeObject*>(type)->tp_name;
+    if (const auto dot = typeName.rfind('.'); dot != std::string_view::npos) typeName.remove_prefix(dot + 1);
+    const object_value_python_type made{String(typeName), PyObjectPtr_Borrowed(type)};
+    std::lock_guard lock(views.lock);
+    // Another thread may have made one meanwhile: the first stays, so each type has one class.
+    auto [entry, inserted] = views.classes.emplace(type, Class_Generic(internal::unchecked, made).cell());
+    (void)inserted;
+    return Class_Generic(entry->second);
+}
 
 }  // namespace tala::python

@@ -56,12 +56,17 @@ const IdentifierNode* const* reflectiveNames() {
 }
 }  // namespace
 
-const ClassTables* ClassTables::build(const ClassCell& cls, std::uint64_t generation) {
+const ClassTables* ClassTables::build(const ClassCell& cls, std::uint64_t generation, const ClassTables* previous) {
     auto* tables = new ClassTables();
     tables->generation = generation;
     tables->ancestors.push_back(&cls);
-    // Fields: the parents' first, in order, so that a parent's slots keep their numbers in the
-    // common single-inheritance case; then our own.
+    // Fields: a field keeps its slot for the life of the class, since instances made earlier
+    // hold their values by slot; fields that are new since the previous tables come after.
+    if (previous != nullptr) {
+        for (const auto& [name, type] : previous->fields.entries()) tables->fields.insertIfAbsent(name, type);
+    }
+    // The parents' first, in order, so that a parent's slots keep their numbers in the common
+    // single-inheritance case; then our own.
     for (const ClassCell* parent : cls.parents) {
         for (const auto& [name, type] : parent->tables().fields.entries()) tables->fields.insertIfAbsent(name, type);
     }
@@ -114,19 +119,37 @@ const ClassTables& ClassCell::tables() const {
     const std::uint64_t generation = classGeneration();
     const ClassTables* current = tables_.load(std::memory_order_acquire);
     if (current != nullptr && current->generation == generation) [[likely]] return *current;
-    // Build outside our own lock (building reads the parents' tables and our member lists),
-    // then publish unless someone published a table of this generation meanwhile. Old tables
-    // are retired, not freed: a reader on another thread may still hold them.
-    const ClassTables* fresh = ClassTables::build(*this, generation);
-    std::lock_guard lock(mutex_);
-    current = tables_.load(std::memory_order_acquire);
-    if (current != nullptr && current->generation >= generation) {
-        delete fresh;
-        return *current;
+    for (;;) {
+        // Build outside our own lock (building reads the parents' tables and our member lists),
+        // then publish unless someone published meanwhile. The new tables continue the field
+        // slots of the ones they replace, so they may only replace those they were built from.
+        // Old tables are retired, not freed: a reader on another thread may still hold them.
+        const ClassTables* base = current;
+        const ClassTables* fresh = ClassTables::build(*this, generation, base);
+        std::lock_guard lock(mutex_);
+        current = tables_.load(std::memory_order_acquire);
+        if (current != base) {
+            delete fresh;
+            if (current != nullptr && current->generation >= generation) return *current;
+            continue;  // replaced by older tables meanwhile: build again on them
+        }
+        if (current != nullptr) retired_.emplace_back(current);
+        tables_.store(fresh, std::memory_order_release);
+        return *fresh;
     }
-    if (current != nullptr) retired_.emplace_back(current);
-    tables_.store(fresh, std::memory_order_release);
-    return *fresh;
+}
+
+void ClassCell::beginDescription() {
+    std::lock_guard lock(mutex_);
+    describing_ = true;
+}
+
+void ClassCell::publish() {
+    std::lock_guard lock(mutex_);
+    describing_ = false;
+    // Tables built while the class was being described may lack members added since (those
+    // additions bumped no generation): retire them so that the first use builds them afresh.
+    if (const ClassTables* early = tables_.exchange(nullptr, std::memory_order_acq_rel)) retired_.emplace_back(early);
 }
 
 #define TALA_MEMBER_LIST(getter, member)                   \
@@ -162,56 +185,70 @@ bool eraseMember(std::vector<MemberDef>& members, Identifier name) {
 }  // namespace
 
 void ClassCell::addField(Identifier name, Any type) {
+    bool published;
     {
         std::lock_guard lock(mutex_);
         fields_.push_back(FieldDef{name, std::move(type)});
+        published = !describing_;
     }
-    bumpClassGeneration();
+    if (published) bumpClassGeneration();
 }
 void ClassCell::addMethod(Identifier name, Any invokable) {
+    bool published;
     {
         std::lock_guard lock(mutex_);
         putMember(methods_, name, std::move(invokable));
+        published = !describing_;
     }
-    bumpClassGeneration();
+    if (published) bumpClassGeneration();
 }
 void ClassCell::addProperty(Identifier name, Any property) {
+    bool published;
     {
         std::lock_guard lock(mutex_);
         putMember(properties_, name, std::move(property));
+        published = !describing_;
     }
-    bumpClassGeneration();
+    if (published) bumpClassGeneration();
 }
 void ClassCell::addAbstractMethod(Identifier name, Any invokable) {
+    bool published;
     {
         std::lock_guard lock(mutex_);
         putMember(abstractMethods_, name, std::move(invokable));
+        published = !describing_;
     }
-    bumpClassGeneration();
+    if (published) bumpClassGeneration();
 }
 void ClassCell::addAbstractProperty(Identifier name, Any property) {
+    bool published;
     {
         std::lock_guard lock(mutex_);
         putMember(abstractProperties_, name, std::move(property));
+        published = !describing_;
     }
-    bumpClassGeneration();
+    if (published) bumpClassGeneration();
 }
 bool ClassCell::removeMethod(Identifier name) {
     bool removed;
+    bool published;
     {
         std::lock_guard lock(mutex_);
         removed = eraseMember(methods_, name);
+        published = !describing_;
     }
-    if (removed) bumpClassGeneration();
+    if (removed && published) bumpClassGeneration();
     return removed;
 }
 bool ClassCell::removeProperty(Identifier name) {
     bool removed;
+    bool published;
     {
         std::lock_guard lock(mutex_);
         removed = eraseMember(properties_, name);
+        published = !describing_;
     }
-    if (removed) bumpClassGeneration();
+    if (removed && published) bumpClassGeneration();
     return removed;
 }
 
@@ -286,6 +323,7 @@ Any Class_Generic::instantiate(std::span<const Any> arguments) const {
     if (hasFlag(class_flags::Abstract)) {
         return Error(String("Unable to create an instance of the abstract class: {}.").arg(qualname()));
     }
+    if (cell()->constructor) return cell()->constructor(arguments);
     const auto* factory = cell()->effectiveFactory();
     Any instance = factory != nullptr ? (*factory)(*this) : make_instance(*this);
     if (is_error_result(instance)) return instance;
@@ -455,21 +493,25 @@ Any insertOwn(const Any& value, Identifier name, const Any& member, bool propert
 Any insert_property_value(const Any& value, Identifier name, Any content) {
     Property property = Property::value(name, std::move(content));
     if (const Any* reflective = internal::classCellOf(value)->reflective(internal::ReflectiveInsertProperty)) {
-        return I_Invokable_Generic(internal::unchecked, *reflective)(value, ByteArray(name.text()), property);
+        // The name as text, as the other reflective methods receive it.
+        return I_Invokable_Generic(internal::unchecked, *reflective)(value, String(name.text()), property);
     }
     return insertOwn(value, name, property, true);
 }
 
 Any insert_method(const Any& value, Identifier name, const Any& invokable) {
     if (const Any* reflective = internal::classCellOf(value)->reflective(internal::ReflectiveInsertMethod)) {
-        return I_Invokable_Generic(internal::unchecked, *reflective)(value, ByteArray(name.text()), invokable);
+        return I_Invokable_Generic(internal::unchecked, *reflective)(value, String(name.text()), invokable);
     }
     return insertOwn(value, name, invokable, false);
 }
 
 Any Any::boundMethod(Identifier name) const {
     auto method = method_of(*this, name);
-    if (method.isEmpty()) return Any();
+    if (method.isEmpty()) {
+        return Error(String("Unknown method '{}' in an object of class {}.")
+                         .arg(String(name.text()), raw_class_of(*this).qualname()));
+    }
     auto invokable = method.as<I_Invokable_Generic>();
     if (invokable.isIndependent() || invokable.parameterCount() == 0) return invokable;
     return invokable.bindArgs(*this);
@@ -482,9 +524,10 @@ Error missingField(const Any& value, Identifier name) {
 }
 }  // namespace
 
+// Functions are object cells too, most of them without a class of their own (and fields).
 Any Any::fieldValue(Identifier name) const {
     internal::ObjectCell* object = internal::objectCellOf(*this);
-    if (object == nullptr) return missingField(*this, name);
+    if (object == nullptr || object->objectClass() == nullptr) return missingField(*this, name);
     const std::int64_t slot = object->objectClass()->fieldSlot(name);
     if (slot < 0 || static_cast<std::size_t>(slot) >= object->fieldCount()) return missingField(*this, name);
     return object->fieldSlots()[slot];
@@ -492,7 +535,7 @@ Any Any::fieldValue(Identifier name) const {
 
 Any Any::setFieldValue(Identifier name, Any value) const {
     internal::ObjectCell* object = internal::objectCellOf(*this);
-    if (object == nullptr) return missingField(*this, name);
+    if (object == nullptr || object->objectClass() == nullptr) return missingField(*this, name);
     const std::int64_t slot = object->objectClass()->fieldSlot(name);
     if (slot < 0 || static_cast<std::size_t>(slot) >= object->fieldCount()) return missingField(*this, name);
     object->fieldSlots()[slot] = std::move(value);

@@ -10,6 +10,7 @@
 namespace tala {
 
 ClassBuilder::ClassBuilder(String name) : cell_(new internal::ClassCell()) {
+    cell_->beginDescription();
     cell_->name = name;
     cell_->qualname = std::move(name);
 }
@@ -80,14 +81,18 @@ ClassBuilder& ClassBuilder::method(Identifier name, const I_Invokable_Generic& i
     return *this;
 }
 
+// The errors of abstract members name the class as it is when they are called: the declaring
+// context (and so the qualified name) may be described after the members, or set when the class
+// is added to a module. The class outlives its members: published classes are never freed, and
+// an unpublished one frees its members with it.
 ClassBuilder& ClassBuilder::abstractMethod(Identifier name, Signature signature, String doc) {
-    String className = cell_->qualname;
+    const internal::ClassCell* owner = cell_;
     String methodName(name.text());
     cell_->addAbstractMethod(
         name, make_function(
                   methodName,
-                  [className, methodName](std::span<const Any>) -> Any {
-                      return Error(String("The abstract method {}.{} was called.").arg(className, methodName));
+                  [owner, methodName](std::span<const Any>) -> Any {
+                      return Error(String("The abstract method {}.{} was called.").arg(owner->qualname, methodName));
                   },
                   std::move(signature), false, std::move(doc)));
     return *this;
@@ -103,12 +108,12 @@ ClassBuilder& ClassBuilder::classProperty(Identifier name, Any content, String d
 }
 
 ClassBuilder& ClassBuilder::abstractProperty(Identifier name, Type type, String doc) {
-    String className = cell_->qualname;
+    const internal::ClassCell* owner = cell_;
     String propertyName(name.text());
     auto getter = make_function(
         propertyName,
-        [className, propertyName](std::span<const Any>) -> Any {
-            return Error(String("The abstract property {}.{} was read.").arg(className, propertyName));
+        [owner, propertyName](std::span<const Any>) -> Any {
+            return Error(String("The abstract property {}.{} was read.").arg(owner->qualname, propertyName));
         },
         Signature({}, std::move(type)), false);
     cell_->addAbstractProperty(name, Property(name, getter, Any(), std::move(doc)));
@@ -125,10 +130,21 @@ ClassBuilder& ClassBuilder::factory(std::function<Any(const Class_Generic&)> fac
     return *this;
 }
 
+ClassBuilder& ClassBuilder::constructor(std::function<Any(std::span<const Any>)> constructor) {
+    cell_->constructor = std::move(constructor);
+    return *this;
+}
+
+ClassBuilder& ClassBuilder::nativePayload(Any payload) {
+    cell_->nativePayload = std::move(payload);
+    return *this;
+}
+
 Class_Generic ClassBuilder::build() {
     internal::ClassCell* cell = std::exchange(cell_, nullptr);
     cell->setObjectClass(Class_Generic::getClass().cell());
-    internal::bumpClassGeneration();
+    // No other class's tables change: nothing derives from this class yet.
+    cell->publish();
     return Class_Generic(cell);
 }
 

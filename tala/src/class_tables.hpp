@@ -63,7 +63,8 @@ public:
     std::vector<const std::function<void(const Any&)>*> finalizers;
     const Any* reflective[ReflectiveCount] = {};
 
-    static const ClassTables* build(const ClassCell& cls, std::uint64_t generation);
+    // The tables of `cls` as of `generation`; the fields keep the slots they had in `previous`.
+    static const ClassTables* build(const ClassCell& cls, std::uint64_t generation, const ClassTables* previous);
 };
 
 // Bumped whenever any class gains or loses a member after publication.

@@ -16,6 +16,7 @@ namespace {
 
 struct Handlers {
     std::recursive_mutex runMutex;  // one run at a time; a handler may ask for a run itself
+    std::mutex listMutex;           // guards `list` and `ran`; never held while a handler runs
     std::vector<std::pair<int, InitHandler>> list;
     std::vector<bool> ran;  // parallel to `list`, grown as the list grows
 };
@@ -27,37 +28,60 @@ Handlers& handlers() {
 
 }  // namespace
 
-void add_init_handler(int priority, InitHandler handler) { handlers().list.emplace_back(priority, std::move(handler)); }
+// Extension libraries register handlers from static initialisers, which run on whichever thread
+// opens the library, possibly while another thread runs the handlers.
+void add_init_handler(int priority, InitHandler handler) {
+    Handlers& all = handlers();
+    std::lock_guard lock(all.listMutex);
+    all.list.emplace_back(priority, std::move(handler));
+}
 
 std::vector<std::pair<int, InitHandler>>& init_handlers_unsafe() { return handlers().list; }
 
 }  // namespace internal
 
+namespace {
+// A failure's text without its final period: the joined report ends with one of its own.
+String withoutFinalPeriod(String text) {
+    if (text.endsWith(".")) return text.sliced(0, static_cast<std::int64_t>(text.size()) - 1);
+    return text;
+}
+}  // namespace
+
 Any run_init_handlers() {
     auto& all = internal::handlers();
-    std::lock_guard lock(all.runMutex);
+    std::lock_guard run(all.runMutex);
     std::vector<String> failures;
     for (;;) {
-        all.ran.resize(all.list.size(), false);
-        std::vector<std::size_t> pending;
-        for (std::size_t index = 0; index < all.list.size(); ++index) {
-            if (!all.ran[index]) pending.push_back(index);
+        // The pending handlers by priority, stable within one priority.
+        std::vector<std::pair<int, std::size_t>> pending;
+        {
+            std::lock_guard lock(all.listMutex);
+            all.ran.resize(all.list.size(), false);
+            for (std::size_t index = 0; index < all.list.size(); ++index) {
+                if (!all.ran[index]) pending.emplace_back(all.list[index].first, index);
+            }
         }
         if (pending.empty()) break;
         std::stable_sort(pending.begin(), pending.end(),
-                         [&](std::size_t a, std::size_t b) { return all.list[a].first < all.list[b].first; });
-        for (std::size_t index : pending) {
-            all.ran[index] = true;
-            // Copy: a handler may add handlers, which can move the list.
-            const internal::InitHandler handler = all.list[index].second;
+                         [](const auto& a, const auto& b) { return a.first < b.first; });
+        for (const auto& [priority, index] : pending) {
+            internal::InitHandler handler;
+            {
+                std::lock_guard lock(all.listMutex);
+                // A handler that asked for a run of its own may have run this one already.
+                if (all.ran[index]) continue;
+                all.ran[index] = true;
+                // A copy: a handler may add handlers, which can move the list.
+                handler = all.list[index].second;
+            }
             try {
                 handler();
             } catch (const std::exception& error) {
-                failures.push_back(String(error.what()));
+                failures.push_back(withoutFinalPeriod(String(error.what())));
             } catch (...) {
-                failures.push_back(String("Unknown exception."));
+                failures.push_back(String("Unknown exception"));
             }
-            all.ran.resize(all.list.size(), false);
         }
     }
     if (failures.empty()) return Any();

@@ -54,6 +54,8 @@ Any wrongArgumentCount(std::size_t expected, std::size_t given) {
                      .arg(Integer(static_cast<std::int64_t>(expected)), Integer(static_cast<std::int64_t>(given))));
 }
 
+Any errorFromCurrentException() { return Error::fromException(std::current_exception()); }
+
 Any integerOverflow() { return Error(String("Integer overflow on cast")); }
 
 namespace {
@@ -98,6 +100,7 @@ class ConstantFunctionCell final : public FunctionCell {
 public:
     ConstantFunctionCell(Any value, Type resultType) : value_(std::move(value)), resultType_(std::move(resultType)) {}
     Any call(std::span<const Any>) const override { return value_; }
+    Any callNamed(const HashMap_Generic&) const override { return value_; }
     Signature signature() const override { return Signature({}, resultType_); }
     FunctionKind functionKind() const override { return FunctionKind::Constant; }
     std::size_t parameterCount() const override { return 0; }
@@ -117,7 +120,13 @@ public:
           signature_(std::move(signature)),
           independent_(independent),
           doc_(std::move(doc)) {}
-    Any call(std::span<const Any> arguments) const override { return body_(arguments); }
+    Any call(std::span<const Any> arguments) const override {
+        try {
+            return body_(arguments);
+        } catch (...) {
+            return errorFromCurrentException();
+        }
+    }
     Signature signature() const override { return signature_; }
     String name() const override { return name_; }
     String doc() const override { return doc_; }
@@ -158,7 +167,7 @@ Any I_Invokable_Generic::invokeWith(const HashMap_Generic& namedArguments) const
     const Class_Generic cls(internal::unchecked, static_cast<const Any&>(*this));
     if (namedArguments.isEmpty()) return cls.instantiate({});
     const Any* init = cls.cell()->findMethod(Any::$__init__);
-    if (init == nullptr) return cls.instantiate(std::vector<Any>{Any()});  // reports the surplus arguments
+    if (init == nullptr) return cls.instantiate(std::vector<Any>(namedArguments.size()));  // reports the surplus
     const auto* initFunction = init->cellAs<internal::FunctionCell>();
     std::vector<Any> positional;
     for (const Parameter& parameter : initFunction->signature().parameters()) {

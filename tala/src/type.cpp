@@ -91,6 +91,8 @@ bool Type::specializes(const Type& other) const {
     const internal::TypeCell* theirs = other.cell();
     if (mine == theirs || theirs->typeClass == nullptr) return true;
     if (mine->typeClass == nullptr) return false;
+    // None stands wherever an optional value is expected.
+    if (theirs->optional && mine->typeClass == None::getClass().cell()) return true;
     if (mine->optional && !theirs->optional) return false;
     if (!mine->typeClass->derivesFrom(theirs->typeClass)) return false;
     if (theirs->arguments.empty()) return true;

@@ -56,26 +56,27 @@ Class_Generic interfaceClass(const char* name, const char* doc, std::uint32_t fl
 // Adds abstract members to an interface after it is built (their signatures may name the
 // interface itself).
 void abstractMethod(const Class_Generic& cls, const char* name, std::vector<Parameter> parameters, Type result) {
-    String className = cls.qualname();
+    // The qualified name is read on each call: adding the interface to a module changes it.
+    const internal::ClassCell* owner = cls.cell();
     String methodName(name);
     const_cast<internal::ClassCell*>(cls.cell())
         ->addAbstractMethod(Identifier::intern(name),
                             make_function(
                                 methodName,
-                                [className, methodName](std::span<const Any>) -> Any {
-                                    return Error(String("The abstract method {}.{} was called.").arg(className, methodName));
+                                [owner, methodName](std::span<const Any>) -> Any {
+                                    return Error(String("The abstract method {}.{} was called.").arg(owner->qualname, methodName));
                                 },
                                 Signature(std::move(parameters), std::move(result)), false));
 }
 
 void abstractProperty(const Class_Generic& cls, const char* name, Type type) {
-    String className = cls.qualname();
+    const internal::ClassCell* owner = cls.cell();
     String propertyName(name);
     const Identifier id = Identifier::intern(name);
     auto getter = make_function(
         propertyName,
-        [className, propertyName](std::span<const Any>) -> Any {
-            return Error(String("The abstract property {}.{} was read.").arg(className, propertyName));
+        [owner, propertyName](std::span<const Any>) -> Any {
+            return Error(String("The abstract property {}.{} was read.").arg(owner->qualname, propertyName));
         },
         Signature({}, std::move(type)), false);
     const_cast<internal::ClassCell*>(cls.cell())->addAbstractProperty(id, Property(id, getter));

@@ -71,6 +71,11 @@ public:
     std::function<void(const Any&)> finalizer;
     // Makes a blank instance; inherited from the nearest parent that has one.
     std::function<Any(const Class_Generic&)> factory;
+    // When set, invoking the class calls this with the arguments instead of factory + __init__
+    // (classes that stand for another language's classes construct through that language).
+    std::function<Any(std::span<const Any>)> constructor;
+    // Whatever a language bridge keeps with a class it made (a boxed foreign type object).
+    Any nativePayload;
 
     // Own members in definition order.
     std::vector<FieldDef> fields() const;
@@ -106,9 +111,15 @@ public:
 
     const ClassTables& tables() const;
 
+    // A class under description by a ClassBuilder is seen by nobody else, so the members it
+    // gains then invalidate no flattened tables anywhere. `publish` ends the description.
+    void beginDescription();
+    void publish();
+
 private:
     friend class ClassTables;
     mutable std::mutex mutex_;
+    bool describing_ = false;  // guarded by mutex_
     std::vector<FieldDef> fields_;
     std::vector<MemberDef> methods_;
     std::vector<MemberDef> properties_;

@@ -82,6 +82,10 @@ public:
     // Makes blank instances; without one, instances are plain objects with the class's fields.
     ClassBuilder& factory(std::function<Any(const Class_Generic&)> factory);
 
+    // Invoking the class calls `constructor` with the arguments (no factory, no __init__).
+    ClassBuilder& constructor(std::function<Any(std::span<const Any>)> constructor);
+    ClassBuilder& nativePayload(Any payload);
+
     // Publishes the class. The builder is spent afterwards.
     Class_Generic build();
 

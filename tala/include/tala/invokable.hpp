@@ -102,6 +102,7 @@ namespace internal {
 Any wrongArgumentType(std::size_t index, const Type& expected, const Any& given);
 Any wrongArgumentCount(std::size_t expected, std::size_t given);
 Any integerOverflow();
+Any errorFromCurrentException();
 
 template <class T>
 struct ArgumentConverter;
@@ -129,6 +130,10 @@ struct ArgumentConverter<T> {
         return std::in_range<T>(number);
     }
     static T convert(const Any& value) { return static_cast<T>(value.rawInteger()); }
+    // An integer that does not fit the C++ parameter is an overflow, not a wrong type.
+    static Any reject(std::size_t index, const Any& value) {
+        return value.kind() == Kind::Integer ? integerOverflow() : wrongArgumentType(index, type(), value);
+    }
 };
 template <>
 struct ArgumentConverter<bool> {
@@ -145,10 +150,21 @@ struct ArgumentConverter<double> {
     }
 };
 
+// The Error for an argument the converter does not accept.
+template <class Converter>
+Any rejectArgument(std::size_t index, const Any& value) {
+    if constexpr (requires { Converter::reject(index, value); }) {
+        return Converter::reject(index, value);
+    } else {
+        return wrongArgumentType(index, Converter::type(), value);
+    }
+}
+
+// Results are taken by value, so that callables answering a reference (`const String&`) work too.
 template <class R>
 struct ResultConverter {
     static Type type() { return typeOf<R>(); }
-    static Any convert(R&& result) { return Any(std::move(result)); }
+    static Any convert(R result) { return Any(std::move(result)); }
 };
 template <class... Ts>
 struct ResultConverter<Union<Ts...>> {
@@ -160,7 +176,7 @@ struct ResultConverter<Union<Ts...>> {
             return typeOf<First>();
         }
     }
-    static Any convert(Union<Ts...>&& result) { return Any(std::move(result)); }
+    static Any convert(Union<Ts...> result) { return Any(std::move(result)); }
 };
 template <>
 struct ResultConverter<void> {
@@ -211,7 +227,13 @@ public:
 
     Any call(std::span<const Any> arguments) const override {
         if (arguments.size() != sizeof...(A)) return wrongArgumentCount(sizeof...(A), arguments.size());
-        return callChecked(arguments, std::index_sequence_for<A...>());
+        // Errors are values: a C++ exception from the body becomes an Error carrying it, and
+        // never unwinds into the caller (which may be a language runtime's C code).
+        try {
+            return callChecked(arguments, std::index_sequence_for<A...>());
+        } catch (...) {
+            return errorFromCurrentException();
+        }
     }
     Signature signature() const override { return signature_; }
     String name() const override { return name_; }
@@ -250,8 +272,7 @@ private:
     template <std::size_t... I>
     Any badArgument([[maybe_unused]] std::span<const Any> arguments, [[maybe_unused]] std::size_t bad, std::index_sequence<I...>) const {
         Any error;
-        ((I == bad ? (void)(error = wrongArgumentType(I, ArgumentConverter<std::remove_cvref_t<A>>::type(),
-                                                      arguments[I]))
+        ((I == bad ? (void)(error = rejectArgument<ArgumentConverter<std::remove_cvref_t<A>>>(I, arguments[I]))
                    : (void)0),
          ...);
         return error;

@@ -1,0 +1,294 @@
+// python/proxies/collection_proxies.cpp: proxies of Python iterables, iterators, dicts, sequences and sets.
+#include "bridge/errors.hpp"
+#include "bridge/from_python.hpp"
+#include "bridge/to_python.hpp"
+#include "extension/gil.hpp"
+#include "proxies/python_proxy.hpp"
+
+namespace tala::python {
+
+namespace internal_proxy {
+Any makeProxyOf(const Class_Generic& cls, PyObject* object);
+}
+
+namespace {
+
+using Result = Union<Any, Lazy<Any>, Error>;
+
+Any call(const Any& self, const char* name, std::vector<Any> arguments = {}) {
+    return resolve(callPythonMethod(self, String(name), arguments));
+}
+
+template <class T>
+Union<T, Lazy<T>, Error> typed(const Any& result, const char* expected) {
+    if (auto error = Error::cast(result)) return *error;
+    if (auto value = T::cast(result)) return *value;
+    return Error(String("The Python method did not return {}: {}.").arg(String(expected), display(result)));
+}
+
+Union<None, Lazy<None>, Error> nothing(const Any& result) {
+    if (auto error = Error::cast(result)) return *error;
+    return None();
+}
+
+bool derivesFrom(const Any& value, const Class_Generic& cls) {
+    const internal::ObjectCell* object = internal::objectCellOf(value);
+    return object != nullptr && object->objectClass() != nullptr && object->objectClass()->derivesFrom(cls.cell());
+}
+
+// keys() / values() of a mapping, as a host list.
+Union<List<Any>, Lazy<List<Any>>, Error> listOf(const Any& self, const char* method) {
+    GilGuard gil;
+    PyObject* object = pyobjectOf(self);
+    if (object == nullptr) return Error(String("The object is null."));
+    PyObjectPtr view = PyObjectPtr::steal(PyObject_CallMethod(object, method, nullptr));
+    if (!view) return fetch_python_error_or("Unknown error.");
+    List<Any> items;
+    PyObjectPtr iterator = PyObjectPtr::steal(PyObject_GetIter(view.get()));
+    if (!iterator) {
+        PyErr_Clear();
+        return items;
+    }
+    while (PyObjectPtr item = PyObjectPtr::steal(PyIter_Next(iterator.get()))) items.append(from_python(item.get()));
+    if (PyErr_Occurred() != nullptr) return fetch_python_error_or("Unknown error.");
+    return items;
+}
+
+Union<PythonProxyIterator, Lazy<PythonProxyIterator>, Error> iterate(const Any& self) {
+    GilGuard gil;
+    PyObject* object = pyobjectOf(self);
+    if (object == nullptr) return Error(String("Invalid object."));
+    PyObjectPtr method = PyObjectPtr::steal(PyObject_GetAttrString(object, "__iter__"));
+    if (!method || !PyCallable_Check(method.get())) {
+        PyErr_Clear();
+        return Error(String("Missing '__iter__' method."));
+    }
+    PyObjectPtr noArguments = PyObjectPtr::steal(PyTuple_New(0));
+    PyObjectPtr iterator = PyObjectPtr::steal(PyObject_Call(method.get(), noArguments.get(), nullptr));
+    if (!iterator) return fetch_python_error_or("Missing '__iter__' method.");
+    return PythonProxyIterator(internal::unchecked, makeCollectionProxy(CollectionKind::Iterator, iterator.get()));
+}
+
+Any next(const Any& self) {
+    GilGuard gil;
+    PyObject* object = pyobjectOf(self);
+    if (object == nullptr) return Error(String("The object is null."));
+    PyObjectPtr item = PyObjectPtr::steal(PyIter_Next(object));
+    if (item) return from_python_result(item.get());
+    if (PyErr_Occurred() != nullptr) return fetch_python_error_or("Unknown error.");
+    return StopIteration();
+}
+
+Union<Boolean, Lazy<Boolean>, Error> removeFromSet(const Any& self, const Any& value) {
+    GilGuard gil;
+    PyObject* object = pyobjectOf(self);
+    if (object == nullptr) return Boolean(false);
+    PyObjectPtr method = PyObjectPtr::steal(PyObject_GetAttrString(object, "remove"));
+    if (!method || !PyCallable_Check(method.get())) {
+        PyErr_Clear();
+        return Error(String("The method is missing in {}.").arg(display(self)));
+    }
+    PyObjectPtr converted = PyObjectPtr::steal(to_python(value));
+    if (!converted) return fetch_python_error_or(String("Unable to convert an argument: {}.").arg(display(value)).c_str());
+    PyObjectPtr result = PyObjectPtr::steal(PyObject_CallOneArg(method.get(), converted.get()));
+    if (!result) {
+        // A failed removal is never an error: whatever was raised is dropped.
+        PyObject* type = nullptr;
+        PyObject* error = nullptr;
+        PyObject* traceback = nullptr;
+        PyErr_Fetch(&type, &error, &traceback);
+        Py_DecRef(type);
+        Py_DecRef(error);
+        Py_DecRef(traceback);
+        return Boolean(false);
+    }
+    return Boolean(true);
+}
+
+Union<Integer, Lazy<Integer>, Error> indexOf(const Any& self, const Any& value, int start) {
+    GilGuard gil;
+    PyObject* object = pyobjectOf(self);
+    if (object == nullptr) return Error(String("The object is null."));
+    PyObjectPtr converted = PyObjectPtr::steal(to_python(value));
+    if (!converted) return fetch_python_error_or(String("Unable to convert an argument: {}.").arg(display(value)).c_str());
+    PyObjectPtr result = PyObjectPtr::steal(PyObject_CallMethod(object, "index", "Oi", converted.get(), start));
+    if (!result) {
+        PyErr_Clear();
+        return Integer(-1);
+    }
+    return Integer(PyLong_AsLongLong(result.get()));
+}
+
+Any extendFrom(const Any& self, const Any& values, const char* method) {
+    // Each element of the host iterable added by one call of `method`.
+    Any iterator = I_Iterable_Generic(internal::unchecked, values).iter();
+    if (is_error_result(iterator)) return iterator;
+    for (;;) {
+        Any item = I_Iterator_Generic(internal::unchecked, iterator).next();
+        if (StopIteration::matches(item)) return Any();
+        if (is_error_result(item)) return item;
+        Any result = call(self, method, {item});
+        if (is_error_result(result)) return result;
+    }
+}
+
+Class_Generic proxyClass(const char* name, const char* doc, const Class_Generic& interface,
+                         const std::function<void(ClassBuilder&)>& members) {
+    ClassBuilder builder{String(name)};
+    builder.doc(doc).parent(PythonProxy::getClass()).parent(interface);
+    members(builder);
+    return builder.build();
+}
+
+}  // namespace
+
+Class_Generic PythonProxyIterable::getClass() {
+    static const ClassRegistration registration("PythonProxyIterable", [] {
+        return proxyClass("PythonProxyIterable", "Proxy of an iterable Python object.", I_Iterable_Generic::getClass(),
+                          [](ClassBuilder& builder) {
+                              builder.method(Any::$iter, [](const PythonProxy& self) { return iterate(self); })
+                                  .method(Any::$contains, [](const PythonProxy& self, const Any& value) {
+                                      return typed<Boolean>(call(self, "__contains__", {value}), "a boolean");
+                                  }, {"value"});
+                          });
+    });
+    return registration.get();
+}
+
+Class_Generic PythonProxyIterator::getClass() {
+    static const ClassRegistration registration("PythonProxyIterator", [] {
+        return proxyClass("PythonProxyIterator", "Proxy of a Python iterator.", I_Iterator_Generic::getClass(),
+                          [](ClassBuilder& builder) {
+                              builder.method(Any::$next, [](const PythonProxy& self) { return next(self); });
+                          });
+    });
+    return registration.get();
+}
+
+Class_Generic PythonProxyMapping::getClass() {
+    static const ClassRegistration registration("PythonProxyMapping", [] {
+        return proxyClass(
+            "PythonProxyMapping", "Proxy of a Python dict.", I_MutableMap_Generic::getClass(), [](ClassBuilder& builder) {
+                builder
+                    .method(Any::$set, [](const PythonProxy& self, const Any& key, const Any& value) {
+                        return nothing(call(self, "__setitem__", {key, value}));
+                    }, {"key", "value"})
+                    .method(Any::$remove, [](const PythonProxy& self, const Any& key) -> Result {
+                        return Result(internal::unchecked, call(self, "pop", {key}));
+                    }, {"key"})
+                    .method(Any::$get, [](const PythonProxy& self, const Any& key, const Any& fallback) -> Result {
+                        Any present = call(self, "__contains__", {key});
+                        if (is_error_result(present)) return Result(internal::unchecked, present);
+                        if (present.kind() == Kind::Boolean && !present.rawBoolean()) return Result(internal::unchecked, fallback);
+                        return Result(internal::unchecked, call(self, "__getitem__", {key}));
+                    }, {"key", "default"})
+                    .method(Any::$contains, [](const PythonProxy& self, const Any& key) {
+                        return typed<Boolean>(call(self, "__contains__", {key}), "a boolean");
+                    }, {"key"})
+                    .method(Any::$clear, [](const PythonProxy& self) { return nothing(call(self, "clear")); })
+                    .property(Any::$$valuesType, [](const PythonProxy&) { return Type::any(); }, "Values are of any type.")
+                    .method(Any::$values, [](const PythonProxy& self) { return listOf(self, "values"); })
+                    .method(Any::$$length, [](const PythonProxy& self) { return typed<Integer>(call(self, "__len__"), "an integer"); })
+                    .property(Any::$$keysType, [](const PythonProxy&) { return Type::any(); }, "Keys are of any type.")
+                    .method(Any::$keys, [](const PythonProxy& self) { return listOf(self, "keys"); });
+            });
+    });
+    return registration.get();
+}
+
+Class_Generic PythonProxySequence::getClass() {
+    static const ClassRegistration registration("PythonProxySequence", [] {
+        return proxyClass(
+            "PythonProxySequence", "Proxy of a Python sequence.", I_MutableSequence_Generic::getClass(),
+            [](ClassBuilder& builder) {
+                builder
+                    .method(Any::$set, [](const PythonProxy& self, const Integer& index, const Any& value) {
+                        return nothing(call(self, "__setitem__", {index, value}));
+                    }, {"index", "value"})
+                    .method(Any::$removeAt, [](const PythonProxy& self, const Integer& index, long long count)
+                                                -> Union<None, Lazy<None>, Error> {
+                        // Deleting at the same index again and again: the following elements move up.
+                        for (long long removed = 0; removed < count; ++removed) {
+                            Any result = call(self, "__delitem__", {index});
+                            if (auto error = Error::cast(result)) return *error;
+                        }
+                        return None();
+                    }, {"index", "count"})
+                    .method(Any::$removeOne, [](const PythonProxy& self, const Any& value) -> Union<None, Lazy<None>, Error> {
+                        Any count = call(self, "count", {value});
+                        if (auto error = Error::cast(count)) return *error;
+                        if (count.kind() == Kind::Integer && count.rawInteger() == 0) return None();
+                        return nothing(call(self, "remove", {value}));
+                    }, {"value"})
+                    .method(Any::$pop, [](const PythonProxy& self, const Any& argument) -> Result {
+                        return Result(internal::unchecked, call(self, "pop", {argument}));
+                    }, {"index"})
+                    .method(Any::$extend, [](const PythonProxy& self, const Any& values) {
+                        return nothing(call(self, "extend", {values}));
+                    }, {"values"})
+                    .method(Any::$clear, [](const PythonProxy& self) { return nothing(call(self, "clear")); })
+                    .method(Any::$appendAt, [](const PythonProxy& self, Integer index, const Any& value) {
+                        return nothing(call(self, "insert", {index, value}));
+                    }, {"index", "value"})
+                    .method(Any::$append, [](const PythonProxy& self, const Any& value) {
+                        return nothing(call(self, "append", {value}));
+                    }, {"value"})
+                    .method(Any::$indexOf, [](const PythonProxy& self, const Any& value, int start) {
+                        return indexOf(self, value, start);
+                    }, {"value", "start"})
+                    .method(Any::$contains, [](const PythonProxy& self, const Any& value) {
+                        return typed<Boolean>(call(self, "__contains__", {value}), "a boolean");
+                    }, {"value"})
+                    .method(Any::$atOr, [](const PythonProxy& self, const Integer& index, const Any& fallback) -> Any {
+                        Any item = call(self, "__getitem__", {index});
+                        return is_error_result(item) ? fallback : item;
+                    }, {"index", "default"})
+                    .method(Any::$at, [](const PythonProxy& self, const Integer& index) -> Result {
+                        return Result(internal::unchecked, call(self, "__getitem__", {index}));
+                    }, {"index"})
+                    .method(Any::$$length, [](const PythonProxy& self) { return typed<Integer>(call(self, "__len__"), "an integer"); });
+            });
+    });
+    return registration.get();
+}
+
+Class_Generic PythonProxySet::getClass() {
+    static const ClassRegistration registration("PythonProxySet", [] {
+        return proxyClass(
+            "PythonProxySet", "Proxy of a Python set.", I_MutableSet_Generic::getClass(), [](ClassBuilder& builder) {
+                builder
+                    .method(Any::$remove, [](const PythonProxy& self, const Any& value) { return removeFromSet(self, value); },
+                            {"value"})
+                    .method(Any::$insert, [](const PythonProxy& self, const Any& value) {
+                        return nothing(call(self, "add", {value}));
+                    }, {"value"})
+                    .method(Any::$extend, [](const PythonProxy& self, const Any& values) -> Union<None, Lazy<None>, Error> {
+                        Any result = extendFrom(self, values, "add");
+                        if (auto error = Error::cast(result)) return *error;
+                        return None();
+                    }, {"values"})
+                    .method(Any::$clear, [](const PythonProxy& self) { return nothing(call(self, "clear")); })
+                    .method(Any::$$length, [](const PythonProxy& self) { return typed<Integer>(call(self, "__len__"), "an integer"); });
+            });
+    });
+    return registration.get();
+}
+
+bool PythonProxyIterable::matches(const Any& value) { return derivesFrom(value, getClass()); }
+bool PythonProxyIterator::matches(const Any& value) { return derivesFrom(value, getClass()); }
+bool PythonProxyMapping::matches(const Any& value) { return derivesFrom(value, getClass()); }
+bool PythonProxySequence::matches(const Any& value) { return derivesFrom(value, getClass()); }
+bool PythonProxySet::matches(const Any& value) { return derivesFrom(value, getClass()); }
+
+Any makeCollectionProxy(CollectionKind kind, PyObject* object) {
+    switch (kind) {
+        case CollectionKind::Iterable: return internal_proxy::makeProxyOf(PythonProxyIterable::getClass(), object);
+        case CollectionKind::Iterator: return internal_proxy::makeProxyOf(PythonProxyIterator::getClass(), object);
+        case CollectionKind::Mapping: return internal_proxy::makeProxyOf(PythonProxyMapping::getClass(), object);
+        case CollectionKind::Sequence: return internal_proxy::makeProxyOf(PythonProxySequence::getClass(), object);
+        case CollectionKind::Set: return internal_proxy::makeProxyOf(PythonProxySet::getClass(), object);
+    }
+    return makePythonProxy(object);
+}
+
+}  // namespace tala::python
