@@ -5,7 +5,13 @@
 #include "bridge/from_python.hpp"
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
+#include "pyside/attributes.hpp"
+#include "pyside/calls.hpp"
 #include "pyside/tala_object.hpp"
+
+#include <cstdlib>
+#include <cstring>
+#include <vector>
 
 namespace tala::python {
 
@@ -25,16 +31,87 @@ PyObject* reprSlot(PyObject* self) noexcept {
     }
 }
 
+// A method table entry is descriptive only: reads of methods are answered by the attribute
+// slot before Python's generic look-up, so this function is never reached that way.
+PyObject* placeholderMethod(PyObject*, PyObject*) { return nullptr; }
+
+char* copyToMalloc(std::string_view text) {
+    auto* buffer = static_cast<char*>(std::malloc(text.size() + 1));
+    std::memcpy(buffer, text.data(), text.size());
+    buffer[text.size()] = '\0';
+    return buffer;
+}
+
+// The getter and setter of a per-class type's property entry; the closure is the property's
+// name, kept for the life of the process with the type.
+PyObject* getsetGetter(PyObject* self, void* closure) {
+    GilGuard gil;
+    const Any* wrapped = wrappedHostValue(self);
+    if (wrapped == nullptr) Py_RETURN_NONE;
+    const Any value = *wrapped;
+    auto property = property_of(value, std::string_view(static_cast<const char*>(closure)));
+    if (property.isEmpty()) {
+        PyErr_Format(PyExc_AttributeError, "%s", static_cast<const char*>(closure));
+        return nullptr;
+    }
+    return to_python(property.as<Property>().get(value));
+}
+
+int getsetSetter(PyObject* self, PyObject* newValue, void* closure) {
+    GilGuard gil;
+    const Any* wrapped = wrappedHostValue(self);
+    if (wrapped == nullptr) return 0;
+    const Any value = *wrapped;
+    auto property = property_of(value, std::string_view(static_cast<const char*>(closure)));
+    if (property.isEmpty()) {
+        PyErr_Format(PyExc_AttributeError, "%s", static_cast<const char*>(closure));
+        return -1;
+    }
+    Any result = resolve(property.as<Property>().set(value, from_python(newValue)));
+    if (auto error = Error::cast(result)) {
+        PyErr_Format(PyExc_RuntimeError, "%s", error->message().c_str());
+        return -1;
+    }
+    return 0;
+}
+
 }  // namespace
 
-void fillCommonSlots(PyTypeObject& type) { type.tp_repr = reprSlot; }
+void fillCommonSlots(PyTypeObject& type) {
+    type.tp_repr = reprSlot;
+    type.tp_getattro = attributeReadSlot;
+    type.tp_setattro = attributeWriteSlot;
+    fillOperatorSlots(type);
+}
 
-void fillCallSlot(PyTypeObject&) {}
-void fillNumberSlots(PyNumberMethods&) {}
-void fillMinimalSequenceSlots(PySequenceMethods&) {}
-void fillSetLikeSequenceSlots(PySequenceMethods&) {}
-void fillFullSequenceSlots(PySequenceMethods&) {}
-void fillMappingSlots(PyMappingMethods&) {}
-void fillDescriptiveTables(PyTypeObject&, const Class_Generic&) {}
+void fillCallSlot(PyTypeObject& type) { type.tp_call = callSlot; }
+
+void fillDescriptiveTables(PyTypeObject& type, const Class_Generic& cls) {
+    std::vector<PyMethodDef> methods;
+    for (const auto& [name, member] : definedMethods(cls)) {
+        if (name.startsWith("_")) continue;
+        const I_Invokable_Generic method(internal::unchecked, member);
+        string_builder doc;
+        doc << method.signature().toString(Signature::WithNames | Signature::WithResult);
+        if (const String text = method.doc(); !text.isEmpty()) doc << "\n\n" << text;
+        methods.push_back(PyMethodDef{copyToMalloc(name.view()), placeholderMethod, METH_VARARGS, copyToMalloc(doc.view())});
+    }
+    methods.push_back(PyMethodDef{nullptr, nullptr, 0, nullptr});
+    std::vector<PyGetSetDef> properties;
+    for (const auto& [name, member] : definedProperties(cls)) {
+        if (name.startsWith("_")) continue;
+        const Property property(internal::unchecked, member);
+        char* closure = copyToMalloc(name.view());
+        properties.push_back(PyGetSetDef{closure, getsetGetter, property.setter().isEmpty() ? nullptr : getsetSetter,
+                                         property.doc().isEmpty() ? nullptr : copyToMalloc(property.doc().view()), closure});
+    }
+    properties.push_back(PyGetSetDef{nullptr, nullptr, nullptr, nullptr, nullptr});
+    // The tables live as long as the type: for ever.
+    type.tp_methods = static_cast<PyMethodDef*>(std::calloc(methods.size(), sizeof(PyMethodDef)));
+    std::memcpy(type.tp_methods, methods.data(), methods.size() * sizeof(PyMethodDef));
+    type.tp_getset = static_cast<PyGetSetDef*>(std::calloc(properties.size(), sizeof(PyGetSetDef)));
+    std::memcpy(type.tp_getset, properties.data(), properties.size() * sizeof(PyGetSetDef));
+}
+
 
 }  // namespace tala::python

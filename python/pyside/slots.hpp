@@ -9,6 +9,8 @@ namespace tala::python {
 
 // Slots every wrapper type has (text, attribute access, comparison, hashing, iteration).
 void fillCommonSlots(PyTypeObject& type);
+// Hashing, text, comparison and iteration.
+void fillOperatorSlots(PyTypeObject& type);
 // The call slot of the callable types.
 void fillCallSlot(PyTypeObject& type);
 void fillNumberSlots(PyNumberMethods& table);

@@ -1,0 +1,246 @@
+// python/pyside/attributes.cpp: attribute reads (introspection names and host look-up) and writes on wrapped host values.
+#include "pyside/attributes.hpp"
+
+#include <cstring>
+#include <string_view>
+
+#include "bridge/errors.hpp"
+#include "bridge/from_python.hpp"
+#include "bridge/to_python.hpp"
+#include "extension/gil.hpp"
+#include "pyside/member_names.hpp"
+#include "pyside/tala_object.hpp"
+
+namespace tala::python {
+
+namespace {
+
+PyObject* toPythonString(std::string_view text) {
+    return PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "replace");
+}
+
+PyObject* toPythonString(const Any& text) {
+    if (auto asString = String::cast(resolve(text))) return toPythonString(asString->view());
+    return to_python(text);  // an error raises; anything else converts as it is
+}
+
+// ---- Introspection names: each answers, or declines with `nullptr` and no error set ---------
+
+struct Declined {};
+
+PyObject* docText(const Any& value) {
+    string_builder text;
+    if (auto invokable = I_Invokable_Generic::cast(value)) {
+        text << invokable->signature().toString(Signature::WithNames | Signature::WithResult) << "\n\n";
+    }
+    if (I_HasDoc::matches(value)) {
+        Any doc = resolve(I_HasDoc(internal::unchecked, value).doc());
+        if (auto asString = String::cast(doc)) text << *asString;
+    } else {
+        text << class_of(value).doc();
+    }
+    return toPythonString(text.view());
+}
+
+PyObject* annotations(const I_Invokable_Generic& invokable) {
+    PyObjectPtr dictionary = PyObjectPtr::steal(PyDict_New());
+    const Signature signature = invokable.signature();
+    for (const Parameter& parameter : signature.parameters()) {
+        auto* type = reinterpret_cast<PyObject*>(wrapperTypeFor(parameter.type.toClass()));
+        if (PyDict_SetItemString(dictionary.get(), parameter.name.c_str(), type) < 0) return nullptr;
+    }
+    auto* result = reinterpret_cast<PyObject*>(wrapperTypeFor(signature.resultType().toClass()));
+    if (PyDict_SetItemString(dictionary.get(), "return", result) < 0) return nullptr;
+    return dictionary.release();
+}
+
+std::optional<String> moduleName(const Any& value) {
+    Any context;
+    if (auto cls = Class_Generic::cast(value)) {
+        context = cls->genericDefinition().value_or(*cls).declaringContext();
+    } else if (auto invokable = I_Invokable_Generic::cast(value)) {
+        context = declaring_context(class_of(*invokable));
+    }
+    if (auto module = Module::cast(context)) return module->name();
+    return std::nullopt;
+}
+
+void appendNames(PyObject* list, const std::vector<std::pair<String, Any>>& members) {
+    for (const auto& [name, member] : members) {
+        PyObjectPtr text = PyObjectPtr::steal(toPythonString(name.view()));
+        if (text) PyList_Append(list, text.get());
+    }
+}
+
+template <class Map>
+void appendKeys(PyObject* list, const Map& map) {
+    for (const auto& entry : map) {
+        PyObjectPtr text = PyObjectPtr::steal(toPythonString(entry.key));
+        if (text) PyList_Append(list, text.get());
+    }
+}
+
+// The member names, in this order and with repeats: the class's fields, methods and
+// properties, then the object's own methods and properties.
+PyObject* memberNames(const Any& value) {
+    PyObjectPtr list = PyObjectPtr::steal(PyList_New(0));
+    const Class_Generic cls = class_of(value);
+    appendNames(list.get(), definedFields(cls));
+    appendNames(list.get(), definedMethods(cls));
+    appendNames(list.get(), definedProperties(cls));
+    appendKeys(list.get(), own_methods_of(value));
+    appendKeys(list.get(), own_properties_of(value));
+    PyErr_Clear();
+    return list.release();
+}
+
+// Converts into `target` (bytes, bool) through the value's tryInto; an error result raises.
+PyObject* converted(const Any& value, const Class_Generic& target) {
+    return to_python(resolve(I_Convertible(internal::unchecked, value).tryInto(target)));
+}
+
+PyObject* introspect(const Any& value, std::string_view name) {
+    const bool invokable = I_Invokable_Generic::matches(value);
+    if (name == "__doc__") return docText(value);
+    if (name == "__annotations__" && invokable) return annotations(I_Invokable_Generic(internal::unchecked, value));
+    if (name == "__module__") {
+        if (auto module = moduleName(value)) return toPythonString(module->view());
+    }
+    if (name == "__name__" && I_HasName::matches(value)) return toPythonString(I_HasName(internal::unchecked, value).name());
+    if (name == "__code__" && I_HasCode::matches(value)) return toPythonString(I_HasCode(internal::unchecked, value).code());
+    if (name == "__bytes__" && I_Convertible::matches(value)) return converted(value, ByteArray::getClass());
+    if (name == "__bool__" && I_Convertible::matches(value)) return converted(value, Boolean::getClass());
+    if (name == "__dir__") return memberNames(value);
+    if (name == "__text_signature__" && invokable) {
+        const String text = I_Invokable_Generic(internal::unchecked, value).signature().toString(Signature::WithNames | Signature::WithResult);
+        return toPythonString(text.view());
+    }
+    return nullptr;
+}
+
+// ---- Host look-up ------------------------------------------------------------------------
+
+PyObject* readProperty(const Property& property, const Any& value) {
+    const I_Invokable_Generic getter = property.getter();
+    if (getter.isIndependent()) return to_python(getter.invokeWith(std::span<const Any>()));
+    return to_python(getter(value));
+}
+
+std::optional<PyObject*> fromLazy(const Any& value, Identifier name) {
+    if (auto property = raw_property_of(value, name); !property.isEmpty()) {
+        return to_python(property.as<Property>().getter()(value));
+    }
+    if (auto method = raw_method_of(value, name); !method.isEmpty()) {
+        return to_python(method.as<I_Invokable_Generic>().bindArgs(value));
+    }
+    return std::nullopt;
+}
+
+std::optional<PyObject*> fromClassObject(const Class_Generic& cls, Identifier name) {
+    if (const Any* method = cls.cell()->findMethod(name)) {
+        const I_Invokable_Generic invokable(internal::unchecked, *method);
+        if (invokable.isIndependent()) return to_python(invokable);
+    }
+    if (const Any* member = cls.cell()->findProperty(name)) {
+        const Property property(internal::unchecked, *member);
+        if (property.isIndependent()) return to_python(property.getter().invokeWith(std::span<const Any>()));
+    }
+    return std::nullopt;
+}
+
+PyObject* hostLookup(const Any& value, Identifier name) {
+    if (value.kind() == Kind::Lazy) {
+        if (auto found = fromLazy(value, name)) return *found;
+    }
+    if (Error::matches(value)) return to_python(value);
+    if (auto property = property_of(value, name); !property.isEmpty()) return readProperty(property.as<Property>(), value);
+    if (Any bound = value.boundMethod(name); !bound.isEmpty()) return to_python(bound);
+    const auto cls = Class_Generic::cast(value);
+    if (cls) {
+        if (auto found = fromClassObject(*cls, name)) return *found;
+    }
+    if (auto property = raw_property_of(value, name); !property.isEmpty()) {
+        return to_python(property.as<Property>().getter()(value));
+    }
+    if (auto method = raw_method_of(value, name); !method.isEmpty()) {
+        return to_python(method.as<I_Invokable_Generic>().bindArgs(value));
+    }
+    if (cls) {
+        if (auto property = definedProperty(*cls, name); !property.isEmpty()) return to_python(property.as<Property>().getter());
+        if (auto method = definedMethod(*cls, name); !method.isEmpty()) return to_python(method);
+    }
+    return to_python(value.fieldValue(name));
+}
+
+PyObject* readAttribute(PyObject* self, PyObject* name) {
+    GilGuard gil;
+    std::optional<std::string_view> text = utf8Of(name);
+    if (!text) return nullptr;
+    const Any* wrapped = wrappedHostValue(self);
+    if (wrapped == nullptr) return PyObject_GenericGetAttr(self, name);
+    const Any value = *wrapped;  // the wrapper may go while the host runs
+    if (text->starts_with('_')) {
+        if (PyObject* answer = introspect(value, *text)) return answer;
+        if (PyErr_Occurred() != nullptr) return nullptr;
+        return PyObject_GenericGetAttr(self, name);
+    }
+    return hostLookup(value, identifierOf(name, *text));
+}
+
+// ---- Writes --------------------------------------------------------------------------------
+
+int raiseWithName(const char* format, PyObject* name, const Any& error) {
+    const String message = Error::cast(error) ? Error(internal::unchecked, error).message() : display(error);
+    PyErr_Format(PyExc_RuntimeError, format, name, message.c_str());
+    return -1;
+}
+
+int writeAttribute(PyObject* self, PyObject* name, PyObject* newValue) {
+    GilGuard gil;
+    std::optional<std::string_view> text = utf8Of(name);
+    if (!text) return -1;
+    const Any* wrapped = wrappedHostValue(self);
+    if (wrapped == nullptr) return PyObject_GenericSetAttr(self, name, newValue);
+    const Any value = *wrapped;
+    const Identifier id = identifierOf(name, *text);
+    if (auto found = property_of(value, id); !found.isEmpty()) {
+        const Property property = found.as<Property>();
+        if (!property.setter().isEmpty()) {
+            Any result = resolve(property.set(value, from_python(newValue)));
+            if (is_error_result(result)) return raiseWithName("%U: %s.", name, result);
+            return 0;
+        }
+        if (!definedProperty(class_of(value), id).isEmpty()) {
+            PyErr_Format(PyExc_RuntimeError, "Read-only attribute: %U.", name);
+            return -1;
+        }
+    }
+    Any converted = from_python(newValue);
+    Any result = definedField(class_of(value), id).isEmpty() ? insert_property_value(value, id, std::move(converted))
+                                                            : value.setFieldValue(id, std::move(converted));
+    result = resolve(result);
+    if (is_error_result(result)) return raiseWithName("%U: %s", name, result);
+    return 0;
+}
+
+}  // namespace
+
+PyObject* attributeReadSlot(PyObject* self, PyObject* name) noexcept {
+    try {
+        return readAttribute(self, name);
+    } catch (const std::exception& error) {
+        PyErr_SetString(PyExc_RuntimeError, error.what());
+        return nullptr;
+    }
+}
+
+int attributeWriteSlot(PyObject* self, PyObject* name, PyObject* value) noexcept {
+    try {
+        return writeAttribute(self, name, value);
+    } catch (const std::exception& error) {
+        PyErr_SetString(PyExc_RuntimeError, error.what());
+        return -1;
+    }
+}
+
+}  // namespace tala::python

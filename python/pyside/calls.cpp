@@ -1,0 +1,90 @@
+// python/pyside/calls.cpp: calling wrapped host invokables from Python, by position or by name.
+#include "pyside/calls.hpp"
+
+#include <array>
+
+#include "bridge/from_python.hpp"
+#include "bridge/to_python.hpp"
+#include "extension/gil.hpp"
+#include "pyside/tala_object.hpp"
+
+namespace tala::python {
+
+namespace {
+
+// Keyword arguments as a host map of names; pairs with an empty name are dropped.
+std::optional<HashMap<String, Any>> namedArguments(PyObject* keywords) {
+    HashMap<String, Any> named;
+    PyObjectPtr items = PyObjectPtr::steal(PyObject_CallMethod(keywords, "items", nullptr));
+    if (!items) return std::nullopt;
+    PyObjectPtr iterator = PyObjectPtr::steal(PyObject_GetIter(items.get()));
+    if (!iterator) return std::nullopt;
+    while (PyObjectPtr pair = PyObjectPtr::steal(PyIter_Next(iterator.get()))) {
+        PyObjectPtr key = PyObjectPtr::steal(PySequence_GetItem(pair.get(), 0));
+        PyObjectPtr value = PyObjectPtr::steal(PySequence_GetItem(pair.get(), 1));
+        if (!key || !value) {
+            PyErr_Clear();
+            continue;
+        }
+        const String name = String::cast(from_python(key.get())).value_or(String());
+        if (name.isEmpty()) continue;
+        named.set(name, from_python(value.get()));
+        if (PyErr_Occurred() != nullptr) return std::nullopt;
+    }
+    if (PyErr_Occurred() != nullptr) return std::nullopt;
+    return named;
+}
+
+PyObject* callPositional(const I_Invokable_Generic& invokable, PyObject* arguments) {
+    const Py_ssize_t count = arguments == nullptr ? 0 : PyTuple_GET_SIZE(arguments);
+    // Small calls convert onto the stack: no list cell, no vector.
+    constexpr Py_ssize_t kInline = 8;
+    if (count <= kInline) {
+        std::array<Any, kInline> values;
+        for (Py_ssize_t index = 0; index < count; ++index) values[index] = from_python(PyTuple_GET_ITEM(arguments, index));
+        if (PyErr_Occurred() != nullptr) return nullptr;  // an int beyond 64 bits: raise, don't pass -1 on
+        return to_python(invokable.invokeWith(std::span<const Any>(values.data(), static_cast<std::size_t>(count))));
+    }
+    List<Any> values;
+    values.reserve(static_cast<std::size_t>(count));
+    for (Py_ssize_t index = 0; index < count; ++index) values.append(from_python(PyTuple_GET_ITEM(arguments, index)));
+    if (PyErr_Occurred() != nullptr) return nullptr;
+    return to_python(invokable.invokeWith(values));
+}
+
+PyObject* call(PyObject* self, PyObject* arguments, PyObject* keywords) {
+    GilGuard gil;
+    const Any* wrapped = wrappedHostValue(self);
+    if (wrapped == nullptr) {
+        PyErr_SetString(PyExc_RuntimeError, "Non-callable object: None");
+        return nullptr;
+    }
+    const Any value = *wrapped;
+    if (Error::matches(value)) return to_python(value);
+    auto invokable = I_Invokable_Generic::cast(value);
+    if (!invokable) {
+        PyErr_Format(PyExc_RuntimeError, "Non-callable object: %s", display(value).c_str());
+        return nullptr;
+    }
+    // Any keyword argument makes the call a call by name only: the positional arguments are
+    // not passed at all.
+    if (keywords != nullptr) {
+        auto named = namedArguments(keywords);
+        if (!named) return nullptr;
+        if (!named->isEmpty()) return to_python(invokable->invokeWith(*named));
+    }
+    return callPositional(*invokable, arguments);
+}
+
+}  // namespace
+
+PyObject* callSlot(PyObject* self, PyObject* arguments, PyObject* keywords) noexcept {
+    try {
+        return call(self, arguments, keywords);
+    } catch (const std::exception& error) {
+        PyErr_SetString(PyExc_RuntimeError, error.what());
+        return nullptr;
+    }
+}
+
+}  // namespace tala::python

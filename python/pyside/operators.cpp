@@ -1,0 +1,366 @@
+// python/pyside/operators.cpp: Python protocols (numbers, sequences, mappings, iteration, hashing, text, comparison) on wrapped host values.
+#include <string_view>
+
+#include "bridge/from_python.hpp"
+#include "bridge/to_python.hpp"
+#include "extension/gil.hpp"
+#include "pyside/slots.hpp"
+#include "pyside/tala_object.hpp"
+
+namespace tala::python {
+
+namespace {
+
+// Every slot is a noexcept shell: a C++ exception never unwinds into the interpreter.
+template <class Result, class F>
+Result guarded(Result failure, F&& body) noexcept {
+    try {
+        return body();
+    } catch (const std::exception& error) {
+        PyErr_SetString(PyExc_RuntimeError, error.what());
+        return failure;
+    } catch (...) {
+        PyErr_SetString(PyExc_RuntimeError, "Unknown native exception.");
+        return failure;
+    }
+}
+
+bool raiseIfError(const Any& result) {
+    if (auto error = Error::cast(result)) {
+        PyErr_SetString(PyExc_RuntimeError, error->message().c_str());
+        return true;
+    }
+    return false;
+}
+
+// The host value of a wrapper operand, or nothing (no error set).
+std::optional<Any> operand(PyObject* object) {
+    const Any* wrapped = wrappedHostValue(object);
+    if (wrapped == nullptr) return std::nullopt;
+    return *wrapped;
+}
+
+Any callWith(const I_Invokable_Generic& method, const Any& receiver, std::initializer_list<Any> arguments) {
+    std::vector<Any> all;
+    all.reserve(arguments.size() + 1);
+    if (!method.isIndependent()) all.push_back(receiver);
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return resolve(method.invokeWith(all));
+}
+
+// ---- The binary operator family --------------------------------------------------------------
+
+struct BinaryOperator {
+    const Identifier* first;
+    const char* fallback;  // the method looked up when the first is absent, or null
+    const char* missing;   // the NotImplementedError text; "{}" is the wrapped value
+};
+
+PyObject* binary(PyObject* left, PyObject* right, const BinaryOperator& op) {
+    GilGuard gil;
+    auto wrapped = operand(left);
+    if (!wrapped) return nullptr;  // a host value on the right of a plain operand is not handled here
+    const Any value = internal::unwrap(*wrapped);
+    if (Error::matches(value)) return to_python(value);
+    auto method = method_of(value, *op.first);
+    if (method.isEmpty() && op.fallback != nullptr) method = method_of(value, std::string_view(op.fallback));
+    if (method.isEmpty()) {
+        PyErr_SetString(PyExc_NotImplementedError, String(op.missing).arg(*wrapped).c_str());
+        return nullptr;
+    }
+    Any other = from_python(right);
+    if (PyErr_Occurred() != nullptr) return nullptr;
+    Any result = callWith(method.as<I_Invokable_Generic>(), value, {other});
+    if (raiseIfError(result)) return nullptr;
+    return to_python(result);
+}
+
+const BinaryOperator kSubtract{&Any::$__sub__, nullptr, "[tala_number_subtract] None method '__sub__' in: {}"};
+const BinaryOperator kInplaceSubtract{&Any::$__isub__, nullptr, "[tala_number_inplace_subtract] None method '__isub__' in: {}"};
+const BinaryOperator kDivide{&Any::$__div__, nullptr, "[tala_number_divide] None method '__div__' in: {}."};
+const BinaryOperator kInplaceDivide{&Any::$__idiv__, nullptr, "[tala_number_divide] None method '__idiv__' in: {}."};
+const BinaryOperator kConcat{&Any::$__add__, "concat", "[tala_sequence_concat] None method 'concat' in: {}"};
+const BinaryOperator kExtend{&Any::$__iadd__, "extend", "[tala_sequence_extend] None method 'extend' in: {}."};
+const BinaryOperator kRepeat{&Any::$__mul__, "repeat", "[tala_sequence_repeat] None method 'repeat' in: {}."};
+const BinaryOperator kInplaceRepeat{&Any::$__imul__, nullptr, "[tala_sequence_inplace_repeat] None method '__imul__' in: {}."};
+
+PyObject* subtractSlot(PyObject* a, PyObject* b) { return guarded<PyObject*>(nullptr, [&] { return binary(a, b, kSubtract); }); }
+PyObject* inplaceSubtractSlot(PyObject* a, PyObject* b) {
+    return guarded<PyObject*>(nullptr, [&] { return binary(a, b, kInplaceSubtract); });
+}
+PyObject* divideSlot(PyObject* a, PyObject* b) { return guarded<PyObject*>(nullptr, [&] { return binary(a, b, kDivide); }); }
+PyObject* inplaceDivideSlot(PyObject* a, PyObject* b) {
+    return guarded<PyObject*>(nullptr, [&] { return binary(a, b, kInplaceDivide); });
+}
+PyObject* concatSlot(PyObject* a, PyObject* b) { return guarded<PyObject*>(nullptr, [&] { return binary(a, b, kConcat); }); }
+PyObject* extendSlot(PyObject* a, PyObject* b) { return guarded<PyObject*>(nullptr, [&] { return binary(a, b, kExtend); }); }
+
+PyObject* countOperand(Py_ssize_t count) { return PyLong_FromSsize_t(count); }
+PyObject* repeatSlot(PyObject* a, Py_ssize_t count) {
+    return guarded<PyObject*>(nullptr, [&] {
+        PyObjectPtr number = PyObjectPtr::steal(countOperand(count));
+        return binary(a, number.get(), kRepeat);
+    });
+}
+PyObject* inplaceRepeatSlot(PyObject* a, Py_ssize_t count) {
+    return guarded<PyObject*>(nullptr, [&] {
+        PyObjectPtr number = PyObjectPtr::steal(countOperand(count));
+        return binary(a, number.get(), kInplaceRepeat);
+    });
+}
+
+// ---- Sequences and mappings ------------------------------------------------------------------
+
+Py_ssize_t length(PyObject* self) {
+    GilGuard gil;
+    auto value = operand(self);
+    if (!value) return 0;
+    Any result = resolve(internal::readMember(*value, Any::$$length));
+    if (raiseIfError(result)) return -1;
+    if (result.kind() != Kind::Integer) {
+        PyErr_SetString(PyExc_RuntimeError, "The length is not an integer.");
+        return -1;
+    }
+    return static_cast<Py_ssize_t>(result.rawInteger());
+}
+
+int contains(PyObject* self, PyObject* item) {
+    GilGuard gil;
+    auto value = operand(self);
+    if (!value) return 0;
+    Any other = from_python(item);
+    if (PyErr_Occurred() != nullptr) return -1;
+    Any result = resolve(internal::callMember(*value, Any::$contains, {other}));
+    if (raiseIfError(result)) return -1;
+    return result.kind() == Kind::Boolean && result.rawBoolean() ? 1 : 0;
+}
+
+PyObject* item(PyObject* self, Py_ssize_t index) {
+    GilGuard gil;
+    auto value = operand(self);
+    if (!value) Py_RETURN_NONE;
+    Any result = resolve(internal::callMember(*value, Any::$at, {Integer(index)}));
+    if (raiseIfError(result)) return nullptr;
+    return to_python(result);
+}
+
+// Deletion by index: removeAt takes a count where the implementation asks for one.
+Any removeAt(const Any& value, const Any& index) {
+    auto method = method_of(value, Any::$removeAt);
+    if (method.isEmpty()) return Error(String("None method 'removeAt' in: {}.").arg(value));
+    const auto invokable = method.as<I_Invokable_Generic>();
+    if (invokable.signature().parameterCount() >= 2) return callWith(invokable, value, {index, Integer(1)});
+    return callWith(invokable, value, {index});
+}
+
+int assignItem(PyObject* self, Py_ssize_t index, PyObject* newValue) {
+    GilGuard gil;
+    auto value = operand(self);
+    if (!value) return 0;
+    Any result;
+    if (newValue == nullptr) {
+        result = resolve(removeAt(*value, Integer(index)));
+    } else {
+        Any converted = from_python(newValue);
+        if (PyErr_Occurred() != nullptr) return -1;
+        result = resolve(internal::callMember(*value, Any::$set, {Integer(index), converted}));
+    }
+    return raiseIfError(result) ? -1 : 0;
+}
+
+void raiseKeyError(const Any& key) {
+    PyObjectPtr text = PyObjectPtr::steal(PyUnicode_FromString(display(key).c_str()));
+    PyErr_SetObject(PyExc_KeyError, text.get());
+}
+
+// A key the map does not have raises KeyError; answers whether the caller may go on.
+bool requireKey(const Any& map, const Any& key) {
+    Any present = resolve(internal::callMember(map, Any::$contains, {key}));
+    if (raiseIfError(present)) return false;
+    if (present.kind() == Kind::Boolean && !present.rawBoolean()) {
+        raiseKeyError(key);
+        return false;
+    }
+    return true;
+}
+
+PyObject* subscript(PyObject* self, PyObject* keyObject) {
+    GilGuard gil;
+    auto value = operand(self);
+    if (!value) Py_RETURN_NONE;
+    Any key = from_python(keyObject);
+    if (PyErr_Occurred() != nullptr) return nullptr;
+    if (I_Map_Generic::matches(*value)) {
+        if (!I_Immutable::matches(key) && !key.isEmpty()) {
+            PyErr_Format(PyExc_TypeError, "Unhashable key: %s", display(key).c_str());
+            return nullptr;
+        }
+        if (!requireKey(*value, key)) return nullptr;
+        Any result = resolve(internal::callMember(*value, Any::$get, {key}));
+        if (raiseIfError(result)) return nullptr;
+        return to_python(result);
+    }
+    if (key.kind() != Kind::Integer) {
+        raiseKeyError(key);
+        return nullptr;
+    }
+    Any result = resolve(internal::callMember(*value, Any::$at, {key}));
+    if (raiseIfError(result)) return nullptr;
+    return to_python(result);
+}
+
+int assignSubscript(PyObject* self, PyObject* keyObject, PyObject* newValue) {
+    GilGuard gil;
+    auto value = operand(self);
+    if (!value) return 0;
+    Any key = from_python(keyObject);
+    if (PyErr_Occurred() != nullptr) return -1;
+    Any result;
+    if (I_Map_Generic::matches(*value)) {
+        if (newValue == nullptr) {
+            if (!requireKey(*value, key)) return -1;
+            result = resolve(internal::callMember(*value, Any::$remove, {key}));
+        } else {
+            Any converted = from_python(newValue);
+            if (PyErr_Occurred() != nullptr) return -1;
+            result = resolve(internal::callMember(*value, Any::$set, {key, converted}));
+        }
+    } else if (newValue == nullptr) {
+        result = resolve(removeAt(*value, key));
+    } else {
+        Any converted = from_python(newValue);
+        if (PyErr_Occurred() != nullptr) return -1;
+        result = resolve(internal::callMember(*value, Any::$set, {key, converted}));
+    }
+    return raiseIfError(result) ? -1 : 0;
+}
+
+// ---- Iteration, hashing, text, comparison ----------------------------------------------------
+
+PyObject* iterate(PyObject* self) {
+    GilGuard gil;
+    auto value = operand(self);
+    if (!value || !I_Iterable_Generic::matches(*value)) {
+        PyErr_SetString(PyExc_TypeError, "The host value cannot be iterated.");
+        return nullptr;
+    }
+    Any iterator = resolve(I_Iterable_Generic(internal::unchecked, *value).iter());
+    if (raiseIfError(iterator)) return nullptr;
+    return to_python(iterator);
+}
+
+PyObject* next(PyObject* self) {
+    GilGuard gil;
+    auto value = operand(self);
+    if (!value || !I_Iterator_Generic::matches(*value)) return nullptr;
+    Any item = resolve(I_Iterator_Generic(internal::unchecked, *value).next());
+    if (StopIteration::matches(item)) return nullptr;  // the end: no error set
+    if (raiseIfError(item)) return nullptr;
+    return to_python(item);
+}
+
+Py_hash_t hash(PyObject* self) {
+    GilGuard gil;
+    auto value = operand(self);
+    if (!value) return 0;
+    const std::uint64_t bits = I_Immutable::matches(*value) ? hash_of(*value) : object_id(*value);
+    return static_cast<Py_hash_t>(bits);
+}
+
+PyObject* text(PyObject* self) {
+    GilGuard gil;
+    auto value = operand(self);
+    if (!value) return PyUnicode_FromString("None");
+    String result;
+    if (I_Convertible::matches(*value)) {
+        Any converted = resolve(I_Convertible(internal::unchecked, *value).tryInto(String::getClass()));
+        if (auto asString = String::cast(converted)) result = *asString;
+    }
+    if (result.isEmpty()) result = display(*value);
+    return PyUnicode_DecodeUTF8(result.data(), static_cast<Py_ssize_t>(result.size()), "replace");
+}
+
+PyObject* compare(PyObject* self, PyObject* other, int operation) {
+    GilGuard gil;
+    auto value = operand(self);
+    if (!value) Py_RETURN_NOTIMPLEMENTED;
+    Any right = from_python(other);
+    if (PyErr_Occurred() != nullptr) return nullptr;
+    const std::int64_t order = compare_objects(*value, right);
+    bool answer = false;
+    switch (operation) {
+        case Py_LT: answer = order < 0; break;
+        case Py_LE: answer = order <= 0; break;
+        case Py_EQ: answer = order == 0; break;
+        case Py_NE: answer = order != 0; break;
+        case Py_GT: answer = order > 0; break;
+        case Py_GE: answer = order >= 0; break;
+        default: Py_RETURN_NOTIMPLEMENTED;
+    }
+    return answer ? Py_True : Py_False;  // immortal: no count taken
+}
+
+Py_ssize_t lengthSlot(PyObject* self) { return guarded<Py_ssize_t>(-1, [&] { return length(self); }); }
+int containsSlot(PyObject* self, PyObject* value) { return guarded<int>(-1, [&] { return contains(self, value); }); }
+PyObject* itemSlot(PyObject* self, Py_ssize_t index) { return guarded<PyObject*>(nullptr, [&] { return item(self, index); }); }
+int assignItemSlot(PyObject* self, Py_ssize_t index, PyObject* value) {
+    return guarded<int>(-1, [&] { return assignItem(self, index, value); });
+}
+PyObject* subscriptSlot(PyObject* self, PyObject* key) { return guarded<PyObject*>(nullptr, [&] { return subscript(self, key); }); }
+int assignSubscriptSlot(PyObject* self, PyObject* key, PyObject* value) {
+    return guarded<int>(-1, [&] { return assignSubscript(self, key, value); });
+}
+PyObject* iterSlot(PyObject* self) { return guarded<PyObject*>(nullptr, [&] { return iterate(self); }); }
+PyObject* nextSlot(PyObject* self) { return guarded<PyObject*>(nullptr, [&] { return next(self); }); }
+Py_hash_t hashSlot(PyObject* self) { return guarded<Py_hash_t>(-1, [&] { return hash(self); }); }
+PyObject* strSlot(PyObject* self) { return guarded<PyObject*>(nullptr, [&] { return text(self); }); }
+PyObject* compareSlot(PyObject* self, PyObject* other, int operation) {
+    return guarded<PyObject*>(nullptr, [&] { return compare(self, other, operation); });
+}
+
+}  // namespace
+
+void fillOperatorSlots(PyTypeObject& type) {
+    type.tp_hash = hashSlot;
+    type.tp_str = strSlot;
+    type.tp_richcompare = compareSlot;
+    type.tp_iter = iterSlot;
+    type.tp_iternext = nextSlot;
+}
+
+void fillNumberSlots(PyNumberMethods& table) {
+    table.nb_subtract = subtractSlot;
+    table.nb_inplace_subtract = inplaceSubtractSlot;
+    table.nb_true_divide = divideSlot;
+    table.nb_inplace_true_divide = inplaceDivideSlot;
+}
+
+void fillMinimalSequenceSlots(PySequenceMethods& table) {
+    table.sq_concat = concatSlot;
+    table.sq_inplace_concat = extendSlot;
+}
+
+void fillSetLikeSequenceSlots(PySequenceMethods& table) {
+    table.sq_concat = concatSlot;
+    table.sq_contains = containsSlot;
+    table.sq_inplace_concat = extendSlot;
+}
+
+void fillFullSequenceSlots(PySequenceMethods& table) {
+    table.sq_length = lengthSlot;
+    table.sq_item = itemSlot;
+    table.sq_ass_item = assignItemSlot;
+    table.sq_contains = containsSlot;
+    table.sq_concat = concatSlot;
+    table.sq_repeat = repeatSlot;
+    table.sq_inplace_concat = extendSlot;
+    table.sq_inplace_repeat = inplaceRepeatSlot;
+}
+
+void fillMappingSlots(PyMappingMethods& table) {
+    table.mp_length = lengthSlot;
+    table.mp_subscript = subscriptSlot;
+    table.mp_ass_subscript = assignSubscriptSlot;
+}
+
+}  // namespace tala::python
