@@ -15,14 +15,15 @@ main() {
 }
 
 # ---------------------------------------------------------------------------
-# The main job. Arguments given to this script are passed on.
-# Later: build/bin/tala run examples/<script>.py
+# The main job: the host program runs an example script, with host values going in as locals,
+# the result and an out-local coming back, and a Python logging line reaching the host logger.
+# Arguments given to this script are passed on to `tala run`.
 # ---------------------------------------------------------------------------
 run_main_job() {
-    local program="build/bin/tala_values_example"
+    local program="build/bin/tala"
     [[ -x "$program" ]] || tala_die "the main job's program $program was not built."
-    tala_log "running $program"
-    "$program" "$@"
+    tala_log "running $program run examples/orders.py"
+    "$program" run examples/orders.py price=19.99 quantity=12 customer=ACME --out summary "$@"
 }
 
 main "$@"

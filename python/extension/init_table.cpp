@@ -4,6 +4,8 @@
 // interpreter), 3 the documentation of module "tala.python", 4 the module functions.
 #include "extension/identifiers.hpp"
 #include "extension/interpreter.hpp"
+#include "extension/logging_bridge.hpp"
+#include "language/evaluate.hpp"
 #include "extension/sys_path.hpp"
 #include "functions/function_python.hpp"
 #include "proxies/python_proxy.hpp"
@@ -16,15 +18,65 @@ namespace {
 
 Module pythonModule() { return Module::create("tala.python"); }
 
+// A map argument: a host map, or None for "no map".
+std::optional<Union<I_Map<String, Any>, None>> mapArgument(const Any& value) {
+    if (value.isEmpty()) return Union<I_Map<String, Any>, None>(None());
+    if (I_Map_Generic::matches(value)) return Union<I_Map<String, Any>, None>(internal::unchecked, value);
+    return std::nullopt;
+}
+
+std::optional<Union<I_MutableMap<String, Any>, None>> mutableMapArgument(const Any& value) {
+    if (value.isEmpty()) return Union<I_MutableMap<String, Any>, None>(None());
+    if (I_MutableMap_Generic::matches(value)) return Union<I_MutableMap<String, Any>, None>(internal::unchecked, value);
+    return std::nullopt;
+}
+
+Error notAMap(const char* parameter, const Any& value) {
+    return Error(String("The argument '{}' must be a map or None, got {}.").arg(String(parameter), display(value)));
+}
+
+Any evaluateMethod(const Any& self, const String& code, const Any& locals, const Any& globals, const Any& outLocals) {
+    auto localMap = mapArgument(locals);
+    if (!localMap) return notAMap("locals", locals);
+    auto globalMap = mapArgument(globals);
+    if (!globalMap) return notAMap("globals", globals);
+    auto outMap = mutableMapArgument(outLocals);
+    if (!outMap) return notAMap("outLocals", outLocals);
+    return resolve(language_python_evaluate_method(self, code, *localMap, *globalMap, *outMap));
+}
+
 void registerModuleFunctions() {
-    pythonModule().addFunction(
+    const Module module = pythonModule();
+    module.addFunction(String("evaluate"),
+                       native_function([](const String& code, const Any& locals, const Any& globals, const Any& outLocals) {
+                           return evaluateMethod(Any(), code, locals, globals, outLocals);
+                       }, "evaluate", {"code", "locals", "globals", "outLocals"},
+                                       "Runs Python code; what it returns is the result, and the names of outLocals are "
+                                       "written back into that map."));
+    module.addFunction(String("evaluate_expr"),
+                       native_function([](const String& code, const Any& locals, const Any& globals) -> Any {
+                           auto localMap = mapArgument(locals);
+                           if (!localMap) return notAMap("locals", locals);
+                           auto globalMap = mapArgument(globals);
+                           if (!globalMap) return notAMap("globals", globals);
+                           return evaluate_expr(code, *localMap, *globalMap);
+                       }, "evaluate_expr", {"code", "locals", "globals"}, "Evaluates a Python expression."));
+    module.addFunction(String("evaluate_method"),
+                       native_function([](const Any& self, const String& code, const Any& locals, const Any& globals,
+                                          const Any& outLocals) { return evaluateMethod(self, code, locals, globals, outLocals); },
+                                       "evaluate_method", {"self", "code", "locals", "globals", "outLocals"},
+                                       "Runs Python code with `self` bound to a host value."));
+    module.addFunction(
         String("python_add_sys_path"),
         native_function([](const String& path) { return python_add_sys_path(path); }, "python_add_sys_path", {"path"},
                         "Adds a path to sys.path once."));
 }
 
-// The interpreter normally starts here, while the host runs the init handlers.
-void startInterpreter() { (void)ensurePythonOnce(); }
+
+void describeModule() {
+    pythonModule().setDoc(String("Python language support: evaluation of Python code against host values, and the bridge "
+                                 "between host values and Python objects."));
+}
 
 template <class T>
 void registerClass() {
@@ -40,7 +92,8 @@ void registerClass() {
     internal::add_init_handler(1, registerClass<PythonProxySequence>);
     internal::add_init_handler(1, registerClass<PythonProxySet>);
     // Appended to the list itself rather than through add_init_handler: the same entry either way.
-    internal::init_handlers_unsafe().emplace_back(2, startInterpreter);
+    internal::init_handlers_unsafe().emplace_back(2, installLoggingBridge);
+    internal::add_init_handler(3, describeModule);
     internal::add_init_handler(4, registerModuleFunctions);
     return true;
 }();

@@ -3,17 +3,36 @@
 
 #include <atomic>
 
+#if !defined(_WIN32)
+#include <dlfcn.h>
+#endif
+
 #include "extension/gil.hpp"
 #include "extension/sys_path.hpp"
 
 namespace tala::python {
 
 namespace {
+
 std::atomic<int> g_starts{0};
+
+// Python's own extension modules (math, _decimal, ...) expect the interpreter's symbols in the
+// global scope. A host that loads this library with local symbols hides them, so make the
+// interpreter library global before the first import.
+void exposeInterpreterSymbols() {
+#if !defined(_WIN32)
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<void*>(&Py_InitializeEx), &info) != 0 && info.dli_fname != nullptr) {
+        (void)dlopen(info.dli_fname, RTLD_NOW | RTLD_GLOBAL | RTLD_NOLOAD);
+    }
+#endif
+}
+
 }  // namespace
 
 bool ensurePythonInitialized() {
     if (!Py_IsInitialized()) {
+        exposeInterpreterSymbols();
         Py_InitializeEx(0);  // no signal handlers: the host owns the process's signals
         g_starts.fetch_add(1, std::memory_order_relaxed);
         for (const String& path : pendingSysPaths()) (void)python_add_sys_path(path);

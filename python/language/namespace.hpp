@@ -1,0 +1,13 @@
+// python/language/namespace.hpp: the host's modules as Python names.
+#pragma once
+
+#include <Python.h>
+
+namespace tala::python {
+
+// A new dict (a new reference) of the host's modules: every top-level module that is not
+// marked internal under its name, and the classes and functions of modules marked inlined
+// under their own names; a later module wins a name. The caller holds the interpreter lock.
+PyObject* buildHostNamespace();
+
+}  // namespace tala::python
