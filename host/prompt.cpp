@@ -28,15 +28,27 @@ for node in ast.walk(ast.parse(source)):
             names.append(alias.asname or alias.name.split('.')[0])
 return names)PY";
 
-bool isSyntaxError(const Any& result) {
-    return Error::matches(result) && Error(internal::unchecked, result).message().contains("SyntaxError");
+// Whether a line is one expression, asked of Python's parser before anything runs: a line must
+// run once, so its kind cannot be found out by trying it. Leading blanks are dropped, as eval()
+// drops them.
+const char* const kIsExpression = R"PY(import ast
+try:
+    ast.parse(source.lstrip(' \t'), mode='eval')
+except SyntaxError:
+    return False
+return True)PY";
+
+bool isExpression(const std::string& line) {
+    HashMap<String, Any> parseLocals{{String("source"), String(line)}};
+    const Any answer = callModuleFunction("evaluate", {String(kIsExpression), parseLocals, Any(), Any()});
+    return Boolean::matches(answer) && Boolean(internal::unchecked, answer).value();
 }
 
 // One line: an expression prints its value; anything else runs as code, and the names it binds
 // stay in `session` for the lines after it.
 void runLine(const std::string& line, HashMap<String, Any>& session) {
-    Any value = callModuleFunction("evaluate_expr", {String(line), session, Any()});
-    if (!isSyntaxError(value)) {
+    if (isExpression(line)) {
+        Any value = callModuleFunction("evaluate_expr", {String(line), session, Any()});
         flushPythonOutput();
         if (is_error_result(value)) {
             std::fprintf(stderr, "%s\n", Error(internal::unchecked, value).message().c_str());

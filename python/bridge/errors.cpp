@@ -78,24 +78,37 @@ Class_Generic host_error_class_for(PyObject* exceptionType) {
     return Error::getClass();
 }
 
+namespace {
+
+// Raises `type` with the message as text. The message keeps every byte: an embedded NUL is kept
+// and bytes that are not UTF-8 are replaced, so the exception is always of `type`.
+void raiseWithMessage(PyObject* type, const String& message) {
+    PyObjectPtr text = PyObjectPtr::steal(
+        PyUnicode_DecodeUTF8(message.data(), static_cast<Py_ssize_t>(message.size()), "replace"));
+    if (!text) return;  // out of memory: that error stays set
+    PyErr_SetObject(type, text.get());
+}
+
+}  // namespace
+
 void raise_host_error(const Error& error) {
     GilGuard gil;
     const Class_Generic errorClass = raw_class_of(error);
     const String& message = error.message();
     if (errorClass == Error::getClass() && !error.exception()) {
-        PyErr_SetString(PyExc_RuntimeError, message.c_str());
+        raiseWithMessage(PyExc_RuntimeError, message);
         return;
     }
     PyObject* type = exception_type_for(errorClass);
     if (type == nullptr) {
-        PyErr_SetString(PyExc_RuntimeError, message.c_str());
+        raiseWithMessage(PyExc_RuntimeError, message);
         return;
     }
     PyObjectPtr noArguments = PyObjectPtr::steal(PyTuple_New(0));
     PyObjectPtr instance = PyObjectPtr::steal(PyObject_CallObject(type, noArguments.get()));
     if (!instance) {
         PyErr_Clear();
-        PyErr_SetString(type, message.c_str());
+        raiseWithMessage(type, message);
         return;
     }
     PyObjectPtr wrapper = PyObjectPtr::steal(wrapHostValue(error));

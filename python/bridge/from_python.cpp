@@ -1,9 +1,12 @@
 // python/bridge/from_python.cpp: Python objects into host values, by a fixed order of tests.
 #include "bridge/from_python.hpp"
 
+#include <atomic>
 #include <cmath>
+#include <mutex>
 
 #include "bridge/errors.hpp"
+#include "bridge/module_attribute.hpp"
 #include "extension/gil.hpp"
 #include "functions/function_python.hpp"
 #include "proxies/python_proxy.hpp"
@@ -16,38 +19,38 @@ namespace {
 
 // Types looked up once per process; separate from the caches of the other direction. A failed
 // look-up stays null and the test it serves never matches.
-PyObject* moduleAttribute(const char* moduleName, const char* name) {
-    PyObjectPtr module = PyObjectPtr::steal(PyImport_ImportModule(moduleName));
-    if (!module) {
-        PyErr_Clear();
-        return nullptr;
-    }
-    PyObject* dictionary = PyModule_GetDict(module.get());
-    return dictionary == nullptr ? nullptr : PyDict_GetItemString(dictionary, name);
-}
 
 PyObject* decimalType() {
-    static PyObject* type = moduleAttribute("decimal", "Decimal");
+    static MadeOnce state;
+    static PyObject* type = nullptr;
+    makeOnce(state, [] { type = moduleAttribute("decimal", "Decimal"); });
     return type;
 }
 PyObject* dateType() {
-    static PyObject* type = moduleAttribute("datetime", "date");
+    static MadeOnce state;
+    static PyObject* type = nullptr;
+    makeOnce(state, [] { type = moduleAttribute("datetime", "date"); });
     return type;
 }
 PyObject* timeType() {
-    static PyObject* type = moduleAttribute("datetime", "time");
+    static MadeOnce state;
+    static PyObject* type = nullptr;
+    makeOnce(state, [] { type = moduleAttribute("datetime", "time"); });
     return type;
 }
 PyObject* dateTimeType() {
-    static PyObject* type = moduleAttribute("datetime", "datetime");
+    static MadeOnce state;
+    static PyObject* type = nullptr;
+    makeOnce(state, [] { type = moduleAttribute("datetime", "datetime"); });
     return type;
 }
 PyObject* formatException() {
-    static PyObject* function = [] {
-        PyObject* found = moduleAttribute("traceback", "format_exception");
-        if (found != nullptr) Py_IncRef(found);  // kept for the life of the process
-        return found;
-    }();
+    static MadeOnce state;
+    static PyObject* function = nullptr;
+    makeOnce(state, [] {
+        function = moduleAttribute("traceback", "format_exception");
+        if (function != nullptr) Py_IncRef(function);  // kept for the life of the process
+    });
     return function;
 }
 
@@ -191,6 +194,9 @@ Error errorFromException(PyObject* exception) {
     const Class_Generic errorClass = host_error_class_for(reinterpret_cast<PyObject*>(Py_TYPE(exception)));
     const String message = exceptionMessage(exception);
     if (object_value_python_type::matches(errorClass) || errorClass == Error::getClass()) return Error(message);
+    // An instance of the host error class with the message. Made directly: invoking an error
+    // class answers the blank error of its factory without running `__init__`.
+    if (errorClass.derivesFrom(Error::getClass())) return Error(errorClass, message);
     Any made = errorClass.instantiate(std::vector<Any>{message});
     if (auto error = Error::cast(made)) return *error;
     return Error(message);

@@ -2,40 +2,40 @@
 #include "bridge/to_python.hpp"
 
 #include "bridge/errors.hpp"
+#include "bridge/module_attribute.hpp"
 #include "extension/gil.hpp"
+#include "proxies/python_proxy.hpp"
 #include "pyside/tala_object.hpp"
 
 namespace tala::python {
 
 namespace {
 
-// A type of a standard module, looked up once per process. The module stays alive in
-// sys.modules, so the borrowed reference from its dictionary stays valid; a failed look-up
-// leaves null for good, and the constructor call then fails with the interpreter's own error.
-PyObject* standardType(const char* moduleName, const char* typeName) {
-    PyObjectPtr module = PyObjectPtr::steal(PyImport_ImportModule(moduleName));
-    if (!module) {
-        PyErr_Clear();
-        return nullptr;
-    }
-    PyObject* dictionary = PyModule_GetDict(module.get());
-    return dictionary == nullptr ? nullptr : PyDict_GetItemString(dictionary, typeName);
-}
-
+// The standard types this direction makes, each looked up once per process (its own caches; the
+// other direction keeps its own). A failed look-up leaves null for good, and the constructor
+// call then fails with an error of its own.
 PyObject* decimalType() {
-    static PyObject* type = standardType("decimal", "Decimal");
+    static MadeOnce state;
+    static PyObject* type = nullptr;
+    makeOnce(state, [] { type = moduleAttribute("decimal", "Decimal"); });
     return type;
 }
 PyObject* dateType() {
-    static PyObject* type = standardType("datetime", "date");
+    static MadeOnce state;
+    static PyObject* type = nullptr;
+    makeOnce(state, [] { type = moduleAttribute("datetime", "date"); });
     return type;
 }
 PyObject* timeType() {
-    static PyObject* type = standardType("datetime", "time");
+    static MadeOnce state;
+    static PyObject* type = nullptr;
+    makeOnce(state, [] { type = moduleAttribute("datetime", "time"); });
     return type;
 }
 PyObject* dateTimeType() {
-    static PyObject* type = standardType("datetime", "datetime");
+    static MadeOnce state;
+    static PyObject* type = nullptr;
+    makeOnce(state, [] { type = moduleAttribute("datetime", "datetime"); });
     return type;
 }
 
@@ -67,7 +67,13 @@ PyObject* fromString(std::string_view text) {
 
 // Objects (kind 8): the first test that matches decides.
 PyObject* fromObject(const Any& value) {
-    if (PyObject* proxied = pythonObjectOfProxy(value)) {
+    if (PythonProxy::matches(value)) {
+        PyObject* proxied = pythonObjectOfProxy(value);
+        if (proxied == nullptr) {
+            // A proxy that holds nothing has no Python object to give back; it is not wrapped.
+            PyErr_SetString(PyExc_RuntimeError, "The object is null.");
+            return nullptr;
+        }
         Py_IncRef(proxied);
         return proxied;
     }

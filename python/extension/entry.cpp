@@ -8,6 +8,7 @@
 #endif
 
 #include <filesystem>
+#include <system_error>
 
 #include "extension/entry.hpp"
 #include "extension/sys_path.hpp"
@@ -26,7 +27,14 @@ std::string ownDirectory() {
 #else
     Dl_info info{};
     if (dladdr(reinterpret_cast<void*>(&ownDirectory), &info) == 0 || info.dli_fname == nullptr) return std::string();
-    return std::filesystem::path(info.dli_fname).parent_path().string();
+    // The loader reports the name the library was opened by, which may be relative to the working
+    // directory of that moment (the host calls us right after loading). Like the Windows module
+    // file name, the directory is made absolute, so that sys.path does not follow later changes
+    // of the working directory.
+    std::error_code failed;
+    std::filesystem::path file = std::filesystem::absolute(std::filesystem::path(info.dli_fname), failed);
+    if (failed) file = std::filesystem::path(info.dli_fname);
+    return file.parent_path().string();
 #endif
 }
 

@@ -3,6 +3,8 @@
 
 #include <Python.h>
 
+#include <atomic>
+#include <mutex>
 #include <utility>
 
 namespace tala::python {
@@ -76,5 +78,31 @@ private:
     constexpr explicit PyObjectPtr(PyObject* object) noexcept : object_(object) {}
     PyObject* object_ = nullptr;
 };
+
+// The state of a process-wide value made once (see makeOnce).
+struct MadeOnce {
+    std::atomic<bool> made{false};
+    std::once_flag once;
+};
+
+// Runs `make` once per process, under the interpreter lock, from whichever thread asks first.
+// The maker may give the lock up meanwhile (an import reads files; Python code yields to other
+// threads), so a thread that must wait for it lets go of the lock while it waits, or the maker
+// could never take the lock back. Callers may hold the lock or not.
+template <class Make>
+void makeOnce(MadeOnce& state, Make&& make) {
+    if (state.made.load(std::memory_order_acquire)) return;
+    struct Released {
+        PyThreadState* thread = PyGILState_Check() ? PyEval_SaveThread() : nullptr;
+        ~Released() {
+            if (thread != nullptr) PyEval_RestoreThread(thread);
+        }
+    } released;
+    std::call_once(state.once, [&] {
+        GilGuard gil;
+        make();
+        state.made.store(true, std::memory_order_release);
+    });
+}
 
 }  // namespace tala::python

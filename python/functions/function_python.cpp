@@ -1,6 +1,7 @@
 // python/functions/function_python.cpp: FunctionPython: calls, names, defaults, signatures, and compilation from source.
 #include "functions/function_python.hpp"
 
+#include <atomic>
 #include <mutex>
 
 #include "bridge/errors.hpp"
@@ -12,6 +13,8 @@
 namespace tala {
 
 using python::GilGuard;
+using python::MadeOnce;
+using python::makeOnce;
 using python::PyObjectPtr;
 
 namespace {
@@ -51,7 +54,7 @@ public:
 
     // The signature or the error that kept it from being read; computed once.
     Any cachedSignature() const {
-        std::call_once(signatureOnce_, [this] { signature_ = readSignature(); });
+        makeOnce(signatureOnce_, [this] { signature_ = readSignature(); });
         return signature_;
     }
 
@@ -81,6 +84,13 @@ public:
             items.assign(list->begin(), list->end());
         } else if (auto tuple = Tuple::cast(sequence)) {
             items.assign(tuple->items().begin(), tuple->items().end());
+        } else if (auto other = I_Sequence_Generic::cast(sequence)) {
+            // Any other host sequence (a proxy of a Python list among them), element by element.
+            const Any length = resolve(other->length());
+            if (is_error_result(length)) return length;
+            for (std::int64_t index = 0; length.kind() == Kind::Integer && index < length.rawInteger(); ++index) {
+                items.push_back(resolve(other->at(index)));
+            }
         } else {
             return Error(String("Default values must be a sequence: {}.").arg(display(sequence)));
         }
@@ -150,7 +160,7 @@ private:
     }
 
     PyObject* callable_;
-    mutable std::once_flag signatureOnce_;
+    mutable MadeOnce signatureOnce_;
     mutable Any signature_;
 };
 

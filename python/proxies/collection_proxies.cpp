@@ -49,7 +49,11 @@ Union<List<Any>, Lazy<List<Any>>, Error> listOf(const Any& self, const char* met
         PyErr_Clear();
         return items;
     }
-    while (PyObjectPtr item = PyObjectPtr::steal(PyIter_Next(iterator.get()))) items.append(from_python(item.get()));
+    while (PyObjectPtr item = PyObjectPtr::steal(PyIter_Next(iterator.get()))) {
+        items.append(from_python(item.get()));
+        // An item that did not convert (an int beyond 64 bits) ends the walk with its error.
+        if (PyErr_Occurred() != nullptr) break;
+    }
     if (PyErr_Occurred() != nullptr) return fetch_python_error_or("Unknown error.");
     return items;
 }
@@ -190,7 +194,9 @@ Class_Generic PythonProxyMapping::getClass() {
                     .method(Any::$values, [](const PythonProxy& self) { return listOf(self, "values"); })
                     .method(Any::$$length, [](const PythonProxy& self) { return typed<Integer>(call(self, "__len__"), "an integer"); })
                     .property(Any::$$keysType, [](const PythonProxy&) { return Type::any(); }, "Keys are of any type.")
-                    .method(Any::$keys, [](const PythonProxy& self) { return listOf(self, "keys"); });
+                    .method(Any::$keys, [](const PythonProxy& self) { return listOf(self, "keys"); })
+                    // I_Iterable's: the keys, as Python iterates a dict.
+                    .method(Any::$iter, [](const PythonProxy& self) { return iterate(self); });
             });
     });
     return registration.get();
@@ -246,7 +252,9 @@ Class_Generic PythonProxySequence::getClass() {
                     .method(Any::$at, [](const PythonProxy& self, const Integer& index) -> Result {
                         return Result(internal::unchecked, call(self, "__getitem__", {index}));
                     }, {"index"})
-                    .method(Any::$$length, [](const PythonProxy& self) { return typed<Integer>(call(self, "__len__"), "an integer"); });
+                    .method(Any::$$length, [](const PythonProxy& self) { return typed<Integer>(call(self, "__len__"), "an integer"); })
+                    // I_Iterable's.
+                    .method(Any::$iter, [](const PythonProxy& self) { return iterate(self); });
             });
     });
     return registration.get();
@@ -268,7 +276,12 @@ Class_Generic PythonProxySet::getClass() {
                         return None();
                     }, {"values"})
                     .method(Any::$clear, [](const PythonProxy& self) { return nothing(call(self, "clear")); })
-                    .method(Any::$$length, [](const PythonProxy& self) { return typed<Integer>(call(self, "__len__"), "an integer"); });
+                    .method(Any::$$length, [](const PythonProxy& self) { return typed<Integer>(call(self, "__len__"), "an integer"); })
+                    // I_Set's and I_Iterable's.
+                    .method(Any::$contains, [](const PythonProxy& self, const Any& value) {
+                        return typed<Boolean>(call(self, "__contains__", {value}), "a boolean");
+                    }, {"value"})
+                    .method(Any::$iter, [](const PythonProxy& self) { return iterate(self); });
             });
     });
     return registration.get();

@@ -1,6 +1,9 @@
 // python/proxies/python_proxy.cpp: the generic host proxy of a Python object and its reflective methods.
 #include "proxies/python_proxy.hpp"
 
+#include <atomic>
+#include <mutex>
+
 #include "bridge/errors.hpp"
 #include "bridge/from_python.hpp"
 #include "bridge/to_python.hpp"
@@ -127,11 +130,13 @@ Union<String, Lazy<String>, Error> displayProxy(const Any& self) {
 
 // The comparison helper, compiled once per process and kept for ever (never released).
 PyObject* compareHelper() {
-    static PyObject* helper = [] {
+    static MadeOnce state;
+    static PyObject* helper = nullptr;
+    makeOnce(state, [] {
         static const Any* function = new Any(FunctionPython::fromSource(String(
             "def cmp(a, b):\n    if a > b:\n        return 1\n    else:\n        if a < b:\n            return -1\n    return 0")));
-        return pythonCallableOf(*function);
-    }();
+        helper = pythonCallableOf(*function);
+    });
     return helper;
 }
 
@@ -151,7 +156,11 @@ Union<Integer, Lazy<Integer>, Error> compareProxy(const Any& self, const Any& ot
         for (const auto& [operation, answer] : kOrder) {
             PyObject* result = compare(mine, theirs, operation);
             if (result == Py_True) return Integer(answer);
-            if (result != nullptr) Py_DecRef(result);
+            if (result != nullptr) {
+                Py_DecRef(result);
+            } else {
+                PyErr_Clear();  // the next comparison must not run with an exception set
+            }
         }
     }
     PyErr_Clear();

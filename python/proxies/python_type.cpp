@@ -2,6 +2,7 @@
 #include "proxies/python_type.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
 #include <vector>
 #include <unordered_map>
@@ -137,7 +138,9 @@ Class_Generic buildClassView(const String& name, PyObject* type) {
 // The host classes of the builtin types of plain data: what the conversion makes of their
 // instances. Built once.
 const std::unordered_map<PyObject*, const internal::ClassCell*>& builtinTable() {
-    static const auto* table = [] {
+    static MadeOnce state;
+    static const std::unordered_map<PyObject*, const internal::ClassCell*>* table = nullptr;
+    makeOnce(state, [] {
         auto* built = new std::unordered_map<PyObject*, const internal::ClassCell*>();
         auto add = [&](PyObject* type, const Class_Generic& cls) {
             if (type != nullptr) built->emplace(type, cls.cell());
@@ -159,8 +162,8 @@ const std::unordered_map<PyObject*, const internal::ClassCell*>& builtinTable() 
             }
             add(PyDict_GetItemString(PyModule_GetDict(imported.get()), name), cls);
         }
-        return built;
-    }();
+        table = built;
+    });
     return *table;
 }
 

@@ -126,6 +126,13 @@ PyObject* readProperty(const Property& property, const Any& value) {
     return to_python(getter(value));
 }
 
+// A method bound to `value` the way Any::boundMethod binds one: a method that needs no receiver
+// comes as it is.
+Any boundTo(const I_Invokable_Generic& method, const Any& value) {
+    if (method.isIndependent() || method.parameterCount() == 0) return method;
+    return method.bindArgs(value);
+}
+
 std::optional<PyObject*> fromLazy(const Any& value, Identifier name) {
     if (auto property = raw_property_of(value, name); !property.isEmpty()) {
         return to_python(property.as<Property>().getter()(value));
@@ -154,7 +161,9 @@ PyObject* hostLookup(const Any& value, Identifier name) {
     }
     if (Error::matches(value)) return to_python(value);
     if (auto property = property_of(value, name); !property.isEmpty()) return readProperty(property.as<Property>(), value);
-    if (Any bound = value.boundMethod(name); !bound.isEmpty()) return to_python(bound);
+    // Any::boundMethod answers an Error, not nothing, for a missing method: look the method up
+    // first, so that a miss goes on to the steps below.
+    if (auto method = method_of(value, name); !method.isEmpty()) return to_python(boundTo(method.as<I_Invokable_Generic>(), value));
     const auto cls = Class_Generic::cast(value);
     if (cls) {
         if (auto found = fromClassObject(*cls, name)) return *found;
@@ -206,7 +215,9 @@ int writeAttribute(PyObject* self, PyObject* name, PyObject* newValue) {
     if (auto found = property_of(value, id); !found.isEmpty()) {
         const Property property = found.as<Property>();
         if (!property.setter().isEmpty()) {
-            Any result = resolve(property.set(value, from_python(newValue)));
+            Any converted = from_python(newValue);
+            if (PyErr_Occurred() != nullptr) return -1;  // an int beyond 64 bits: nothing is written
+            Any result = resolve(property.set(value, converted));
             if (is_error_result(result)) return raiseWithName("%U: %s.", name, result);
             return 0;
         }
@@ -216,6 +227,7 @@ int writeAttribute(PyObject* self, PyObject* name, PyObject* newValue) {
         }
     }
     Any converted = from_python(newValue);
+    if (PyErr_Occurred() != nullptr) return -1;
     Any result = definedField(class_of(value), id).isEmpty() ? insert_property_value(value, id, std::move(converted))
                                                             : value.setFieldValue(id, std::move(converted));
     result = resolve(result);

@@ -59,7 +59,10 @@ struct BinaryOperator {
 PyObject* binary(PyObject* left, PyObject* right, const BinaryOperator& op) {
     GilGuard gil;
     auto wrapped = operand(left);
-    if (!wrapped) return nullptr;  // a host value on the right of a plain operand is not handled here
+    // A host value on the right of a plain operand (5 - x) is not handled here. A slot must not
+    // return null without an exception set (the interpreter turns it into SystemError, or stops
+    // on an assertion): NotImplemented lets Python report the unsupported operands itself.
+    if (!wrapped) Py_RETURN_NOTIMPLEMENTED;
     const Any value = internal::unwrap(*wrapped);
     if (Error::matches(value)) return to_python(value);
     auto method = method_of(value, *op.first);
@@ -240,6 +243,11 @@ int assignSubscript(PyObject* self, PyObject* keyObject, PyObject* newValue) {
 PyObject* iterate(PyObject* self) {
     GilGuard gil;
     auto value = operand(self);
+    // A host iterator is its own Python iterator, as Python's iterators are: iter(it) is it.
+    if (value && !I_Iterable_Generic::matches(*value) && I_Iterator_Generic::matches(*value)) {
+        Py_IncRef(self);
+        return self;
+    }
     if (!value || !I_Iterable_Generic::matches(*value)) {
         PyErr_SetString(PyExc_TypeError, "The host value cannot be iterated.");
         return nullptr;
@@ -271,13 +279,15 @@ PyObject* text(PyObject* self) {
     GilGuard gil;
     auto value = operand(self);
     if (!value) return PyUnicode_FromString("None");
-    String result;
+    // A conversion into the empty text is a conversion all the same: only a failed or impossible
+    // one falls back to the display text.
+    std::optional<String> result;
     if (I_Convertible::matches(*value)) {
         Any converted = resolve(I_Convertible(internal::unchecked, *value).tryInto(String::getClass()));
-        if (auto asString = String::cast(converted)) result = *asString;
+        result = String::cast(converted);
     }
-    if (result.isEmpty()) result = display(*value);
-    return PyUnicode_DecodeUTF8(result.data(), static_cast<Py_ssize_t>(result.size()), "replace");
+    if (!result) result = display(*value);
+    return PyUnicode_DecodeUTF8(result->data(), static_cast<Py_ssize_t>(result->size()), "replace");
 }
 
 PyObject* compare(PyObject* self, PyObject* other, int operation) {

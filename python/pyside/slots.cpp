@@ -67,7 +67,9 @@ int getsetSetter(PyObject* self, PyObject* newValue, void* closure) {
         PyErr_Format(PyExc_AttributeError, "%s", static_cast<const char*>(closure));
         return -1;
     }
-    Any result = resolve(property.as<Property>().set(value, from_python(newValue)));
+    Any converted = from_python(newValue);
+    if (PyErr_Occurred() != nullptr) return -1;  // an int beyond 64 bits: nothing is written
+    Any result = resolve(property.as<Property>().set(value, converted));
     if (auto error = Error::cast(result)) {
         PyErr_Format(PyExc_RuntimeError, "%s", error->message().c_str());
         return -1;

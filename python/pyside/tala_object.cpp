@@ -159,6 +159,19 @@ PerClassTypes& perClassTypes() {
     return *table;
 }
 
+// Takes the lock of the per-class map; the caller holds the interpreter lock. Building a type may
+// run Python code (the signature of a method that is a Python function), and Python lets other
+// threads in meanwhile: a thread that has to wait for the map lets go of the interpreter lock
+// while it waits, or the build could never take that lock back.
+std::unique_lock<spinlock> lockWithoutBlockingPython(spinlock& lock) {
+    std::unique_lock<spinlock> held(lock, std::try_to_lock);
+    if (held.owns_lock()) return held;
+    PyThreadState* waiting = PyThreadState_GetUnchecked() != nullptr ? PyEval_SaveThread() : nullptr;
+    held.lock();
+    if (waiting != nullptr) PyEval_RestoreThread(waiting);
+    return held;
+}
+
 bool belongsToModule(const Class_Generic& cls) {
     if (!cls.declaringContext().isEmpty()) return true;
     if (auto enclosing = cls.enclosingClass(); enclosing && !enclosing->declaringContext().isEmpty()) return true;
@@ -170,7 +183,7 @@ bool belongsToModule(const Class_Generic& cls) {
 PyTypeObject* wrapperTypeFor(const Class_Generic& cls) {
     if (belongsToModule(cls)) {
         PerClassTypes& table = perClassTypes();
-        std::lock_guard lock(table.lock);
+        const std::unique_lock<spinlock> lock = lockWithoutBlockingPython(table.lock);
         auto found = table.types.find(cls.cell());
         if (found != table.types.end()) return found->second;
         PyTypeObject* type = buildPerClassType(cls);

@@ -326,7 +326,9 @@ Any Class_Generic::instantiate(std::span<const Any> arguments) const {
     if (cell()->constructor) return cell()->constructor(arguments);
     const auto* factory = cell()->effectiveFactory();
     Any instance = factory != nullptr ? (*factory)(*this) : make_instance(*this);
-    if (is_error_result(instance)) return instance;
+    // A factory fails by answering an Error that is not an instance of this class (an error
+    // class's factory legitimately makes an Error).
+    if (is_error_result(instance) && !internal::classCellOf(instance)->derivesFrom(cell())) return instance;
     if (const Any* init = cell()->findMethod(Any::$__init__)) {
         std::vector<Any> all;
         all.reserve(arguments.size() + 1);
@@ -493,15 +495,15 @@ Any insertOwn(const Any& value, Identifier name, const Any& member, bool propert
 Any insert_property_value(const Any& value, Identifier name, Any content) {
     Property property = Property::value(name, std::move(content));
     if (const Any* reflective = internal::classCellOf(value)->reflective(internal::ReflectiveInsertProperty)) {
-        // The name as text, as the other reflective methods receive it.
-        return I_Invokable_Generic(internal::unchecked, *reflective)(value, String(name.text()), property);
+        // The insertion methods receive the name as bytes (the look-up methods as text).
+        return I_Invokable_Generic(internal::unchecked, *reflective)(value, ByteArray(name.text()), property);
     }
     return insertOwn(value, name, property, true);
 }
 
 Any insert_method(const Any& value, Identifier name, const Any& invokable) {
     if (const Any* reflective = internal::classCellOf(value)->reflective(internal::ReflectiveInsertMethod)) {
-        return I_Invokable_Generic(internal::unchecked, *reflective)(value, String(name.text()), invokable);
+        return I_Invokable_Generic(internal::unchecked, *reflective)(value, ByteArray(name.text()), invokable);
     }
     return insertOwn(value, name, invokable, false);
 }

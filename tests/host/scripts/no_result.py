@@ -1,0 +1,2 @@
+# tests/host/scripts/no_result.py: a body without a return statement.
+note = "nothing returned"

@@ -1,0 +1,246 @@
+// tests/python/language/evaluate_code_test.cpp: running Python code as the body of a function, with
+// output locals written back, and method bodies with `self` bound.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "language/evaluate.hpp"
+#include "language_test_support.hpp"
+
+namespace {
+
+using tala::Any;
+using tala::HashMap;
+using tala::Integer;
+using tala::String;
+using tala_language_test::errorMessage;
+using tala_language_test::LanguageTest;
+using tala_language_test::mapArgument;
+using tala_language_test::MapArgument;
+using tala_language_test::mutableMapArgument;
+using tala_language_test::MutableMapArgument;
+using tala_language_test::noMap;
+using tala_language_test::noMutableMap;
+using tala_language_test::pythonErrorPending;
+using tala_language_test::text;
+
+using Map = HashMap<String, Any>;
+
+class EvaluateCodeTest : public LanguageTest {
+protected:
+    static Any run(const char* code, const MapArgument& locals = noMap(), const MapArgument& globals = noMap(),
+                   const MutableMapArgument& outLocals = noMutableMap()) {
+        Any result = tala::python::evaluate(String(code), locals, globals, outLocals);
+        EXPECT_FALSE(pythonErrorPending());
+        return result;
+    }
+    static Any method(const Any& self, const char* code, const MapArgument& locals = noMap(),
+                      const MapArgument& globals = noMap(), const MutableMapArgument& outLocals = noMutableMap()) {
+        Any result = tala::resolve(tala::language_python_evaluate_method(self, String(code), locals, globals, outLocals));
+        EXPECT_FALSE(pythonErrorPending());
+        return result;
+    }
+    static std::string valueOf(const Map& map, const char* name) {
+        const std::optional<Any> value = map.get(String(name));
+        return value ? text(*value) : std::string("<missing>");
+    }
+};
+
+const tala::Identifier kLabel{"$label"};
+
+// A host class with a field `label` and a read-only property `name` computed from it.
+tala::Class_Generic customerClass() {
+    static const tala::Class_Generic cls = tala::ClassBuilder("LangTestCustomer")
+                                               .doc("A customer with a name.")
+                                               .field(kLabel)
+                                               .property(Any::$$name, [](const Any& self) -> String {
+                                                   return String("Customer " + String(tala::internal::unchecked, self.fieldValue(kLabel)).toStdString());
+                                               }, "The customer's name.")
+                                               .build();
+    return cls;
+}
+
+Any makeCustomer(const char* label) {
+    Any customer = tala::make_instance(customerClass());
+    EXPECT_TRUE(customer.setFieldValue(kLabel, String(label)).isEmpty());
+    return customer;
+}
+
+TEST_F(EvaluateCodeTest, CodeWithoutReturnGivesNone) {
+    const Any result = run("x = 1\ny = x + 1");
+    EXPECT_TRUE(result.isEmpty()) << text(result);
+    EXPECT_FALSE(tala::is_error_result(result));
+}
+
+TEST_F(EvaluateCodeTest, ReturnGivesTheResult) {
+    const Any result = run("values = [1, 2, 3]\nreturn sum(values)");
+    ASSERT_EQ(result.kind(), tala::Kind::Integer) << text(result);
+    EXPECT_EQ(result.rawInteger(), 6);
+}
+
+TEST_F(EvaluateCodeTest, OutLocalIsWrittenBackAfterTheResult) {
+    Map out{{String("x"), Any()}};
+    const Any result = run("x = 1\nreturn x * 2", noMap(), noMap(), mutableMapArgument(out));
+    ASSERT_EQ(result.kind(), tala::Kind::Integer) << text(result);
+    EXPECT_EQ(result.rawInteger(), 2);
+    EXPECT_EQ(valueOf(out, "x"), "1");
+    EXPECT_EQ(out.size(), 1u);
+}
+
+TEST_F(EvaluateCodeTest, UntouchedOutLocalsKeepTheirInitialValues) {
+    Map out{{String("count"), Integer(5)}, {String("label"), String("kept")}, {String("changed"), Integer(0)}};
+    const Any result = run("changed = count + 1", noMap(), noMap(), mutableMapArgument(out));
+    EXPECT_TRUE(result.isEmpty()) << text(result);
+    EXPECT_EQ(valueOf(out, "count"), "5");
+    EXPECT_EQ(valueOf(out, "label"), "'kept'");
+    EXPECT_EQ(valueOf(out, "changed"), "6");
+}
+
+TEST_F(EvaluateCodeTest, OutLocalStartsWithItsInitialValue) {
+    Map out{{String("total"), Integer(10)}};
+    EXPECT_TRUE(run("total += 5", noMap(), noMap(), mutableMapArgument(out)).isEmpty());
+    EXPECT_EQ(valueOf(out, "total"), "15");
+}
+
+TEST_F(EvaluateCodeTest, NeverAssignedOutLocalGivesNameErrorAfterTheResultWasStored) {
+    Map out{{String("first"), Any()}, {String("missing"), Any()}};
+    const Any result = run("first = 3\nreturn 1", noMap(), noMap(), mutableMapArgument(out));
+    ASSERT_TRUE(tala::is_error_result(result)) << text(result);
+    EXPECT_EQ(errorMessage(result), "name 'missing' is not defined");
+    // The code ran to its end and the out-locals before the failing one were written back.
+    EXPECT_EQ(valueOf(out, "first"), "3");
+    EXPECT_EQ(valueOf(out, "missing"), "None");
+}
+
+TEST_F(EvaluateCodeTest, LocalsBeatGlobals) {
+    const Any result = run("return name", mapArgument(Map{{String("name"), String("local")}}),
+                           mapArgument(Map{{String("name"), String("global")}}));
+    EXPECT_EQ(text(result), "'local'");
+}
+
+TEST_F(EvaluateCodeTest, OutLocalsBeatGlobals) {
+    Map out{{String("name"), String("out")}};
+    const Any result = run("return name", noMap(), mapArgument(Map{{String("name"), String("global")}}),
+                           mutableMapArgument(out));
+    EXPECT_EQ(text(result), "'out'");
+}
+
+TEST_F(EvaluateCodeTest, LocalsBeatOutLocals) {
+    Map out{{String("name"), String("out")}};
+    const Any result = run("return name", mapArgument(Map{{String("name"), String("local")}}), noMap(),
+                           mutableMapArgument(out));
+    EXPECT_EQ(text(result), "'local'");
+}
+
+TEST_F(EvaluateCodeTest, AbsentGlobalsMapDoesNotBringTheProcessGlobals) {
+    tala::globals().set(String("langtest_code_global"), Integer(1));
+    const Any result = run("return langtest_code_global");
+    EXPECT_EQ(errorMessage(result), "name 'langtest_code_global' is not defined");
+    tala::globals().remove(String("langtest_code_global"));
+}
+
+TEST_F(EvaluateCodeTest, HostModulesAreVisible) {
+    EXPECT_EQ(text(run("return tala.get_logger() is not None")), "True");
+}
+
+TEST_F(EvaluateCodeTest, CodeKeepsItsOwnIndentation) {
+    const Any result = run("total = 0\nfor i in range(4):\n    if i % 2:\n        total += i\nreturn total");
+    EXPECT_EQ(text(result), "4");
+}
+
+TEST_F(EvaluateCodeTest, CarriageReturnsBeforeLineFeedsAreAccepted) {
+    EXPECT_EQ(text(run("x = 20\r\nreturn x + 1\r\n")), "21");
+}
+
+TEST_F(EvaluateCodeTest, ExceptionGivesErrorValue) {
+    Any result;
+    EXPECT_NO_THROW(result = run("x = 1\nreturn x / 0"));
+    EXPECT_EQ(errorMessage(result), "division by zero");
+    EXPECT_EQ(errorMessage(run("raise ValueError('bad value')")), "bad value");
+}
+
+TEST_F(EvaluateCodeTest, SyntaxErrorGivesTheFormattedTraceback) {
+    const Any result = run("x = (");
+    ASSERT_TRUE(tala::is_error_result(result)) << text(result);
+    // The code is the body of the generated function, so its first line is line 2 of the program.
+    const std::string message = errorMessage(result);
+    EXPECT_EQ(message, tala_language_test::formattedSyntaxError("def tala_outer():\n\tx = (\ntala_store_result( tala_outer() )\n", "exec"));
+    EXPECT_EQ(message.rfind("  File \"<string>\", line 2\n", 0), 0u) << message;
+    EXPECT_TRUE(message.ends_with("SyntaxError: '(' was never closed\n")) << message;
+}
+
+TEST_F(EvaluateCodeTest, IntegerBeyondSixtyFourBitsAsResultGivesOverflowError) {
+    const Any result = run("return 2 ** 64");
+    const tala::Error expected = tala_language_test::overflowHostError();
+    EXPECT_EQ(errorMessage(result), expected.message().toStdString());
+    EXPECT_EQ(tala::raw_class_of(result), tala::raw_class_of(expected));
+}
+
+TEST_F(EvaluateCodeTest, MethodSeesSelf) {
+    const Any customer = makeCustomer("ACME");
+    EXPECT_EQ(text(method(customer, "return self.name")), "'Customer ACME'");
+    // The very host value comes back as itself.
+    EXPECT_TRUE(method(customer, "return self").isSame(customer));
+}
+
+TEST_F(EvaluateCodeTest, MethodWithMapsAndOutLocals) {
+    const Any customer = makeCustomer("Zeta");
+    Map out{{String("greeting"), Any()}};
+    const Any result = method(customer, "greeting = prefix + self.name\nreturn len(greeting)",
+                              mapArgument(Map{{String("prefix"), String("Hello, ")}}), noMap(), mutableMapArgument(out));
+    EXPECT_EQ(text(result), "20");
+    EXPECT_EQ(valueOf(out, "greeting"), "'Hello, Customer Zeta'");
+}
+
+TEST_F(EvaluateCodeTest, CodeEvaluationSeesSelfAsNone) {
+    EXPECT_EQ(text(run("return self is None")), "True");
+}
+
+TEST_F(EvaluateCodeTest, MapThatChangesWhileReadThrowsTheIteratorError) {
+    Map globals;
+    const tala::internal::Cell* cell = globals.cell();
+    globals.set(String("changing"), tala::External([cell] {
+        const Map map(tala::internal::unchecked, Any::share(tala::Kind::HashMap, cell));
+        map.remove(String("after"));
+        return Any(Integer(5));
+    }));
+    globals.set(String("after"), Integer(6));
+    globals.set(String("last"), Integer(7));
+    try {
+        (void)tala::python::evaluate(String("return 1"), noMap(), mapArgument(globals), noMutableMap());
+        ADD_FAILURE() << "no exception was thrown";
+    } catch (const tala::Exception& error) {
+        EXPECT_STREQ(error.what(), "[iterator_iterable_typed::operator *] The iterator is invalid.");
+    }
+    EXPECT_FALSE(pythonErrorPending());
+    EXPECT_EQ(text(run("return 2")), "2");
+}
+
+TEST_F(EvaluateCodeTest, EvaluationsLeaveNoBlocksBehind) {
+    Map out{{String("y"), Any()}};
+    const Map locals{{String("x"), Integer(1)}};
+    auto evaluateOnce = [&locals, &out] {
+        return tala::python::evaluate(String("y = x + 1\nreturn y"), mapArgument(locals), noMap(), mutableMapArgument(out));
+    };
+    for (int index = 0; index < 200; ++index) (void)evaluateOnce();
+    const tala_language_test::PythonAllocations allocations;
+    for (int index = 0; index < 100; ++index) (void)evaluateOnce();
+    const std::int64_t before = allocations.count();
+    for (int index = 0; index < 10000; ++index) {
+        const Any result = evaluateOnce();
+        if (result.kind() != tala::Kind::Integer || result.rawInteger() != 2) {
+            ADD_FAILURE() << "evaluation " << index << " gave " << text(result);
+            break;
+        }
+    }
+    const std::int64_t after = allocations.count();
+    ASSERT_GT(before, 0) << allocations.unit();
+    EXPECT_LT(after - before, allocations.allowedGrowth())
+        << allocations.unit() << " before " << before << ", after " << after;
+    EXPECT_EQ(valueOf(out, "y"), "2");
+    EXPECT_FALSE(pythonErrorPending());
+}
+
+}  // namespace
