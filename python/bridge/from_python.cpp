@@ -87,7 +87,7 @@ Any fromNumber(PyObject* object) {
 
 Any fromDecimal(PyObject* object) {
     PyObjectPtr text = PyObjectPtr::steal(PyObject_Str(object));
-    Any converted = from_python(text.get());
+    Any converted = fromPythonLocked(text.get());
     if (auto asString = String::cast(converted)) return Decimal::fromString(asString->view());
     return converted;
 }
@@ -206,6 +206,12 @@ Any from_python(PyObject* object) {
     if (object == nullptr || object == Py_None) return Any();
     if (object == Py_NotImplemented) return Undefined();
     GilGuard gil;
+    return fromPythonLocked(object);
+}
+
+Any fromPythonLocked(PyObject* object) {
+    if (object == nullptr || object == Py_None) return Any();
+    if (object == Py_NotImplemented) return Undefined();
     if (const Any* wrapped = wrappedHostValue(object)) return *wrapped;
     PyTypeObject* type = Py_TYPE(object);
     if (type == &PyBool_Type) return Boolean(object == Py_True);
@@ -231,7 +237,7 @@ Any from_python(PyObject* object) {
 
 Any from_python_result(PyObject* object) {
     GilGuard gil;
-    Any value = from_python(object);
+    Any value = fromPythonLocked(object);
     if (PyErr_Occurred() != nullptr) {
         auto pending = fetch_python_error();
         if (auto error = pending.get<Error>()) return *error;

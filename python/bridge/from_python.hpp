@@ -13,6 +13,8 @@ namespace tala::python {
 // becomes a host Error. Takes the interpreter lock itself. An int beyond 64 bits gives -1 with
 // OverflowError left pending, for the caller to look at.
 Any from_python(PyObject* object);
+// The same for a caller that holds the interpreter lock.
+Any fromPythonLocked(PyObject* object);
 
 // The host error for a Python exception object: the very host error it was raised from when it
 // carries one in its attribute `tala`, else an error of the mapped host class with the

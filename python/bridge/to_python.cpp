@@ -54,7 +54,7 @@ PyObject* fromTuple(const Tuple& tuple) {
     PyObjectPtr result = PyObjectPtr::steal(PyTuple_New(static_cast<Py_ssize_t>(tuple.size())));
     if (!result) return nullptr;
     for (std::size_t index = 0; index < tuple.size(); ++index) {
-        PyObject* item = to_python(tuple.at(index));
+        PyObject* item = toPythonLocked(tuple.at(index));
         if (item == nullptr) return nullptr;  // the half-built tuple goes with `result`
         PyTuple_SET_ITEM(result.get(), static_cast<Py_ssize_t>(index), item);
     }
@@ -83,7 +83,7 @@ PyObject* fromObject(const Any& value) {
                 Py_IncRef(type);
                 return type;
             }
-            return wrapHostValue(value);
+            return wrapHostValueLocked(value);
         }
         case internal::NativeTag::Date: {
             const auto& date = Date(internal::unchecked, value).fields();
@@ -92,7 +92,7 @@ PyObject* fromObject(const Any& value) {
         case internal::NativeTag::Decimal:
             return callType(decimalType(), "s", Decimal(internal::unchecked, value).toString().c_str());
         case internal::NativeTag::Error: raise_host_error(Error(internal::unchecked, value)); return nullptr;
-        case internal::NativeTag::StringObject: return to_python(String(internal::unchecked, value).sliced(0));
+        case internal::NativeTag::StringObject: return toPythonLocked(String(internal::unchecked, value).sliced(0));
         case internal::NativeTag::Time: {
             const auto& time = Time(internal::unchecked, value).fields();
             return callType(timeType(), "iiii", int(time.hour), int(time.minute), int(time.second), microseconds(time));
@@ -103,7 +103,7 @@ PyObject* fromObject(const Any& value) {
                             int(cell->time.hour), int(cell->time.minute), int(cell->time.second),
                             microseconds(cell->time));
         }
-        default: return wrapHostValue(value);
+        default: return wrapHostValueLocked(value);
     }
 }
 
@@ -111,6 +111,10 @@ PyObject* fromObject(const Any& value) {
 
 PyObject* to_python(const Any& value) {
     GilGuard gil;
+    return toPythonLocked(value);
+}
+
+PyObject* toPythonLocked(const Any& value) {
     switch (value.kind()) {
         case Kind::Empty: return Py_None;  // immortal: no count taken
         case Kind::Boolean: return value.rawBoolean() == internal::g_value_boolean_true.value() ? Py_True : Py_False;
@@ -123,9 +127,9 @@ PyObject* to_python(const Any& value) {
         case Kind::Object: return fromObject(value);
         case Kind::String: return fromString(String(internal::unchecked, value).view());
         case Kind::Tuple: return fromTuple(Tuple(internal::unchecked, value));
-        case Kind::External: return to_python(External(internal::unchecked, value).load());
+        case Kind::External: return toPythonLocked(External(internal::unchecked, value).load());
         case Kind::Undefined: return Py_NotImplemented;
-        default: return wrapHostValue(value);
+        default: return wrapHostValueLocked(value);
     }
 }
 

@@ -12,6 +12,9 @@ namespace tala::python {
 // floats, text, bytes, dates, times, decimals, tuples); everything else is wrapped in a
 // TalaObject. Takes the interpreter lock itself.
 PyObject* to_python(const Any& value);
+// The same for a caller that holds the interpreter lock (slots, and conversions in progress):
+// no second, nested taking of the lock.
+PyObject* toPythonLocked(const Any& value);
 
 // The Python type a host class view of a Python class stands for (borrowed), or null for any
 // other class.

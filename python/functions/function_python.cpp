@@ -37,7 +37,7 @@ public:
         GilGuard gil;
         PyObjectPtr tuple = PyObjectPtr::steal(PyTuple_New(static_cast<Py_ssize_t>(arguments.size())));
         for (std::size_t index = 0; index < arguments.size(); ++index) {
-            PyObject* converted = python::to_python(arguments[index]);
+            PyObject* converted = python::toPythonLocked(arguments[index]);
             if (converted == nullptr) return python::fetch_python_error_or("Unable to convert an argument.");
             PyTuple_SET_ITEM(tuple.get(), static_cast<Py_ssize_t>(index), converted);
         }

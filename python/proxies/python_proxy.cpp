@@ -213,7 +213,7 @@ Union<Any, Lazy<Any>, Error> callPythonMethod(const Any& self, const String& nam
     }
     PyObjectPtr tuple = PyObjectPtr::steal(PyTuple_New(static_cast<Py_ssize_t>(arguments.size())));
     for (std::size_t index = 0; index < arguments.size(); ++index) {
-        PyObject* converted = to_python(arguments[index]);
+        PyObject* converted = toPythonLocked(arguments[index]);
         if (converted == nullptr) {
             if (PyErr_Occurred() != nullptr) return fetch_python_error_or("");
             return Error(String("Unable to convert an argument: {}.").arg(display(arguments[index])));

@@ -201,6 +201,10 @@ PyTypeObject* wrapperTypeFor(const Class_Generic& cls) {
 
 PyObject* wrapHostValue(const Any& value) {
     GilGuard gil;
+    return wrapHostValueLocked(value);
+}
+
+PyObject* wrapHostValueLocked(const Any& value) {
     PyTypeObject* type = wrapperTypeFor(raw_class_of(value));
     auto* wrapper = reinterpret_cast<TalaObject*>(_PyObject_New(type));
     if (wrapper == nullptr) return nullptr;

@@ -19,6 +19,8 @@ extern const char* const kTalaObjectTypeName;
 
 // A new wrapper around a copy of `value` (a new reference), typed by the value's class.
 PyObject* wrapHostValue(const Any& value);
+// The same for a caller that holds the interpreter lock.
+PyObject* wrapHostValueLocked(const Any& value);
 
 // The wrapped host value when `object` is a TalaObject holding one, else null (borrowed from
 // the wrapper; copy it before the wrapper may go).
