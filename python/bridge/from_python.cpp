@@ -21,28 +21,20 @@ namespace {
 // look-up stays null and the test it serves never matches.
 
 PyObject* decimalType() {
-    static MadeOnce state;
-    static PyObject* type = nullptr;
-    makeOnce(state, [] { type = moduleAttribute("decimal", "Decimal"); });
-    return type;
+    static StandardAttribute type("decimal", "Decimal");
+    return type.get();
 }
 PyObject* dateType() {
-    static MadeOnce state;
-    static PyObject* type = nullptr;
-    makeOnce(state, [] { type = moduleAttribute("datetime", "date"); });
-    return type;
+    static StandardAttribute type("datetime", "date");
+    return type.get();
 }
 PyObject* timeType() {
-    static MadeOnce state;
-    static PyObject* type = nullptr;
-    makeOnce(state, [] { type = moduleAttribute("datetime", "time"); });
-    return type;
+    static StandardAttribute type("datetime", "time");
+    return type.get();
 }
 PyObject* dateTimeType() {
-    static MadeOnce state;
-    static PyObject* type = nullptr;
-    makeOnce(state, [] { type = moduleAttribute("datetime", "datetime"); });
-    return type;
+    static StandardAttribute type("datetime", "datetime");
+    return type.get();
 }
 PyObject* formatException() {
     static MadeOnce state;

@@ -3,11 +3,30 @@
 
 #include <Python.h>
 
+#include "extension/gil.hpp"
+
 namespace tala::python {
 
 // The attribute `name` of the module `moduleName`, borrowed from the module's dictionary: the
 // module stays alive in sys.modules, so the reference stays valid. Null (no error left set)
 // when the import or the look-up fails. The caller holds the interpreter lock.
 PyObject* moduleAttribute(const char* moduleName, const char* name);
+
+// One attribute of a standard module (a type, mostly), looked up on first use and kept for the
+// life of the process; null for good when the look-up failed.
+class StandardAttribute {
+public:
+    StandardAttribute(const char* moduleName, const char* name) noexcept : moduleName_(moduleName), name_(name) {}
+    PyObject* get() {
+        makeOnce(state_, [this] { value_ = moduleAttribute(moduleName_, name_); });
+        return value_;
+    }
+
+private:
+    const char* moduleName_;
+    const char* name_;
+    MadeOnce state_;
+    PyObject* value_ = nullptr;
+};
 
 }  // namespace tala::python

@@ -15,28 +15,20 @@ namespace {
 // other direction keeps its own). A failed look-up leaves null for good, and the constructor
 // call then fails with an error of its own.
 PyObject* decimalType() {
-    static MadeOnce state;
-    static PyObject* type = nullptr;
-    makeOnce(state, [] { type = moduleAttribute("decimal", "Decimal"); });
-    return type;
+    static StandardAttribute type("decimal", "Decimal");
+    return type.get();
 }
 PyObject* dateType() {
-    static MadeOnce state;
-    static PyObject* type = nullptr;
-    makeOnce(state, [] { type = moduleAttribute("datetime", "date"); });
-    return type;
+    static StandardAttribute type("datetime", "date");
+    return type.get();
 }
 PyObject* timeType() {
-    static MadeOnce state;
-    static PyObject* type = nullptr;
-    makeOnce(state, [] { type = moduleAttribute("datetime", "time"); });
-    return type;
+    static StandardAttribute type("datetime", "time");
+    return type.get();
 }
 PyObject* dateTimeType() {
-    static MadeOnce state;
-    static PyObject* type = nullptr;
-    makeOnce(state, [] { type = moduleAttribute("datetime", "datetime"); });
-    return type;
+    static StandardAttribute type("datetime", "datetime");
+    return type.get();
 }
 
 PyObject* callType(PyObject* type, const char* format, auto... arguments) {

@@ -262,7 +262,15 @@ Property Property::value(Identifier name, Any content, String doc) {
 }
 
 Any Property::get(const Any& target) const {
-    const I_Invokable_Generic read = getter();
+    // Called on every attribute read: call the getter's cell in place, with the receiver as a
+    // one-element span, so that no reference count moves on the way.
+    const Any& getterValue = cell()->getter;
+    if (getterValue.kind() == Kind::Function) {
+        const auto* function = getterValue.cellAs<internal::FunctionCell>();
+        if (function->isIndependent()) return function->call(std::span<const Any>());
+        return function->call(std::span<const Any>(&target, 1));
+    }
+    const I_Invokable_Generic read(internal::unchecked, getterValue);
     if (read.isIndependent()) return read.invokeWith(std::span<const Any>());
     return read(target);
 }
