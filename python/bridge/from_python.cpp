@@ -47,12 +47,14 @@ PyObject* formatException() {
 }
 
 String stringFromUnicode(PyObject* text) {
-    PyObjectPtr bytes = PyObjectPtr::steal(PyUnicode_AsUTF8String(text));
-    if (!bytes) {
+    // The str's own UTF-8 form (kept inside it; no bytes object is made) copied into the host.
+    Py_ssize_t size = 0;
+    const char* utf8 = PyUnicode_AsUTF8AndSize(text, &size);
+    if (utf8 == nullptr) {
         PyErr_Clear();  // a lone surrogate cannot be encoded: the empty string
         return String();
     }
-    return String(PyBytes_AsString(bytes.get()), static_cast<std::size_t>(PyBytes_Size(bytes.get())));
+    return String(utf8, static_cast<std::size_t>(size));
 }
 
 Any fromFloat(PyObject* object) {
@@ -204,6 +206,11 @@ Any from_python(PyObject* object) {
 Any fromPythonLocked(PyObject* object) {
     if (object == nullptr || object == Py_None) return Any();
     if (object == Py_NotImplemented) return Undefined();
+    // The commonest objects first. None of the tests before their own rows can match an exact
+    // int, float or str, so answering them here gives what the full order of tests gives.
+    if (PyLong_CheckExact(object)) return Integer(PyLong_AsLongLong(object));
+    if (PyFloat_CheckExact(object)) return fromFloat(object);
+    if (PyUnicode_CheckExact(object)) return stringFromUnicode(object);
     if (const Any* wrapped = wrappedHostValue(object)) return *wrapped;
     PyTypeObject* type = Py_TYPE(object);
     if (type == &PyBool_Type) return Boolean(object == Py_True);
