@@ -21,7 +21,7 @@ PyObject* toPythonString(std::string_view text) {
 
 PyObject* toPythonString(const Any& text) {
     if (auto asString = String::cast(resolve(text))) return toPythonString(asString->view());
-    return to_python(text);  // an error raises; anything else converts as it is
+    return toPythonLocked(text);  // an error raises; anything else converts as it is
 }
 
 // ---- Introspection names: each answers, or declines with `nullptr` and no error set ---------
@@ -96,7 +96,7 @@ PyObject* memberNames(const Any& value) {
 
 // Converts into `target` (bytes, bool) through the value's tryInto; an error result raises.
 PyObject* converted(const Any& value, const Class_Generic& target) {
-    return to_python(resolve(I_Convertible(internal::unchecked, value).tryInto(target)));
+    return toPythonLocked(resolve(I_Convertible(internal::unchecked, value).tryInto(target)));
 }
 
 PyObject* introspect(const Any& value, std::string_view name) {
@@ -122,8 +122,8 @@ PyObject* introspect(const Any& value, std::string_view name) {
 
 PyObject* readProperty(const Property& property, const Any& value) {
     const I_Invokable_Generic getter = property.getter();
-    if (getter.isIndependent()) return to_python(getter.invokeWith(std::span<const Any>()));
-    return to_python(getter(value));
+    if (getter.isIndependent()) return toPythonLocked(getter.invokeWith(std::span<const Any>()));
+    return toPythonLocked(getter(value));
 }
 
 // A method bound to `value` the way Any::boundMethod binds one: a method that needs no receiver
@@ -135,10 +135,10 @@ Any boundTo(const I_Invokable_Generic& method, const Any& value) {
 
 std::optional<PyObject*> fromLazy(const Any& value, Identifier name) {
     if (auto property = raw_property_of(value, name); !property.isEmpty()) {
-        return to_python(property.as<Property>().getter()(value));
+        return toPythonLocked(property.as<Property>().getter()(value));
     }
     if (auto method = raw_method_of(value, name); !method.isEmpty()) {
-        return to_python(method.as<I_Invokable_Generic>().bindArgs(value));
+        return toPythonLocked(method.as<I_Invokable_Generic>().bindArgs(value));
     }
     return std::nullopt;
 }
@@ -146,11 +146,11 @@ std::optional<PyObject*> fromLazy(const Any& value, Identifier name) {
 std::optional<PyObject*> fromClassObject(const Class_Generic& cls, Identifier name) {
     if (const Any* method = cls.cell()->findMethod(name)) {
         const I_Invokable_Generic invokable(internal::unchecked, *method);
-        if (invokable.isIndependent()) return to_python(invokable);
+        if (invokable.isIndependent()) return toPythonLocked(invokable);
     }
     if (const Any* member = cls.cell()->findProperty(name)) {
         const Property property(internal::unchecked, *member);
-        if (property.isIndependent()) return to_python(property.getter().invokeWith(std::span<const Any>()));
+        if (property.isIndependent()) return toPythonLocked(property.getter().invokeWith(std::span<const Any>()));
     }
     return std::nullopt;
 }
@@ -159,26 +159,26 @@ PyObject* hostLookup(const Any& value, Identifier name) {
     if (value.kind() == Kind::Lazy) {
         if (auto found = fromLazy(value, name)) return *found;
     }
-    if (Error::matches(value)) return to_python(value);
+    if (Error::matches(value)) return toPythonLocked(value);
     if (auto property = property_of(value, name); !property.isEmpty()) return readProperty(property.as<Property>(), value);
     // Any::boundMethod answers an Error, not nothing, for a missing method: look the method up
     // first, so that a miss goes on to the steps below.
-    if (auto method = method_of(value, name); !method.isEmpty()) return to_python(boundTo(method.as<I_Invokable_Generic>(), value));
+    if (auto method = method_of(value, name); !method.isEmpty()) return toPythonLocked(boundTo(method.as<I_Invokable_Generic>(), value));
     const auto cls = Class_Generic::cast(value);
     if (cls) {
         if (auto found = fromClassObject(*cls, name)) return *found;
     }
     if (auto property = raw_property_of(value, name); !property.isEmpty()) {
-        return to_python(property.as<Property>().getter()(value));
+        return toPythonLocked(property.as<Property>().getter()(value));
     }
     if (auto method = raw_method_of(value, name); !method.isEmpty()) {
-        return to_python(method.as<I_Invokable_Generic>().bindArgs(value));
+        return toPythonLocked(method.as<I_Invokable_Generic>().bindArgs(value));
     }
     if (cls) {
-        if (auto property = definedProperty(*cls, name); !property.isEmpty()) return to_python(property.as<Property>().getter());
-        if (auto method = definedMethod(*cls, name); !method.isEmpty()) return to_python(method);
+        if (auto property = definedProperty(*cls, name); !property.isEmpty()) return toPythonLocked(property.as<Property>().getter());
+        if (auto method = definedMethod(*cls, name); !method.isEmpty()) return toPythonLocked(method);
     }
-    return to_python(value.fieldValue(name));
+    return toPythonLocked(value.fieldValue(name));
 }
 
 PyObject* readAttribute(PyObject* self, PyObject* name) {
@@ -215,7 +215,7 @@ int writeAttribute(PyObject* self, PyObject* name, PyObject* newValue) {
     if (auto found = property_of(value, id); !found.isEmpty()) {
         const Property property = found.as<Property>();
         if (!property.setter().isEmpty()) {
-            Any converted = from_python(newValue);
+            Any converted = fromPythonLocked(newValue);
             if (PyErr_Occurred() != nullptr) return -1;  // an int beyond 64 bits: nothing is written
             Any result = resolve(property.set(value, converted));
             if (is_error_result(result)) return raiseWithName("%U: %s.", name, result);
@@ -226,7 +226,7 @@ int writeAttribute(PyObject* self, PyObject* name, PyObject* newValue) {
             return -1;
         }
     }
-    Any converted = from_python(newValue);
+    Any converted = fromPythonLocked(newValue);
     if (PyErr_Occurred() != nullptr) return -1;
     Any result = definedField(class_of(value), id).isEmpty() ? insert_property_value(value, id, std::move(converted))
                                                             : value.setFieldValue(id, std::move(converted));

@@ -26,30 +26,37 @@ std::optional<HashMap<String, Any>> namedArguments(PyObject* keywords) {
             PyErr_Clear();
             continue;
         }
-        const String name = String::cast(from_python(key.get())).value_or(String());
+        const String name = String::cast(fromPythonLocked(key.get())).value_or(String());
         if (name.isEmpty()) continue;
-        named.set(name, from_python(value.get()));
+        named.set(name, fromPythonLocked(value.get()));
         if (PyErr_Occurred() != nullptr) return std::nullopt;
     }
     if (PyErr_Occurred() != nullptr) return std::nullopt;
     return named;
 }
 
-PyObject* callPositional(const I_Invokable_Generic& invokable, PyObject* arguments) {
+// Invokes with the arguments as they are: a function's cell is called in place (no copy of the
+// wrapped value, so no shared count moves); a class is invoked as itself.
+Any invoke(const Any& value, std::span<const Any> arguments) {
+    if (value.kind() == Kind::Function) return value.cellAs<internal::FunctionCell>()->call(arguments);
+    return I_Invokable_Generic(internal::unchecked, value).invokeWith(arguments);
+}
+
+PyObject* callPositional(const Any& value, PyObject* arguments) {
     const Py_ssize_t count = arguments == nullptr ? 0 : PyTuple_GET_SIZE(arguments);
     // Small calls convert onto the stack: no list cell, no vector.
     constexpr Py_ssize_t kInline = 8;
     if (count <= kInline) {
         std::array<Any, kInline> values;
-        for (Py_ssize_t index = 0; index < count; ++index) values[index] = from_python(PyTuple_GET_ITEM(arguments, index));
+        for (Py_ssize_t index = 0; index < count; ++index) values[index] = fromPythonLocked(PyTuple_GET_ITEM(arguments, index));
         if (PyErr_Occurred() != nullptr) return nullptr;  // an int beyond 64 bits: raise, don't pass -1 on
-        return to_python(invokable.invokeWith(std::span<const Any>(values.data(), static_cast<std::size_t>(count))));
+        return toPythonLocked(invoke(value, std::span<const Any>(values.data(), static_cast<std::size_t>(count))));
     }
     List<Any> values;
     values.reserve(static_cast<std::size_t>(count));
-    for (Py_ssize_t index = 0; index < count; ++index) values.append(from_python(PyTuple_GET_ITEM(arguments, index)));
+    for (Py_ssize_t index = 0; index < count; ++index) values.append(fromPythonLocked(PyTuple_GET_ITEM(arguments, index)));
     if (PyErr_Occurred() != nullptr) return nullptr;
-    return to_python(invokable.invokeWith(values));
+    return toPythonLocked(invoke(value, values.items()));
 }
 
 PyObject* call(PyObject* self, PyObject* arguments, PyObject* keywords) {
@@ -59,10 +66,11 @@ PyObject* call(PyObject* self, PyObject* arguments, PyObject* keywords) {
         PyErr_SetString(PyExc_RuntimeError, "Non-callable object: None");
         return nullptr;
     }
-    const Any value = *wrapped;
-    if (Error::matches(value)) return to_python(value);
-    auto invokable = I_Invokable_Generic::cast(value);
-    if (!invokable) {
+    // The caller keeps `self` alive for the whole call, and a wrapper's value never changes, so
+    // the value is used where it is.
+    const Any& value = *wrapped;
+    if (Error::matches(value)) return toPythonLocked(value);
+    if (!I_Invokable_Generic::matches(value)) {
         PyErr_Format(PyExc_RuntimeError, "Non-callable object: %s", display(value).c_str());
         return nullptr;
     }
@@ -71,9 +79,9 @@ PyObject* call(PyObject* self, PyObject* arguments, PyObject* keywords) {
     if (keywords != nullptr) {
         auto named = namedArguments(keywords);
         if (!named) return nullptr;
-        if (!named->isEmpty()) return to_python(invokable->invokeWith(*named));
+        if (!named->isEmpty()) return toPythonLocked(I_Invokable_Generic(internal::unchecked, value).invokeWith(*named));
     }
-    return callPositional(*invokable, arguments);
+    return callPositional(value, arguments);
 }
 
 }  // namespace

@@ -64,18 +64,18 @@ PyObject* binary(PyObject* left, PyObject* right, const BinaryOperator& op) {
     // on an assertion): NotImplemented lets Python report the unsupported operands itself.
     if (!wrapped) Py_RETURN_NOTIMPLEMENTED;
     const Any value = internal::unwrap(*wrapped);
-    if (Error::matches(value)) return to_python(value);
+    if (Error::matches(value)) return toPythonLocked(value);
     auto method = method_of(value, *op.first);
     if (method.isEmpty() && op.fallback != nullptr) method = method_of(value, std::string_view(op.fallback));
     if (method.isEmpty()) {
         PyErr_SetString(PyExc_NotImplementedError, String(op.missing).arg(*wrapped).c_str());
         return nullptr;
     }
-    Any other = from_python(right);
+    Any other = fromPythonLocked(right);
     if (PyErr_Occurred() != nullptr) return nullptr;
     Any result = callWith(method.as<I_Invokable_Generic>(), value, {other});
     if (raiseIfError(result)) return nullptr;
-    return to_python(result);
+    return toPythonLocked(result);
 }
 
 const BinaryOperator kSubtract{&Any::$__sub__, nullptr, "[tala_number_subtract] None method '__sub__' in: {}"};
@@ -131,7 +131,7 @@ int contains(PyObject* self, PyObject* item) {
     GilGuard gil;
     auto value = operand(self);
     if (!value) return 0;
-    Any other = from_python(item);
+    Any other = fromPythonLocked(item);
     if (PyErr_Occurred() != nullptr) return -1;
     Any result = resolve(internal::callMember(*value, Any::$contains, {other}));
     if (raiseIfError(result)) return -1;
@@ -144,7 +144,7 @@ PyObject* item(PyObject* self, Py_ssize_t index) {
     if (!value) Py_RETURN_NONE;
     Any result = resolve(internal::callMember(*value, Any::$at, {Integer(index)}));
     if (raiseIfError(result)) return nullptr;
-    return to_python(result);
+    return toPythonLocked(result);
 }
 
 // Deletion by index: removeAt takes a count where the implementation asks for one.
@@ -164,7 +164,7 @@ int assignItem(PyObject* self, Py_ssize_t index, PyObject* newValue) {
     if (newValue == nullptr) {
         result = resolve(removeAt(*value, Integer(index)));
     } else {
-        Any converted = from_python(newValue);
+        Any converted = fromPythonLocked(newValue);
         if (PyErr_Occurred() != nullptr) return -1;
         result = resolve(internal::callMember(*value, Any::$set, {Integer(index), converted}));
     }
@@ -191,7 +191,7 @@ PyObject* subscript(PyObject* self, PyObject* keyObject) {
     GilGuard gil;
     auto value = operand(self);
     if (!value) Py_RETURN_NONE;
-    Any key = from_python(keyObject);
+    Any key = fromPythonLocked(keyObject);
     if (PyErr_Occurred() != nullptr) return nullptr;
     if (I_Map_Generic::matches(*value)) {
         if (!I_Immutable::matches(key) && !key.isEmpty()) {
@@ -201,7 +201,7 @@ PyObject* subscript(PyObject* self, PyObject* keyObject) {
         if (!requireKey(*value, key)) return nullptr;
         Any result = resolve(internal::callMember(*value, Any::$get, {key}));
         if (raiseIfError(result)) return nullptr;
-        return to_python(result);
+        return toPythonLocked(result);
     }
     if (key.kind() != Kind::Integer) {
         raiseKeyError(key);
@@ -209,14 +209,14 @@ PyObject* subscript(PyObject* self, PyObject* keyObject) {
     }
     Any result = resolve(internal::callMember(*value, Any::$at, {key}));
     if (raiseIfError(result)) return nullptr;
-    return to_python(result);
+    return toPythonLocked(result);
 }
 
 int assignSubscript(PyObject* self, PyObject* keyObject, PyObject* newValue) {
     GilGuard gil;
     auto value = operand(self);
     if (!value) return 0;
-    Any key = from_python(keyObject);
+    Any key = fromPythonLocked(keyObject);
     if (PyErr_Occurred() != nullptr) return -1;
     Any result;
     if (I_Map_Generic::matches(*value)) {
@@ -224,14 +224,14 @@ int assignSubscript(PyObject* self, PyObject* keyObject, PyObject* newValue) {
             if (!requireKey(*value, key)) return -1;
             result = resolve(internal::callMember(*value, Any::$remove, {key}));
         } else {
-            Any converted = from_python(newValue);
+            Any converted = fromPythonLocked(newValue);
             if (PyErr_Occurred() != nullptr) return -1;
             result = resolve(internal::callMember(*value, Any::$set, {key, converted}));
         }
     } else if (newValue == nullptr) {
         result = resolve(removeAt(*value, key));
     } else {
-        Any converted = from_python(newValue);
+        Any converted = fromPythonLocked(newValue);
         if (PyErr_Occurred() != nullptr) return -1;
         result = resolve(internal::callMember(*value, Any::$set, {key, converted}));
     }
@@ -254,7 +254,7 @@ PyObject* iterate(PyObject* self) {
     }
     Any iterator = resolve(I_Iterable_Generic(internal::unchecked, *value).iter());
     if (raiseIfError(iterator)) return nullptr;
-    return to_python(iterator);
+    return toPythonLocked(iterator);
 }
 
 PyObject* next(PyObject* self) {
@@ -264,7 +264,7 @@ PyObject* next(PyObject* self) {
     Any item = resolve(I_Iterator_Generic(internal::unchecked, *value).next());
     if (StopIteration::matches(item)) return nullptr;  // the end: no error set
     if (raiseIfError(item)) return nullptr;
-    return to_python(item);
+    return toPythonLocked(item);
 }
 
 Py_hash_t hash(PyObject* self) {
@@ -294,7 +294,7 @@ PyObject* compare(PyObject* self, PyObject* other, int operation) {
     GilGuard gil;
     auto value = operand(self);
     if (!value) Py_RETURN_NOTIMPLEMENTED;
-    Any right = from_python(other);
+    Any right = fromPythonLocked(other);
     if (PyErr_Occurred() != nullptr) return nullptr;
     const std::int64_t order = compare_objects(*value, right);
     bool answer = false;

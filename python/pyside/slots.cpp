@@ -54,7 +54,7 @@ PyObject* getsetGetter(PyObject* self, void* closure) {
         PyErr_Format(PyExc_AttributeError, "%s", static_cast<const char*>(closure));
         return nullptr;
     }
-    return to_python(property.as<Property>().get(value));
+    return toPythonLocked(property.as<Property>().get(value));
 }
 
 int getsetSetter(PyObject* self, PyObject* newValue, void* closure) {
@@ -67,7 +67,7 @@ int getsetSetter(PyObject* self, PyObject* newValue, void* closure) {
         PyErr_Format(PyExc_AttributeError, "%s", static_cast<const char*>(closure));
         return -1;
     }
-    Any converted = from_python(newValue);
+    Any converted = fromPythonLocked(newValue);
     if (PyErr_Occurred() != nullptr) return -1;  // an int beyond 64 bits: nothing is written
     Any result = resolve(property.as<Property>().set(value, converted));
     if (auto error = Error::cast(result)) {
