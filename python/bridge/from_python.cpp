@@ -19,22 +19,9 @@ namespace {
 
 // Types looked up once per process; separate from the caches of the other direction. A failed
 // look-up stays null and the test it serves never matches.
-
-PyObject* decimalType() {
-    static StandardAttribute type("decimal", "Decimal");
-    return type.get();
-}
-PyObject* dateType() {
-    static StandardAttribute type("datetime", "date");
-    return type.get();
-}
-PyObject* timeType() {
-    static StandardAttribute type("datetime", "time");
-    return type.get();
-}
-PyObject* dateTimeType() {
-    static StandardAttribute type("datetime", "datetime");
-    return type.get();
+StandardTypes& types() {
+    static StandardTypes cached;
+    return cached;
 }
 PyObject* formatException() {
     static MadeOnce state;
@@ -103,11 +90,11 @@ PyObjectPtr callNoArguments(PyObject* object, const char* name) {
 // Row 17: objects that cannot be iterated.
 Any fromNonIterable(PyObject* object) {
     PyTypeObject* type = Py_TYPE(object);
-    if (reinterpret_cast<PyObject*>(type) == dateType()) {
+    if (reinterpret_cast<PyObject*>(type) == types().date.get()) {
         if (auto date = date_from_python(object)) return *date;
-    } else if (reinterpret_cast<PyObject*>(type) == timeType()) {
+    } else if (reinterpret_cast<PyObject*>(type) == types().time.get()) {
         if (auto time = time_from_python(object)) return *time;
-    } else if (reinterpret_cast<PyObject*>(type) == dateTimeType()) {
+    } else if (reinterpret_cast<PyObject*>(type) == types().dateTime.get()) {
         auto date = date_from_python(object);
         auto time = time_from_python(object);
         if (date && time) return DateTime(*date, *time);
@@ -218,7 +205,7 @@ Any fromPythonLocked(PyObject* object) {
         return ByteArray(PyByteArray_AsString(object), static_cast<std::size_t>(PyByteArray_Size(object)));
     }
     if (PyBytes_Check(object)) return ByteArray(PyBytes_AsString(object), static_cast<std::size_t>(PyBytes_Size(object)));
-    if (reinterpret_cast<PyObject*>(type) == decimalType()) return fromDecimal(object);
+    if (reinterpret_cast<PyObject*>(type) == types().decimal.get()) return fromDecimal(object);
     if (PyFloat_Check(object)) return fromFloat(object);
     if (PyNumber_Check(object)) return fromNumber(object);
     if (PyObject_IsInstance(object, PyExc_Exception) == 1) return errorFromException(object);

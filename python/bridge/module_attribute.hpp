@@ -29,4 +29,13 @@ private:
     PyObject* value_ = nullptr;
 };
 
+// The standard types the conversions test for and make. Each direction of conversion keeps its
+// own set, filled on first use.
+struct StandardTypes {
+    StandardAttribute decimal{"decimal", "Decimal"};
+    StandardAttribute date{"datetime", "date"};
+    StandardAttribute time{"datetime", "time"};
+    StandardAttribute dateTime{"datetime", "datetime"};
+};
+
 }  // namespace tala::python

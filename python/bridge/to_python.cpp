@@ -14,21 +14,9 @@ namespace {
 // The standard types this direction makes, each looked up once per process (its own caches; the
 // other direction keeps its own). A failed look-up leaves null for good, and the constructor
 // call then fails with an error of its own.
-PyObject* decimalType() {
-    static StandardAttribute type("decimal", "Decimal");
-    return type.get();
-}
-PyObject* dateType() {
-    static StandardAttribute type("datetime", "date");
-    return type.get();
-}
-PyObject* timeType() {
-    static StandardAttribute type("datetime", "time");
-    return type.get();
-}
-PyObject* dateTimeType() {
-    static StandardAttribute type("datetime", "datetime");
-    return type.get();
+StandardTypes& types() {
+    static StandardTypes cached;
+    return cached;
 }
 
 PyObject* callType(PyObject* type, const char* format, auto... arguments) {
@@ -79,19 +67,19 @@ PyObject* fromObject(const Any& value) {
         }
         case internal::NativeTag::Date: {
             const auto& date = Date(internal::unchecked, value).fields();
-            return callType(dateType(), "iii", int(date.year), int(date.month), int(date.day));
+            return callType(types().date.get(), "iii", int(date.year), int(date.month), int(date.day));
         }
         case internal::NativeTag::Decimal:
-            return callType(decimalType(), "s", Decimal(internal::unchecked, value).toString().c_str());
+            return callType(types().decimal.get(), "s", Decimal(internal::unchecked, value).toString().c_str());
         case internal::NativeTag::Error: raise_host_error(Error(internal::unchecked, value)); return nullptr;
         case internal::NativeTag::StringObject: return toPythonLocked(String(internal::unchecked, value).sliced(0));
         case internal::NativeTag::Time: {
             const auto& time = Time(internal::unchecked, value).fields();
-            return callType(timeType(), "iiii", int(time.hour), int(time.minute), int(time.second), microseconds(time));
+            return callType(types().time.get(), "iiii", int(time.hour), int(time.minute), int(time.second), microseconds(time));
         }
         case internal::NativeTag::DateTime: {
             const auto* cell = value.cellAs<internal::DateTimeCell>();
-            return callType(dateTimeType(), "iiiiiii", int(cell->date.year), int(cell->date.month), int(cell->date.day),
+            return callType(types().dateTime.get(), "iiiiiii", int(cell->date.year), int(cell->date.month), int(cell->date.day),
                             int(cell->time.hour), int(cell->time.minute), int(cell->time.second),
                             microseconds(cell->time));
         }
