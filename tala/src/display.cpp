@@ -26,6 +26,19 @@ namespace {
 
 constexpr int kMaximumDepth = 64;
 
+// Comparing and hashing walk into containers; a container that holds itself would make that
+// walk endless. Past this nesting depth, containers compare by identity and hash to a constant.
+constexpr int kMaximumWalkDepth = 256;
+thread_local int t_walkDepth = 0;
+
+struct WalkDepth {
+    WalkDepth() noexcept { ++t_walkDepth; }
+    ~WalkDepth() { --t_walkDepth; }
+    WalkDepth(const WalkDepth&) = delete;
+    WalkDepth& operator=(const WalkDepth&) = delete;
+    static bool tooDeep() noexcept { return t_walkDepth > kMaximumWalkDepth; }
+};
+
 void appendFloat(string_builder& out, double value) {
     if (std::isnan(value)) {
         out << "nan";
@@ -275,6 +288,8 @@ int compareFloats(double a, double b) {
 }
 
 std::int64_t compareSequences(std::span<const Any> a, std::span<const Any> b) {
+    const WalkDepth depth;
+    if (WalkDepth::tooDeep()) return threeWay(a.data(), b.data());
     const std::size_t common = std::min(a.size(), b.size());
     for (std::size_t i = 0; i < common; ++i) {
         if (const std::int64_t order = compare_objects(a[i], b[i])) return order;
@@ -302,6 +317,8 @@ std::int64_t compareDates(const internal::DateFields& a, const internal::DateFie
 }
 
 std::int64_t compareSets(const Set_Generic& a, const Set_Generic& b) {
+    const WalkDepth depth;
+    if (WalkDepth::tooDeep()) return identityOrder(a, b);
     if (a.size() != b.size()) return threeWay(a.size(), b.size());
     for (const auto& entry : a) {
         if (!b.contains(entry.key)) return identityOrder(a, b) < 0 ? -1 : 1;
@@ -310,6 +327,8 @@ std::int64_t compareSets(const Set_Generic& a, const Set_Generic& b) {
 }
 
 std::int64_t compareMaps(const HashMap_Generic& a, const HashMap_Generic& b) {
+    const WalkDepth depth;
+    if (WalkDepth::tooDeep()) return identityOrder(a, b);
     if (a.size() != b.size()) return threeWay(a.size(), b.size());
     // Maps with equal values under equal keys are equal, whatever order they were filled in.
     bool equal = true;
@@ -468,6 +487,8 @@ std::uint64_t hashObject(const Any& value) {
 }  // namespace
 
 std::uint64_t hash_of(const Any& value) {
+    const WalkDepth depth;
+    if (WalkDepth::tooDeep()) return 0x7A11ull;
     switch (value.kind()) {
         case Kind::Empty: return 0x6E6F6E65ull;
         case Kind::Undefined: return 0x756E6466ull;

@@ -258,4 +258,19 @@ TEST(Hash, DifferentSimpleValuesHashDifferently) {
     EXPECT_NE(tala::hash_of(decimal("1.1")), tala::hash_of(decimal("1.2")));
 }
 
+TEST(Hash, ListThatContainsItselfHashesAndComparesInFiniteTime) {
+    const tala::List<tala::Any> first{tala::Integer(1)};
+    const tala::List<tala::Any> second{tala::Integer(1)};
+    first.append(first);
+    second.append(second);
+    EXPECT_EQ(tala::hash_of(first), tala::hash_of(first));
+    EXPECT_EQ(tala::compare_objects(first, first), 0);
+    // Two distinct self-containing lists end up compared by identity, never equal.
+    EXPECT_NE(tala::compare_objects(first, second), 0);
+    EXPECT_EQ(tala::compare_objects(first, second), -tala::compare_objects(second, first));
+    // Break the cycles so that the lists are freed.
+    first.clear();
+    second.clear();
+}
+
 }  // namespace
