@@ -184,72 +184,55 @@ bool eraseMember(std::vector<MemberDef>& members, Identifier name) {
 }
 }  // namespace
 
-void ClassCell::addField(Identifier name, Any type) {
+template <class Change>
+bool ClassCell::changeMembers(Change&& change) {
+    bool changed;
     bool published;
     {
         std::lock_guard lock(mutex_);
-        fields_.push_back(FieldDef{name, std::move(type)});
+        changed = change();
         published = !describing_;
     }
-    if (published) bumpClassGeneration();
+    // A class still under description has no tables anyone could hold: nothing to rebuild.
+    if (changed && published) bumpClassGeneration();
+    return changed;
+}
+
+void ClassCell::addField(Identifier name, Any type) {
+    changeMembers([&] {
+        fields_.push_back(FieldDef{name, std::move(type)});
+        return true;
+    });
 }
 void ClassCell::addMethod(Identifier name, Any invokable) {
-    bool published;
-    {
-        std::lock_guard lock(mutex_);
+    changeMembers([&] {
         putMember(methods_, name, std::move(invokable));
-        published = !describing_;
-    }
-    if (published) bumpClassGeneration();
+        return true;
+    });
 }
 void ClassCell::addProperty(Identifier name, Any property) {
-    bool published;
-    {
-        std::lock_guard lock(mutex_);
+    changeMembers([&] {
         putMember(properties_, name, std::move(property));
-        published = !describing_;
-    }
-    if (published) bumpClassGeneration();
+        return true;
+    });
 }
 void ClassCell::addAbstractMethod(Identifier name, Any invokable) {
-    bool published;
-    {
-        std::lock_guard lock(mutex_);
+    changeMembers([&] {
         putMember(abstractMethods_, name, std::move(invokable));
-        published = !describing_;
-    }
-    if (published) bumpClassGeneration();
+        return true;
+    });
 }
 void ClassCell::addAbstractProperty(Identifier name, Any property) {
-    bool published;
-    {
-        std::lock_guard lock(mutex_);
+    changeMembers([&] {
         putMember(abstractProperties_, name, std::move(property));
-        published = !describing_;
-    }
-    if (published) bumpClassGeneration();
+        return true;
+    });
 }
 bool ClassCell::removeMethod(Identifier name) {
-    bool removed;
-    bool published;
-    {
-        std::lock_guard lock(mutex_);
-        removed = eraseMember(methods_, name);
-        published = !describing_;
-    }
-    if (removed && published) bumpClassGeneration();
-    return removed;
+    return changeMembers([&] { return eraseMember(methods_, name); });
 }
 bool ClassCell::removeProperty(Identifier name) {
-    bool removed;
-    bool published;
-    {
-        std::lock_guard lock(mutex_);
-        removed = eraseMember(properties_, name);
-        published = !describing_;
-    }
-    if (removed && published) bumpClassGeneration();
-    return removed;
+    return changeMembers([&] { return eraseMember(properties_, name); });
 }
 
 const Any* ClassCell::findMethod(Identifier name) const { return tables().methods.find(name.node()); }

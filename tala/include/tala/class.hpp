@@ -118,6 +118,10 @@ public:
 
 private:
     friend class ClassTables;
+    // Runs `change` on the member lists under the lock; when it changed something in a
+    // published class, every class rebuilds its tables on next use.
+    template <class Change>
+    bool changeMembers(Change&& change);
     mutable std::mutex mutex_;
     bool describing_ = false;  // guarded by mutex_
     std::vector<FieldDef> fields_;
