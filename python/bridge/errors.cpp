@@ -49,7 +49,7 @@ PyObject* exception_type_for(const Class_Generic& errorClass) {
     if (errorClass == Error::getClass()) return PyExc_RuntimeError;
     GilGuard gil;
     ExceptionTypes& table = exceptionTypes();
-    std::lock_guard lock(table.lock);
+    const std::unique_lock<spinlock> lock = lockReleasingGil(table.lock);
     auto found = table.types.find(errorClass.cell());
     if (found != table.types.end()) return found->second;
     PyObject* type = makeExceptionType(errorClass);
@@ -61,7 +61,8 @@ PyObject* exception_type_for(const Class_Generic& errorClass) {
 
 std::optional<Class_Generic> hostClassOfExceptionType(PyObject* type) {
     ExceptionTypes& table = exceptionTypes();
-    std::lock_guard lock(table.lock);
+    // The holder of the lock may be creating a type, which needs the interpreter lock.
+    const std::unique_lock<spinlock> lock = lockReleasingGil(table.lock);
     auto found = table.classes.find(type);
     if (found == table.classes.end()) return std::nullopt;
     return Class_Generic(found->second);

@@ -75,12 +75,6 @@ Any fromDecimal(PyObject* object) {
 
 bool isInt(PyObject* object) { return object != nullptr && PyLong_Check(object); }
 
-PyObjectPtr attribute(PyObject* object, const char* name) {
-    PyObjectPtr value = PyObjectPtr::steal(PyObject_GetAttrString(object, name));
-    if (!value) PyErr_Clear();
-    return value;
-}
-
 PyObjectPtr callNoArguments(PyObject* object, const char* name) {
     PyObjectPtr value = PyObjectPtr::steal(PyObject_CallMethod(object, name, nullptr));
     if (!value) PyErr_Clear();
@@ -127,9 +121,9 @@ String exceptionMessage(PyObject* exception) {
 
 std::optional<Date> date_from_python(PyObject* object) {
     GilGuard gil;
-    PyObjectPtr year = attribute(object, "year");
-    PyObjectPtr month = attribute(object, "month");
-    PyObjectPtr day = attribute(object, "day");
+    PyObjectPtr year = attributeOrNull(object, "year");
+    PyObjectPtr month = attributeOrNull(object, "month");
+    PyObjectPtr day = attributeOrNull(object, "day");
     if (!isInt(year.get()) || !isInt(month.get()) || !isInt(day.get())) return std::nullopt;
     return Date(static_cast<std::int32_t>(PyLong_AsLong(year.get())), static_cast<std::uint8_t>(PyLong_AsLong(month.get())),
                 static_cast<std::uint8_t>(PyLong_AsLong(day.get())));
@@ -137,10 +131,10 @@ std::optional<Date> date_from_python(PyObject* object) {
 
 std::optional<Time> time_from_python(PyObject* object) {
     GilGuard gil;
-    PyObjectPtr hour = attribute(object, "hour");
-    PyObjectPtr minute = attribute(object, "minute");
-    PyObjectPtr second = attribute(object, "second");
-    PyObjectPtr microsecond = attribute(object, "microsecond");
+    PyObjectPtr hour = attributeOrNull(object, "hour");
+    PyObjectPtr minute = attributeOrNull(object, "minute");
+    PyObjectPtr second = attributeOrNull(object, "second");
+    PyObjectPtr microsecond = attributeOrNull(object, "microsecond");
     if (!isInt(hour.get()) || !isInt(minute.get()) || !isInt(second.get()) || !isInt(microsecond.get())) {
         return std::nullopt;
     }
@@ -154,7 +148,7 @@ std::optional<Time> time_from_python(PyObject* object) {
     if (offset && offset.get() != Py_None) {
         PyObjectPtr seconds = callNoArguments(offset.get(), "total_seconds");
         if (isInt(seconds.get())) {
-            PyObjectPtr foldValue = attribute(object, "fold");
+            PyObjectPtr foldValue = attributeOrNull(object, "fold");
             const auto fold = static_cast<std::uint8_t>(isInt(foldValue.get()) ? PyLong_AsLong(foldValue.get()) : 0);
             PyObjectPtr zone = callNoArguments(object, "tzname");
             String zoneName = String::cast(from_python(zone.get())).value_or(String());
@@ -168,7 +162,7 @@ std::optional<Time> time_from_python(PyObject* object) {
 Error errorFromException(PyObject* exception) {
     GilGuard gil;
     // An exception raised from a host error carries it: the same error comes back.
-    if (PyObjectPtr carried = attribute(exception, "tala"); carried && carried.get() != Py_None) {
+    if (PyObjectPtr carried = attributeOrNull(exception, "tala"); carried && carried.get() != Py_None) {
         Any original = from_python(carried.get());
         if (auto error = Error::cast(original)) return *error;
     }

@@ -15,4 +15,10 @@ PyObject* moduleAttribute(const char* moduleName, const char* name) {
     return dictionary == nullptr ? nullptr : PyDict_GetItemString(dictionary, name);
 }
 
+PyObjectPtr attributeOrNull(PyObject* object, const char* name) {
+    PyObjectPtr value = PyObjectPtr::steal(PyObject_GetAttrString(object, name));
+    if (!value) PyErr_Clear();
+    return value;
+}
+
 }  // namespace tala::python

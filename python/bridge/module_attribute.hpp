@@ -12,6 +12,10 @@ namespace tala::python {
 // when the import or the look-up fails. The caller holds the interpreter lock.
 PyObject* moduleAttribute(const char* moduleName, const char* name);
 
+// The attribute `name` of `object` (a new reference), or null with the error cleared: for
+// look-ups where a missing attribute is an answer, not a failure. Interpreter lock held.
+PyObjectPtr attributeOrNull(PyObject* object, const char* name);
+
 // One attribute of a standard module (a type, mostly), looked up on first use and kept for the
 // life of the process; null for good when the look-up failed.
 class StandardAttribute {

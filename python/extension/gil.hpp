@@ -79,6 +79,34 @@ private:
     PyObject* object_ = nullptr;
 };
 
+// Lets go of the interpreter lock for one scope if this thread holds it, and takes it back at
+// the end. For waiting on something whose holder may need the interpreter lock meanwhile
+// (an import gives it up; Python code yields to other threads): waiting with it held would
+// leave both threads stuck.
+class GilReleased {
+public:
+    GilReleased() noexcept : thread_(PyGILState_Check() ? PyEval_SaveThread() : nullptr) {}
+    ~GilReleased() {
+        if (thread_ != nullptr) PyEval_RestoreThread(thread_);
+    }
+    GilReleased(const GilReleased&) = delete;
+    GilReleased& operator=(const GilReleased&) = delete;
+
+private:
+    PyThreadState* thread_;
+};
+
+// Takes `lock`; when it is taken already, waits for it with the interpreter lock let go.
+template <class Lock>
+std::unique_lock<Lock> lockReleasingGil(Lock& lock) {
+    std::unique_lock<Lock> held(lock, std::try_to_lock);
+    if (!held.owns_lock()) {
+        const GilReleased released;
+        held.lock();
+    }
+    return held;
+}
+
 // The state of a process-wide value made once (see makeOnce).
 struct MadeOnce {
     std::atomic<bool> made{false};
@@ -92,12 +120,7 @@ struct MadeOnce {
 template <class Make>
 void makeOnce(MadeOnce& state, Make&& make) {
     if (state.made.load(std::memory_order_acquire)) return;
-    struct Released {
-        PyThreadState* thread = PyGILState_Check() ? PyEval_SaveThread() : nullptr;
-        ~Released() {
-            if (thread != nullptr) PyEval_RestoreThread(thread);
-        }
-    } released;
+    const GilReleased released;
     std::call_once(state.once, [&] {
         GilGuard gil;
         make();

@@ -7,10 +7,6 @@
 
 namespace tala::python {
 
-namespace internal_proxy {
-Any makeProxyOf(const Class_Generic& cls, PyObject* object);
-}
-
 namespace {
 
 using Result = Union<Any, Lazy<Any>, Error>;
@@ -29,11 +25,6 @@ Union<T, Lazy<T>, Error> typed(const Any& result, const char* expected) {
 Union<None, Lazy<None>, Error> nothing(const Any& result) {
     if (auto error = Error::cast(result)) return *error;
     return None();
-}
-
-bool derivesFrom(const Any& value, const Class_Generic& cls) {
-    const internal::ObjectCell* object = internal::objectCellOf(value);
-    return object != nullptr && object->objectClass() != nullptr && object->objectClass()->derivesFrom(cls.cell());
 }
 
 // keys() / values() of a mapping, as a host list.
@@ -287,19 +278,19 @@ Class_Generic PythonProxySet::getClass() {
     return registration.get();
 }
 
-bool PythonProxyIterable::matches(const Any& value) { return derivesFrom(value, getClass()); }
-bool PythonProxyIterator::matches(const Any& value) { return derivesFrom(value, getClass()); }
-bool PythonProxyMapping::matches(const Any& value) { return derivesFrom(value, getClass()); }
-bool PythonProxySequence::matches(const Any& value) { return derivesFrom(value, getClass()); }
-bool PythonProxySet::matches(const Any& value) { return derivesFrom(value, getClass()); }
+bool PythonProxyIterable::matches(const Any& value) { return internal::is_instance_of(value, getClass()); }
+bool PythonProxyIterator::matches(const Any& value) { return internal::is_instance_of(value, getClass()); }
+bool PythonProxyMapping::matches(const Any& value) { return internal::is_instance_of(value, getClass()); }
+bool PythonProxySequence::matches(const Any& value) { return internal::is_instance_of(value, getClass()); }
+bool PythonProxySet::matches(const Any& value) { return internal::is_instance_of(value, getClass()); }
 
 Any makeCollectionProxy(CollectionKind kind, PyObject* object) {
     switch (kind) {
-        case CollectionKind::Iterable: return internal_proxy::makeProxyOf(PythonProxyIterable::getClass(), object);
-        case CollectionKind::Iterator: return internal_proxy::makeProxyOf(PythonProxyIterator::getClass(), object);
-        case CollectionKind::Mapping: return internal_proxy::makeProxyOf(PythonProxyMapping::getClass(), object);
-        case CollectionKind::Sequence: return internal_proxy::makeProxyOf(PythonProxySequence::getClass(), object);
-        case CollectionKind::Set: return internal_proxy::makeProxyOf(PythonProxySet::getClass(), object);
+        case CollectionKind::Iterable: return makeProxyOf(PythonProxyIterable::getClass(), object);
+        case CollectionKind::Iterator: return makeProxyOf(PythonProxyIterator::getClass(), object);
+        case CollectionKind::Mapping: return makeProxyOf(PythonProxyMapping::getClass(), object);
+        case CollectionKind::Sequence: return makeProxyOf(PythonProxySequence::getClass(), object);
+        case CollectionKind::Set: return makeProxyOf(PythonProxySet::getClass(), object);
     }
     return makePythonProxy(object);
 }

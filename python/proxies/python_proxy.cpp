@@ -6,6 +6,7 @@
 
 #include "bridge/errors.hpp"
 #include "bridge/from_python.hpp"
+#include "bridge/module_attribute.hpp"
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
 #include "extension/identifiers.hpp"
@@ -17,21 +18,10 @@ namespace {
 
 using Box = Boxed<PyObject*>;
 
-bool derivesFrom(const Any& value, const Class_Generic& cls) {
-    const internal::ObjectCell* object = internal::objectCellOf(value);
-    return object != nullptr && object->objectClass() != nullptr && object->objectClass()->derivesFrom(cls.cell());
-}
-
 // Gives the proxy's reference back, under the lock, when the proxy goes.
 void releaseObject(const Any& self) {
     GilGuard gil;
     if (PyObject* object = pyobjectOf(self)) Py_DecRef(object);
-}
-
-PyObjectPtr attributeOf(PyObject* object, const String& name) {
-    PyObjectPtr value = PyObjectPtr::steal(PyObject_GetAttrString(object, name.c_str()));
-    if (!value) PyErr_Clear();
-    return value;
 }
 
 Union<I_Invokable_Generic, None> methodLookup(const Any& self, const String& name) {
@@ -39,7 +29,7 @@ Union<I_Invokable_Generic, None> methodLookup(const Any& self, const String& nam
     GilGuard gil;
     PyObject* object = pyobjectOf(self);
     if (object == nullptr) return None();
-    PyObjectPtr attribute = attributeOf(object, name);
+    PyObjectPtr attribute = attributeOrNull(object, name.c_str());
     if (!attribute) return None();
     Any converted = from_python(attribute.get());
     PyErr_Clear();
@@ -56,11 +46,11 @@ I_Invokable_Generic receiverTaking(const I_Invokable_Generic& function) {
 }
 
 Union<Property, None> propertyFromPythonProperty(PyObject* pythonProperty, Identifier id) {
-    PyObjectPtr fget = attributeOf(pythonProperty, String("fget"));
+    PyObjectPtr fget = attributeOrNull(pythonProperty, "fget");
     auto getter = I_Invokable_Generic::cast(from_python(fget.get()));
     PyErr_Clear();
     if (!fget || !getter) return None();
-    PyObjectPtr fset = attributeOf(pythonProperty, String("fset"));
+    PyObjectPtr fset = attributeOrNull(pythonProperty, "fset");
     auto setter = I_Invokable_Generic::cast(from_python(fset.get()));
     PyErr_Clear();
     if (setter && setter->resultType().specializes(None::getType())) {
@@ -74,7 +64,7 @@ Union<Property, None> propertyLookup(const Any& self, const String& name) {
     GilGuard gil;
     PyObject* object = pyobjectOf(self);
     if (object == nullptr) return None();
-    PyObjectPtr attribute = attributeOf(object, name);
+    PyObjectPtr attribute = attributeOrNull(object, name.c_str());
     if (!attribute) return None();
     const Identifier id = Identifier::intern(name.view());
     if (PyObject_TypeCheck(attribute.get(), &PyProperty_Type)) {
@@ -178,7 +168,7 @@ Union<Integer, Lazy<Integer>, Error> compareProxy(const Any& self, const Any& ot
 
 }  // namespace
 
-bool PythonProxy::matches(const Any& value) { return derivesFrom(value, getClass()); }
+bool PythonProxy::matches(const Any& value) { return internal::is_instance_of(value, getClass()); }
 
 PyObject* pyobjectOf(const Any& proxy) {
     Any stored = proxy.fieldValue($_pyobj);
@@ -192,22 +182,20 @@ PyObject* pythonObjectOfProxy(const Any& value) {
     return pyobjectOf(value);
 }
 
-namespace internal_proxy {
 Any makeProxyOf(const Class_Generic& cls, PyObject* object) {
     Py_IncRef(object);
     Any proxy = make_instance(cls);
     (void)proxy.setFieldValue($_pyobj, Box(object));
     return proxy;
 }
-}  // namespace internal_proxy
 
-Any makePythonProxy(PyObject* object) { return internal_proxy::makeProxyOf(PythonProxy::getClass(), object); }
+Any makePythonProxy(PyObject* object) { return makeProxyOf(PythonProxy::getClass(), object); }
 
 Union<Any, Lazy<Any>, Error> callPythonMethod(const Any& self, const String& name, const std::vector<Any>& arguments) {
     GilGuard gil;
     PyObject* object = pyobjectOf(self);
     if (object == nullptr) return Error(String("The object is null."));
-    PyObjectPtr method = attributeOf(object, name);
+    PyObjectPtr method = attributeOrNull(object, name.c_str());
     if (!method || !PyCallable_Check(method.get())) {
         return Error(String("The method is missing: {}, target object: {}.").arg(name, display(self)));
     }

@@ -53,6 +53,10 @@ public:
 // A new PythonProxy holding a new reference to `object`. The caller holds the interpreter lock.
 Any makePythonProxy(PyObject* object);
 
+// A new instance of `cls` (PythonProxy or a class derived from it) holding a new reference to
+// `object`. The caller holds the interpreter lock.
+Any makeProxyOf(const Class_Generic& cls, PyObject* object);
+
 enum class CollectionKind { Iterable, Iterator, Mapping, Sequence, Set };
 // A new collection proxy of the given kind holding a new reference to `object`.
 Any makeCollectionProxy(CollectionKind kind, PyObject* object);

@@ -9,6 +9,7 @@
 
 #include "bridge/errors.hpp"
 #include "bridge/from_python.hpp"
+#include "bridge/module_attribute.hpp"
 #include "bridge/to_python.hpp"
 #include "functions/function_python.hpp"
 
@@ -18,14 +19,8 @@ namespace {
 
 using Box = Boxed<PyObject*>;
 
-PyObjectPtr attributeOf(PyObject* object, const char* name) {
-    PyObjectPtr value = PyObjectPtr::steal(PyObject_GetAttrString(object, name));
-    if (!value) PyErr_Clear();
-    return value;
-}
-
 String docOf(PyObject* object) {
-    PyObjectPtr doc = attributeOf(object, "__doc__");
+    PyObjectPtr doc = attributeOrNull(object, "__doc__");
     if (!doc || !PyUnicode_Check(doc.get())) return String();
     Py_ssize_t size = 0;
     const char* text = PyUnicode_AsUTF8AndSize(doc.get(), &size);
@@ -57,7 +52,7 @@ Any exceptionMessage(const Any& self) {
 }
 
 void describeMembers(internal::ClassCell& cls, PyObject* type) {
-    PyObjectPtr dictionary = attributeOf(type, "__dict__");
+    PyObjectPtr dictionary = attributeOrNull(type, "__dict__");
     if (!dictionary) return;
     PyObjectPtr items = PyObjectPtr::steal(PyMapping_Items(dictionary.get()));
     if (!items) {
@@ -88,7 +83,7 @@ void describeMembers(internal::ClassCell& cls, PyObject* type) {
 }
 
 void inheritBaseMethods(internal::ClassCell& cls, PyObject* type) {
-    PyObjectPtr bases = attributeOf(type, "__bases__");
+    PyObjectPtr bases = attributeOrNull(type, "__bases__");
     if (!bases) return;
     PyObjectPtr iterator = PyObjectPtr::steal(PyObject_GetIter(bases.get()));
     if (!iterator) {

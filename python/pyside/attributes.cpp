@@ -120,19 +120,6 @@ PyObject* introspect(const Any& value, std::string_view name) {
 
 // ---- Host look-up ------------------------------------------------------------------------
 
-PyObject* readProperty(const Property& property, const Any& value) {
-    const I_Invokable_Generic getter = property.getter();
-    if (getter.isIndependent()) return toPythonLocked(getter.invokeWith(std::span<const Any>()));
-    return toPythonLocked(getter(value));
-}
-
-// A method bound to `value` the way Any::boundMethod binds one: a method that needs no receiver
-// comes as it is.
-Any boundTo(const I_Invokable_Generic& method, const Any& value) {
-    if (method.isIndependent() || method.parameterCount() == 0) return method;
-    return method.bindArgs(value);
-}
-
 std::optional<PyObject*> fromLazy(const Any& value, Identifier name) {
     if (auto property = raw_property_of(value, name); !property.isEmpty()) {
         return toPythonLocked(property.as<Property>().getter()(value));
@@ -150,7 +137,7 @@ std::optional<PyObject*> fromClassObject(const Class_Generic& cls, Identifier na
     }
     if (const Any* member = cls.cell()->findProperty(name)) {
         const Property property(internal::unchecked, *member);
-        if (property.isIndependent()) return toPythonLocked(property.getter().invokeWith(std::span<const Any>()));
+        if (property.isIndependent()) return toPythonLocked(property.get(Any()));
     }
     return std::nullopt;
 }
@@ -160,10 +147,10 @@ PyObject* hostLookup(const Any& value, Identifier name) {
         if (auto found = fromLazy(value, name)) return *found;
     }
     if (Error::matches(value)) return toPythonLocked(value);
-    if (auto property = property_of(value, name); !property.isEmpty()) return readProperty(property.as<Property>(), value);
-    // Any::boundMethod answers an Error, not nothing, for a missing method: look the method up
-    // first, so that a miss goes on to the steps below.
-    if (auto method = method_of(value, name); !method.isEmpty()) return toPythonLocked(boundTo(method.as<I_Invokable_Generic>(), value));
+    if (auto property = property_of(value, name); !property.isEmpty()) return toPythonLocked(property.as<Property>().get(value));
+    // The bound method as Any::boundMethod makes it, but without building its error for a name
+    // that is no method: a miss goes on to the steps below.
+    if (auto method = method_of(value, name); !method.isEmpty()) return toPythonLocked(method.as<I_Invokable_Generic>().boundTo(value));
     const auto cls = Class_Generic::cast(value);
     if (cls) {
         if (auto found = fromClassObject(*cls, name)) return *found;

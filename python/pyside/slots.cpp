@@ -35,13 +35,6 @@ PyObject* reprSlot(PyObject* self) noexcept {
 // slot before Python's generic look-up, so this function is never reached that way.
 PyObject* placeholderMethod(PyObject*, PyObject*) { return nullptr; }
 
-char* copyToMalloc(std::string_view text) {
-    auto* buffer = static_cast<char*>(std::malloc(text.size() + 1));
-    std::memcpy(buffer, text.data(), text.size());
-    buffer[text.size()] = '\0';
-    return buffer;
-}
-
 // The getter and setter of a per-class type's property entry; the closure is the property's
 // name, kept for the life of the process with the type.
 PyObject* getsetGetter(PyObject* self, void* closure) {

@@ -112,13 +112,6 @@ PyTypeObject* genericSequenceMappingType() {
     return type;
 }
 
-char* copyToMalloc(std::string_view text) {
-    auto* buffer = static_cast<char*>(std::malloc(text.size() + 1));
-    std::memcpy(buffer, text.data(), text.size());
-    buffer[text.size()] = '\0';
-    return buffer;
-}
-
 // "tala~" and the qualified name with every "." replaced by a backtick: "tala~a`b`C".
 std::string perClassTypeName(const Class_Generic& cls) {
     std::string name = "tala~" + std::string(cls.qualname().view());
@@ -159,19 +152,6 @@ PerClassTypes& perClassTypes() {
     return *table;
 }
 
-// Takes the lock of the per-class map; the caller holds the interpreter lock. Building a type may
-// run Python code (the signature of a method that is a Python function), and Python lets other
-// threads in meanwhile: a thread that has to wait for the map lets go of the interpreter lock
-// while it waits, or the build could never take that lock back.
-std::unique_lock<spinlock> lockWithoutBlockingPython(spinlock& lock) {
-    std::unique_lock<spinlock> held(lock, std::try_to_lock);
-    if (held.owns_lock()) return held;
-    PyThreadState* waiting = PyThreadState_GetUnchecked() != nullptr ? PyEval_SaveThread() : nullptr;
-    held.lock();
-    if (waiting != nullptr) PyEval_RestoreThread(waiting);
-    return held;
-}
-
 bool belongsToModule(const Class_Generic& cls) {
     if (!cls.declaringContext().isEmpty()) return true;
     if (auto enclosing = cls.enclosingClass(); enclosing && !enclosing->declaringContext().isEmpty()) return true;
@@ -180,10 +160,19 @@ bool belongsToModule(const Class_Generic& cls) {
 
 }  // namespace
 
+char* copyToMalloc(std::string_view text) {
+    auto* buffer = static_cast<char*>(std::malloc(text.size() + 1));
+    std::memcpy(buffer, text.data(), text.size());
+    buffer[text.size()] = '\0';
+    return buffer;
+}
+
 PyTypeObject* wrapperTypeFor(const Class_Generic& cls) {
     if (belongsToModule(cls)) {
         PerClassTypes& table = perClassTypes();
-        const std::unique_lock<spinlock> lock = lockWithoutBlockingPython(table.lock);
+        // Building a type may run Python code (the signature of a method that is a Python
+        // function), which lets other threads in: they wait for the map without the lock.
+        const std::unique_lock<spinlock> lock = lockReleasingGil(table.lock);
         auto found = table.types.find(cls.cell());
         if (found != table.types.end()) return found->second;
         PyTypeObject* type = buildPerClassType(cls);

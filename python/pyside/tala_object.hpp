@@ -26,6 +26,10 @@ PyObject* wrapHostValueLocked(const Any& value);
 // the wrapper; copy it before the wrapper may go).
 const Any* wrappedHostValue(PyObject* object) noexcept;
 
+// A NUL-terminated copy in malloc'ed memory, for the texts of type objects and their tables,
+// which live as long as the types (for ever).
+char* copyToMalloc(std::string_view text);
+
 // The wrapper type chosen for instances of a host class (borrowed; types live for ever).
 PyTypeObject* wrapperTypeFor(const Class_Generic& cls);
 

@@ -497,9 +497,7 @@ Any Any::boundMethod(Identifier name) const {
         return Error(String("Unknown method '{}' in an object of class {}.")
                          .arg(String(name.text()), raw_class_of(*this).qualname()));
     }
-    auto invokable = method.as<I_Invokable_Generic>();
-    if (invokable.isIndependent() || invokable.parameterCount() == 0) return invokable;
-    return invokable.bindArgs(*this);
+    return method.as<I_Invokable_Generic>().boundTo(*this);
 }
 
 namespace {
@@ -568,11 +566,12 @@ std::vector<std::pair<String, Any>> definedAbstractProperties(const Class_Generi
 
 namespace internal {
 
-Any cast_object(const Any& value, const Class_Generic& cls) {
-    ObjectCell* object = objectCellOf(value);
-    if (object == nullptr || object->objectClass() == nullptr) return Any();
-    return object->objectClass()->derivesFrom(cls.cell()) ? value : Any();
+bool is_instance_of(const Any& value, const Class_Generic& cls) noexcept {
+    const ObjectCell* object = objectCellOf(value);
+    return object != nullptr && object->objectClass() != nullptr && object->objectClass()->derivesFrom(cls.cell());
 }
+
+Any cast_object(const Any& value, const Class_Generic& cls) { return is_instance_of(value, cls) ? value : Any(); }
 
 Any unwrap(const Any& value) {
     Any current = value;

@@ -58,8 +58,7 @@ LogRecord::LogRecord(std::int64_t level, String message)
     : View(internal::unchecked, getClass().instantiate(std::vector<Any>{Integer(level), message})) {}
 
 bool LogRecord::matches(const Any& value) {
-    const internal::ObjectCell* object = internal::objectCellOf(value);
-    return object != nullptr && object->objectClass() != nullptr && object->objectClass()->derivesFrom(getClass().cell());
+    return internal::is_instance_of(value, getClass());
 }
 
 std::int64_t LogRecord::level() const {

@@ -231,6 +231,8 @@ std::vector<std::pair<String, Any>> definedProperties(const Class_Generic& cls);
 std::vector<std::pair<String, Any>> definedAbstractProperties(const Class_Generic& cls);
 
 namespace internal {
+// True when `value` is an object or function whose class is `cls` or derives from it.
+bool is_instance_of(const Any& value, const Class_Generic& cls) noexcept;
 // The object view of `value` as an instance of `cls` (or a class derived from it), or None.
 Any cast_object(const Any& value, const Class_Generic& cls);
 // Resolves wrapper layers: lazy values, external values, until a plain value remains.

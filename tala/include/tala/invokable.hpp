@@ -69,6 +69,11 @@ public:
     // A new invokable with the given leading arguments fixed.
     I_Invokable_Generic bindArgs(std::vector<Any> leading) const;
     I_Invokable_Generic bindArgs(const Any& first) const { return bindArgs(std::vector<Any>{first}); }
+    // Ready to call without its receiver: bound to `receiver` when it needs one, else as it is.
+    I_Invokable_Generic boundTo(const Any& receiver) const {
+        if (isIndependent() || parameterCount() == 0) return *this;
+        return bindArgs(receiver);
+    }
 
     Signature signature() const;
     Type resultType() const;
