@@ -4,10 +4,15 @@
 #include <Python.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "extension/gil.hpp"
@@ -145,5 +150,30 @@ inline bool pythonEqual(PyObject* a, PyObject* b) {
     }
     return equal == 1;
 }
+
+// Ends the process when the threads are not through in time: a deadlock would otherwise hang the
+// test until the runner kills it, without saying why.
+class Watchdog {
+public:
+    explicit Watchdog(std::chrono::seconds limit)
+        : thread_([this, limit] {
+              const auto deadline = std::chrono::steady_clock::now() + limit;
+              while (!done_.load()) {
+                  if (std::chrono::steady_clock::now() > deadline) {
+                      std::fprintf(stderr, "The threads did not finish: they wait for each other.\n");
+                      std::_Exit(1);
+                  }
+                  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+              }
+          }) {}
+    ~Watchdog() {
+        done_ = true;
+        thread_.join();
+    }
+
+private:
+    std::atomic<bool> done_{false};
+    std::thread thread_;
+};
 
 }  // namespace tala_python_test

@@ -25,31 +25,6 @@ using tala::python::PyObjectPtr;
 using tala::python::wrapHostValue;
 using tala_python_test::kept;
 
-// Ends the process when the threads are not through in time: a deadlock would otherwise hang the
-// test until the runner kills it, without saying why.
-class Watchdog {
-public:
-    explicit Watchdog(std::chrono::seconds limit)
-        : thread_([this, limit] {
-              const auto deadline = std::chrono::steady_clock::now() + limit;
-              while (!done_.load()) {
-                  if (std::chrono::steady_clock::now() > deadline) {
-                      std::fprintf(stderr, "The threads did not finish: they wait for each other.\n");
-                      std::_Exit(1);
-                  }
-                  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-              }
-          }) {}
-    ~Watchdog() {
-        done_ = true;
-        thread_.join();
-    }
-
-private:
-    std::atomic<bool> done_{false};
-    std::thread thread_;
-};
-
 TEST(WrapperTypesThreads, TypeBuiltWhilePythonRunsDoesNotBlockOtherThreads) {
     ASSERT_TRUE(tala::python::ensurePythonOnce());
     tala::Any method;
@@ -92,7 +67,7 @@ TEST(WrapperTypesThreads, TypeBuiltWhilePythonRunsDoesNotBlockOtherThreads) {
     std::atomic<bool> slowWrapped{false};
     std::atomic<int> busyWrapped{0};
     {
-        Watchdog watchdog(std::chrono::seconds(60));
+        tala_python_test::Watchdog watchdog(std::chrono::seconds(60));
         std::thread describing([&] {
             go.arrive_and_wait();
             GilGuard gil;
