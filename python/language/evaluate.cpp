@@ -104,7 +104,7 @@ std::string programText(const String& code, const std::vector<String>& outNames)
     }
     text << "tala_store_result( tala_outer() )\n";
     for (const String& name : outNames) text << "tala_store_local('" << name << "'," << name << ")\n";
-    return std::string(text.view());
+    return std::move(text.raw());
 }
 
 std::vector<String> keysOf(const Any& map) {

@@ -155,11 +155,17 @@ PyObject* hostLookup(const Any& value, Identifier name) {
     if (cls) {
         if (auto found = fromClassObject(*cls, name)) return *found;
     }
-    if (auto property = raw_property_of(value, name); !property.isEmpty()) {
-        return toPythonLocked(property.as<Property>().getter()(value));
-    }
-    if (auto method = raw_method_of(value, name); !method.isEmpty()) {
-        return toPythonLocked(method.as<I_Invokable_Generic>().bindArgs(value));
+    // The raw look-ups differ from the ones above only for a class that answers its own
+    // look-ups; for any other they would repeat the same misses.
+    const internal::ClassCell* valueClass = internal::classCellOf(value);
+    if (valueClass->reflective(internal::ReflectiveProperty) != nullptr ||
+        valueClass->reflective(internal::ReflectiveMethod) != nullptr) {
+        if (auto property = raw_property_of(value, name); !property.isEmpty()) {
+            return toPythonLocked(property.as<Property>().getter()(value));
+        }
+        if (auto method = raw_method_of(value, name); !method.isEmpty()) {
+            return toPythonLocked(method.as<I_Invokable_Generic>().bindArgs(value));
+        }
     }
     if (cls) {
         if (auto property = definedProperty(*cls, name); !property.isEmpty()) return toPythonLocked(property.as<Property>().getter());
