@@ -1,4 +1,10 @@
 // tala/src/builtin_classes.cpp: the classes of the built-in values, registered on first use.
+#include <cxxabi.h>
+#include <cstdlib>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
 #include "tala/boxed.hpp"
 #include "tala/interfaces.hpp"
 #include "tala/class_builder.hpp"
@@ -109,6 +115,39 @@ const ClassCell* boxedClass() {
     return registration.get().cell();
 }
 
+namespace {
+// Readable C++ type names ("_object*"), where the compiler can give them.
+std::string readableTypeName(const std::type_info& type) {
+#if defined(__GNUG__)
+    int status = 0;
+    char* demangled = abi::__cxa_demangle(type.name(), nullptr, nullptr, &status);
+    if (status == 0 && demangled != nullptr) {
+        std::string name(demangled);
+        std::free(demangled);
+        return name;
+    }
+#endif
+    return type.name();
+}
+}  // namespace
+
+const ClassCell* boxedClassFor(const std::type_info& type, Any (*makeDefault)()) {
+    // One class per payload type for the whole process, keyed by the type's name: every library
+    // that boxes the type has its own copy of the template code, but they share the class.
+    static std::mutex mutex;
+    static auto* classes = new std::unordered_map<std::string, const ClassCell*>();
+    const std::string name = readableTypeName(type);
+    std::lock_guard lock(mutex);
+    if (auto found = classes->find(name); found != classes->end()) return found->second;
+    const Class_Generic cls = ClassBuilder(String("Boxed<" + name + ">"))
+                                  .doc(String("A boxed native value of type " + name + "."))
+                                  .parent(Class_Generic(boxedClass()))
+                                  .factory([makeDefault](const Class_Generic&) { return makeDefault(); })
+                                  .build();
+    classes->emplace(name, cls.cell());
+    return cls.cell();
+}
+
 const ClassCell* functionClass();
 
 const ClassCell* builtinClassOfKind(Kind kind) {
@@ -124,7 +163,7 @@ const ClassCell* builtinClassOfKind(Kind kind) {
         case Kind::Function: return functionClass();
         case Kind::String: return String::getClass().cell();
         case Kind::Tuple: return Tuple_Generic::getClass().cell();
-        case Kind::Boxed: return boxedClass();
+        case Kind::Boxed: return boxedClass();  // boxes answer their own class (classCellOf)
         case Kind::External: return External::getClass().cell();
         case Kind::Lazy: return Lazy_Generic::getClass().cell();
         case Kind::Undefined: return Undefined::getClass().cell();

@@ -2,6 +2,7 @@
 #include "tala/class.hpp"
 
 #include "class_tables.hpp"
+#include "tala/boxed.hpp"
 #include "tala/containers.hpp"
 #include "tala/display.hpp"
 #include "tala/error.hpp"
@@ -51,6 +52,7 @@ const IdentifierNode* const* reflectiveNames() {
         Any::$__method__.node(),           Any::$__ownMethod__.node(),       Any::$__ownMethods__.node(),
         Any::$__insertProperty__.node(),   Any::$__insertMethod__.node(),    Any::$__removeProperty__.node(),
         Any::$__removeMethod__.node(),     Any::$__display__.node(),         Any::$__compare__.node(),
+        Any::$__hash__.node(),
     };
     return names;
 }
@@ -270,6 +272,7 @@ const ClassCell* classCellOf(const Any& value) noexcept {
     if (ObjectCell* object = objectCellOf(value); object != nullptr && object->objectClass() != nullptr) {
         return object->objectClass();
     }
+    if (value.kind() == Kind::Boxed) return value.cellAs<BoxedCell>()->boxedClass();
     return builtinClassOfKind(value.kind());
 }
 }  // namespace internal
@@ -489,6 +492,18 @@ Any insert_method(const Any& value, Identifier name, const Any& invokable) {
         return I_Invokable_Generic(internal::unchecked, *reflective)(value, ByteArray(name.text()), invokable);
     }
     return insertOwn(value, name, invokable, false);
+}
+
+bool remove_property(const Any& value, Identifier name) {
+    if (const Any* reflective = internal::classCellOf(value)->reflective(internal::ReflectiveRemoveProperty)) {
+        Any answer = resolve(I_Invokable_Generic(internal::unchecked, *reflective)(value, ByteArray(name.text())));
+        return answer.kind() == Kind::Boolean && answer.rawBoolean();
+    }
+    internal::ObjectCell* object = internal::objectCellOf(value);
+    internal::OwnMembers* own = object == nullptr ? nullptr : object->ownMembers();
+    if (own == nullptr) return false;
+    std::lock_guard lock(own->lock);
+    return std::erase_if(own->properties, [&](const internal::MemberDef& member) { return member.name == name; }) != 0;
 }
 
 Any Any::boundMethod(Identifier name) const {

@@ -470,6 +470,25 @@ std::uint64_t hashDate(const internal::DateFields& date) {
     return hashInteger((std::int64_t(date.year) << 16) | (date.month << 8) | date.day);
 }
 
+// Values that compare equal must hash equal. A class that compares its instances itself
+// (`__compare__`) hashes them with its own `__hash__`; without one, by the values of their
+// fields, which is right for comparisons that read all fields (a class whose comparison ignores
+// a field defines `__hash__`). Everything else compares, and so hashes, by identity.
+std::uint64_t hashByClass(const Any& value) {
+    const auto* object = value.cellAs<internal::ObjectCell>();
+    const internal::ClassCell* cls = object->objectClass();
+    if (cls == nullptr) return mix(object_id(value));
+    if (const Any* hash = cls->reflective(internal::ReflectiveHash)) {
+        Any answer = resolve(I_Invokable_Generic(internal::unchecked, *hash)(value));
+        if (answer.kind() == Kind::Integer) return static_cast<std::uint64_t>(answer.rawInteger());
+        return 0x4A54ull;  // a failed hash: one bucket for all, which is slow but never wrong
+    }
+    if (cls->reflective(internal::ReflectiveCompare) == nullptr) return mix(object_id(value));
+    std::uint64_t hash = 0xC1A55ull;
+    for (std::size_t slot = 0; slot < object->fieldCount(); ++slot) hash = combine(hash, hash_of(object->fieldSlots()[slot]));
+    return hash;
+}
+
 std::uint64_t hashObject(const Any& value) {
     switch (value.cellAs<internal::ObjectCell>()->tag()) {
         case internal::NativeTag::Date: return hashDate(Date(internal::unchecked, value).fields());
@@ -480,7 +499,7 @@ std::uint64_t hashObject(const Any& value) {
         }
         case internal::NativeTag::Decimal: return Decimal(internal::unchecked, value).hash();
         case internal::NativeTag::StringObject: return String(internal::unchecked, value).hash();
-        default: return mix(object_id(value));
+        default: return hashByClass(value);
     }
 }
 

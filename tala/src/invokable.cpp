@@ -27,9 +27,17 @@ Any FunctionCell::callNamed(const HashMap_Generic& arguments) const {
         positional.push_back(*self);
         ++used;
     }
+    // Optional parameters are trailing: the first one left out ends the arguments, and a later
+    // one given after it would have no position to go to.
+    const Parameter* leftOut = nullptr;
     for (const Parameter& parameter : parameters) {
         auto value = arguments.get(parameter.name);
-        if (!value) return Error(String("Missing argument: {}.").arg(parameter.name));
+        if (!value) {
+            if (!parameter.optional) return Error(String("Missing argument: {}.").arg(parameter.name));
+            if (leftOut == nullptr) leftOut = &parameter;
+            continue;
+        }
+        if (leftOut != nullptr) return Error(String("Missing argument: {}.").arg(leftOut->name));
         positional.push_back(*value);
         ++used;
     }
@@ -52,6 +60,12 @@ Any wrongArgumentType(std::size_t index, const Type& expected, const Any& given)
 Any wrongArgumentCount(std::size_t expected, std::size_t given) {
     return Error(String("Wrong number of arguments: expected {}, got {}.")
                      .arg(Integer(static_cast<std::int64_t>(expected)), Integer(static_cast<std::int64_t>(given))));
+}
+
+Any wrongArgumentCount(std::size_t fewest, std::size_t most, std::size_t given) {
+    return Error(String("Wrong number of arguments: expected {} to {}, got {}.")
+                     .arg(Integer(static_cast<std::int64_t>(fewest)), Integer(static_cast<std::int64_t>(most)),
+                          Integer(static_cast<std::int64_t>(given))));
 }
 
 Any errorFromCurrentException() { return Error::fromException(std::current_exception()); }

@@ -5,12 +5,13 @@
 
 #include "tala/class_builder.hpp"
 #include "tala/display.hpp"
+#include "tala/interfaces.hpp"
 #include "tala/property.hpp"
 
 namespace tala {
 
-internal::ModuleCell::ModuleCell(String name, String doc)
-    : ObjectCell(Module::getClass().cell(), NativeTag::Module), name(std::move(name)), doc(std::move(doc)) {}
+internal::ModuleCell::ModuleCell(const ClassCell* moduleClass, String name, String doc)
+    : ObjectCell(moduleClass, NativeTag::Module), name(std::move(name)), doc(std::move(doc)) {}
 
 namespace {
 
@@ -57,7 +58,9 @@ Module Module::create(std::string_view name, String doc) {
             if (!doc.isEmpty()) existing->setDoc(doc);
             return *existing;
         }
-        module = Module(internal::unchecked, Any::adopt(Kind::Object, new internal::ModuleCell(String(name), doc)));
+        const Class_Generic moduleClass = ClassBuilder("Module").parent(Module::getClass()).build();
+        module = Module(internal::unchecked,
+                        Any::adopt(Kind::Object, new internal::ModuleCell(moduleClass.cell(), String(name), doc)));
         modules.modules.push_back(module);
         parent = findLocked(modules, parentName(name));
         for (const Module& candidate : modules.modules) {
@@ -124,15 +127,7 @@ void Module::addFunction(String name, const I_Invokable_Generic& function) const
 }
 
 void Module::addProperty(const Property& property) const {
-    internal::OwnMembers& own = cell()->ensureOwnMembers();
-    std::lock_guard lock(own.lock);
-    for (auto& existing : own.properties) {
-        if (existing.name == property.name()) {
-            existing.member = property;
-            return;
-        }
-    }
-    own.properties.push_back(internal::MemberDef{property.name(), property});
+    const_cast<internal::ClassCell*>(cell()->objectClass())->addProperty(property.name(), property);
 }
 
 void Module::setValue(Identifier name, Any value) const { addProperty(Property::value(name, std::move(value))); }
@@ -156,6 +151,10 @@ Class_Generic Module::getClass() {
     static const ClassRegistration registration("Module", [] {
         return ClassBuilder("Module")
             .doc("A module: named classes and functions.")
+            .parent(I_HasName::getClass())
+            .parent(I_HasDoc::getClass())
+            .property(Any::$$name, [](const Module& self) { return self.name(); }, "The module's dotted name.")
+            .property(Any::$$doc, [](const Module& self) { return self.doc(); }, "The module's documentation.")
             .method(Any::$__display__, [](const Module& self) { return String("Module: '{}'.").arg(self.name()); })
             .build();
     });

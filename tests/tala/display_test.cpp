@@ -243,6 +243,68 @@ TEST(Hash, EqualValuesHashEqual) {
     }
 }
 
+namespace {
+const tala::Identifier kHashAmount{"$amount"};
+const tala::Identifier kHashNote{"$note"};
+
+// Instances compared by `amount` alone, through the class's own comparison.
+tala::Class_Generic comparedClass(bool ownHash) {
+    tala::ClassBuilder builder(ownHash ? "HashedByClass" : "HashedByFields");
+    builder.parent(tala::I_Immutable::getClass())
+        .field(kHashAmount)
+        .method(tala::Any::$__compare__, [](const tala::Any& self, const tala::Any& other) -> std::int64_t {
+            return tala::compare_objects(self.fieldValue(kHashAmount), other.fieldValue(kHashAmount));
+        }, {"other"});
+    if (ownHash) {
+        // The note is not compared, so the class hashes the amount only.
+        builder.field(kHashNote).method(tala::Any::$__hash__, [](const tala::Any& self) {
+            return static_cast<std::int64_t>(tala::hash_of(self.fieldValue(kHashAmount)));
+        });
+    }
+    return builder.build();
+}
+
+tala::Any compared(const tala::Class_Generic& cls, std::int64_t amount, const char* note = "") {
+    tala::Any value = tala::make_instance(cls);
+    (void)value.setFieldValue(kHashAmount, tala::Integer(amount));
+    if (tala::definedField(cls, kHashNote).is<tala::Type>()) (void)value.setFieldValue(kHashNote, tala::String(note));
+    return value;
+}
+}  // namespace
+
+TEST(Hash, AClassThatComparesItsInstancesHashesThemByTheirFields) {
+    static const tala::Class_Generic cls = comparedClass(false);
+    const tala::Any first = compared(cls, 5);
+    const tala::Any second = compared(cls, 5);
+    ASSERT_NE(first.cell(), second.cell());
+    EXPECT_EQ(order(first, second), 0);
+    EXPECT_EQ(tala::hash_of(first), tala::hash_of(second));
+    EXPECT_NE(tala::hash_of(first), tala::hash_of(compared(cls, 6)));
+    // As keys of a host set: one entry for the two equal values.
+    tala::Set<tala::Any> set;
+    set.insert(first);
+    set.insert(second);
+    EXPECT_EQ(set.size(), 1u);
+}
+
+TEST(Hash, AClassWithAHashOfItsOwnIsHashedByIt) {
+    static const tala::Class_Generic cls = comparedClass(true);
+    const tala::Any first = compared(cls, 5, "one");
+    const tala::Any second = compared(cls, 5, "two");
+    EXPECT_EQ(order(first, second), 0);
+    EXPECT_EQ(tala::hash_of(first), tala::hash_of(second));
+    EXPECT_EQ(tala::hash_of(first), tala::hash_of(tala::Integer(5)));
+}
+
+TEST(Hash, ObjectsWithoutAComparisonOfTheirOwnHashByIdentity) {
+    static const tala::Class_Generic cls = tala::ClassBuilder("HashedByIdentity").field(kHashAmount).build();
+    const tala::Any first = compared(cls, 5);
+    const tala::Any second = compared(cls, 5);
+    EXPECT_NE(order(first, second), 0);
+    EXPECT_EQ(tala::hash_of(first), tala::hash_of(tala::Any(first)));
+    EXPECT_NE(tala::hash_of(first), tala::hash_of(second));
+}
+
 TEST(Hash, CopiesHashEqual) {
     for (const tala::Any& value : oneValuePerKind()) {
         const tala::Any copy = value;

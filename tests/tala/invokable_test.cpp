@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -631,6 +632,50 @@ TEST(NativeFunction, EightThreadsInvokingOneFunctionGetCorrectResults) {
     }
     // Every reference the calls took was given back.
     EXPECT_EQ(add.cell()->refCount(), 1u);
+}
+
+// ---- Optional parameters ------------------------------------------------------------------------
+
+I_Invokable_Generic withOptionalTail() {
+    return tala::native_function(
+        [](const String& key, const std::optional<Any>& fallback, std::optional<std::int64_t> count) {
+            return String(key.toStdString() + "|" + (fallback ? tala::display(*fallback).toStdString() : "-") + "|" +
+                          (count ? std::to_string(*count) : "-"));
+        },
+        "lookup", {"key", "fallback", "count"});
+}
+
+TEST(OptionalParameters, TrailingOptionalParametersMayBeLeftOut) {
+    const I_Invokable_Generic function = withOptionalTail();
+    EXPECT_EQ(tala::display(function(String("k"))).toStdString(), "'k|-|-'");
+    EXPECT_EQ(tala::display(function(String("k"), Integer(1))).toStdString(), "'k|1|-'");
+    EXPECT_EQ(tala::display(function(String("k"), Any(), Integer(3))).toStdString(), "'k|None|3'");
+    const auto parameters = function.signature().parameters();
+    ASSERT_EQ(parameters.size(), 3u);
+    EXPECT_FALSE(parameters[0].optional);
+    EXPECT_TRUE(parameters[1].optional);
+    EXPECT_TRUE(parameters[2].optional);
+}
+
+TEST(OptionalParameters, TooFewOrTooManyArgumentsNameTheRange) {
+    const I_Invokable_Generic function = withOptionalTail();
+    EXPECT_EQ(Error(tala::internal::unchecked, function()).message().toStdString(),
+              "Wrong number of arguments: expected 1 to 3, got 0.");
+    EXPECT_EQ(Error(tala::internal::unchecked, function(String("k"), Any(), Integer(1), Integer(2))).message().toStdString(),
+              "Wrong number of arguments: expected 1 to 3, got 4.");
+    // An optional argument of the wrong type is still refused.
+    EXPECT_TRUE(tala::is_error_result(function(String("k"), Any(), String("many"))));
+}
+
+TEST(OptionalParameters, ByNameAnOptionalParameterMayBeMissingButNotSkipped) {
+    const I_Invokable_Generic function = withOptionalTail();
+    EXPECT_EQ(tala::display(function.invokeWith(named({{"key", String("k")}}))).toStdString(), "'k|-|-'");
+    EXPECT_EQ(tala::display(function.invokeWith(named({{"key", String("k")}, {"fallback", Integer(2)}}))).toStdString(),
+              "'k|2|-'");
+    EXPECT_EQ(Error(tala::internal::unchecked, function.invokeWith(named({{"key", String("k")}, {"count", Integer(2)}})))
+                  .message()
+                  .toStdString(),
+              "Missing argument: fallback.");
 }
 
 }  // namespace

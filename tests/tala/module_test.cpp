@@ -171,6 +171,25 @@ TEST(Module, AddingAgainReplacesTheMember) {
     EXPECT_EQ(memberOf(module, "version").rawInteger(), 4);
 }
 
+TEST(Module, MembersArePropertiesOfTheModulesOwnClass) {
+    const Module module = Module::create("mt_own_class");
+    module.addFunction(String("f"), tala::native_function([] { return std::int64_t{1}; }, "f"));
+    const tala::Class_Generic cls = tala::raw_class_of(module);
+    EXPECT_NE(cls, Module::getClass());
+    EXPECT_TRUE(cls.derivesFrom(Module::getClass()));
+    EXPECT_NE(cls, tala::raw_class_of(Module::create("mt_own_class_other")));
+    // Defined by the class, not added to the object: so nothing can replace them through it.
+    EXPECT_TRUE(tala::definedProperty(cls, tala::Identifier::intern("f")).is<tala::Property>());
+    EXPECT_EQ(tala::own_properties_of(module).size(), 0u);
+    EXPECT_FALSE(tala::remove_property(module, tala::Identifier::intern("f")));
+    EXPECT_EQ(memberOf(module, "f").kind(), tala::Kind::Function);
+    // Modules have their name and documentation.
+    module.setDoc(String("Documented."));
+    EXPECT_TRUE(tala::I_HasName::matches(module));
+    EXPECT_EQ(tala::display(memberOf(module, "name")).toStdString(), "'mt_own_class'");
+    EXPECT_EQ(tala::display(memberOf(module, "doc")).toStdString(), "'Documented.'");
+}
+
 TEST(Module, MarkersAreOffUntilSet) {
     const Module module = Module::create("mt_markers");
     EXPECT_FALSE(module.isInternal());

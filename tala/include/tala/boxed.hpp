@@ -10,7 +10,11 @@
 
 namespace tala {
 
+class Class_Generic;
+
 namespace internal {
+class ClassCell;
+
 // A boxed native value. The box owns nothing beyond its payload: pointers are carried as they
 // are, and whoever made the box decides who owns what they point to.
 class BoxedCell : public Cell {
@@ -22,9 +26,16 @@ public:
     virtual Any assign(const Any& other) = 0;
     // Consistent with compare: boxes that compare equal hash equal.
     virtual std::uint64_t hash() const noexcept = 0;
+    // The class of boxes of this payload type.
+    virtual const ClassCell* boxedClass() const = 0;
 };
 
 Any typesMismatchError();
+
+// The class of boxes of one payload type: "Boxed<name>" (the type's readable name), derived from
+// the generic class of boxes, made once per process whichever library asks first. Invoking it
+// makes a box of `makeDefault()`.
+const ClassCell* boxedClassFor(const std::type_info& type, Any (*makeDefault)());
 }  // namespace internal
 
 // How boxes of T compare and assign. Boxes of the same T compare their payloads (when T is
@@ -66,6 +77,7 @@ public:
             value_ = other.cellAs<Cell>()->value_;
             return Any();
         }
+        const internal::ClassCell* boxedClass() const override { return classCell(); }
         T value_;
     };
 
@@ -76,6 +88,11 @@ public:
         return value.kind() == Kind::Boxed && value.cellAs<internal::BoxedCell>()->type() == typeid(T);
     }
     T& value() const noexcept { return this->template cellAs<Cell>()->value_; }
+    // The class of boxes of T; its factory makes a box of T's default value.
+    static const internal::ClassCell* classCell() {
+        static const internal::ClassCell* cls = internal::boxedClassFor(typeid(T), [] { return Any(Boxed(T())); });
+        return cls;
+    }
     std::int64_t compare(const Any& other) const noexcept { return this->template cellAs<Cell>()->compare(other); }
     Any assign(const Any& other) const { return this->template cellAs<Cell>()->assign(other); }
 };

@@ -147,6 +147,7 @@ enum Reflective : int {
     ReflectiveRemoveMethod,
     ReflectiveDisplay,
     ReflectiveCompare,
+    ReflectiveHash,
     ReflectiveCount,
 };
 
@@ -219,6 +220,9 @@ HashMap<String, Property> own_properties_of(const Any& value);
 // class has it): None, or an Error.
 Any insert_property_value(const Any& value, Identifier name, Any content);
 Any insert_method(const Any& value, Identifier name, const Any& invokable);
+// Removes a property that was added to this one object (through __removeProperty__ when the
+// class has it): whether one was removed. Members that a class defines are never removed.
+bool remove_property(const Any& value, Identifier name);
 
 // What a class defines itself or inherits.
 Union<Type, None> definedField(const Class_Generic& cls, Identifier name);

@@ -106,6 +106,7 @@ namespace internal {
 [[noreturn]] void throwBadArgument();
 Any wrongArgumentType(std::size_t index, const Type& expected, const Any& given);
 Any wrongArgumentCount(std::size_t expected, std::size_t given);
+Any wrongArgumentCount(std::size_t fewest, std::size_t most, std::size_t given);
 Any integerOverflow();
 Any errorFromCurrentException();
 
@@ -154,6 +155,40 @@ struct ArgumentConverter<double> {
         return value.kind() == Kind::Float ? value.rawFloat() : static_cast<double>(value.rawInteger());
     }
 };
+
+template <class Converter>
+Any rejectArgument(std::size_t index, const Any& value);
+
+// A trailing parameter that callers may leave out: std::nullopt when they do.
+template <class T>
+struct ArgumentConverter<std::optional<T>> {
+    static constexpr bool optional = true;
+    static Type type() { return ArgumentConverter<T>::type(); }
+    static bool accepts(const Any& value) { return ArgumentConverter<T>::accepts(value); }
+    static std::optional<T> convert(const Any& value) { return T(ArgumentConverter<T>::convert(value)); }
+    static Any reject(std::size_t index, const Any& value) { return rejectArgument<ArgumentConverter<T>>(index, value); }
+};
+
+template <class Converter>
+constexpr bool isOptional() {
+    if constexpr (requires { Converter::optional; }) {
+        return Converter::optional;
+    } else {
+        return false;
+    }
+}
+
+// The number of leading parameters a caller must pass; the ones after them are optional.
+template <class... A>
+constexpr std::size_t requiredCount() {
+    constexpr bool optional[] = {isOptional<ArgumentConverter<std::remove_cvref_t<A>>>()..., false};
+    std::size_t required = 0;
+    while (required < sizeof...(A) && !optional[required]) ++required;
+    for (std::size_t index = required; index < sizeof...(A); ++index) {
+        if (!optional[index]) throw "an optional parameter is followed by a required one";
+    }
+    return required;
+}
 
 // The Error for an argument the converter does not accept.
 template <class Converter>
@@ -231,7 +266,13 @@ public:
     }
 
     Any call(std::span<const Any> arguments) const override {
-        if (arguments.size() != sizeof...(A)) return wrongArgumentCount(sizeof...(A), arguments.size());
+        if (arguments.size() < kRequired || arguments.size() > sizeof...(A)) {
+            if constexpr (kRequired == sizeof...(A)) {
+                return wrongArgumentCount(sizeof...(A), arguments.size());
+            } else {
+                return wrongArgumentCount(kRequired, sizeof...(A), arguments.size());
+            }
+        }
         // Errors are values: a C++ exception from the body becomes an Error carrying it, and
         // never unwinds into the caller (which may be a language runtime's C code).
         try {
@@ -247,6 +288,18 @@ public:
     std::size_t parameterCount() const override { return sizeof...(A); }
 
 private:
+    static constexpr std::size_t kRequired = requiredCount<A...>();
+
+    // The argument for parameter I: converted, or std::nullopt for an optional one left out.
+    template <std::size_t I, class Converter>
+    static decltype(auto) argumentAt(std::span<const Any> arguments) {
+        if constexpr (isOptional<Converter>()) {
+            using Optional = decltype(Converter::convert(std::declval<const Any&>()));
+            if (I >= arguments.size()) return Optional();
+        }
+        return Converter::convert(arguments[I]);
+    }
+
     template <std::size_t... I>
     void buildParameters(std::vector<Parameter>& parameters, const std::vector<String>& names,
                          std::index_sequence<I...>) const {
@@ -256,22 +309,24 @@ private:
                 if (I < skip) return;
                 const std::size_t declared = I - skip;
                 String name = declared < names.size() ? names[declared] : String("arg" + std::to_string(declared));
-                parameters.push_back(Parameter{name, ArgumentConverter<std::remove_cvref_t<A>>::type()});
+                parameters.push_back(Parameter{name, ArgumentConverter<std::remove_cvref_t<A>>::type(), I >= kRequired});
             }(),
             ...);
     }
     template <std::size_t... I>
     Any callChecked([[maybe_unused]] std::span<const Any> arguments, std::index_sequence<I...>) const {
         std::size_t bad = sizeof...(A);
-        ((bad == sizeof...(A) && !ArgumentConverter<std::remove_cvref_t<A>>::accepts(arguments[I]) ? bad = I : 0),
+        ((bad == sizeof...(A) && I < arguments.size() && !ArgumentConverter<std::remove_cvref_t<A>>::accepts(arguments[I])
+              ? bad = I
+              : 0),
          ...);
         if (bad != sizeof...(A)) return badArgument(arguments, bad, std::index_sequence<I...>());
         if constexpr (std::is_void_v<R>) {
-            body_(ArgumentConverter<std::remove_cvref_t<A>>::convert(arguments[I])...);
+            body_(argumentAt<I, ArgumentConverter<std::remove_cvref_t<A>>>(arguments)...);
             return Any();
         } else {
             return ResultConverter<std::remove_cvref_t<R>>::convert(
-                body_(ArgumentConverter<std::remove_cvref_t<A>>::convert(arguments[I])...));
+                body_(argumentAt<I, ArgumentConverter<std::remove_cvref_t<A>>>(arguments)...));
         }
     }
     template <std::size_t... I>

@@ -13,9 +13,12 @@
 namespace tala {
 
 namespace internal {
+// A module is the one instance of a class of its own, derived from Module's class: its
+// functions, classes, child modules and other members are properties of that class, so they
+// are found by the ordinary member look-up and cannot be replaced through the module value.
 class ModuleCell final : public ObjectCell {
 public:
-    ModuleCell(String name, String doc);
+    ModuleCell(const ClassCell* moduleClass, String name, String doc);
     const String name;
     mutable std::mutex mutex;  // guards doc, classes and functions
     String doc;
@@ -25,8 +28,9 @@ public:
 }  // namespace internal
 
 // A module: a name (dotted for children: "tala.python"), documentation, and its classes and
-// functions. Classes, functions and child modules are also properties of the module value, so the
-// ordinary member look-up finds them (`tala.get_logger`, `tala.python`).
+// functions. Classes, functions and child modules are also properties that the module's own
+// class defines, so the ordinary member look-up finds them (`tala.get_logger`, `tala.python`),
+// and they are read-only members of the module value.
 class Module : public internal::View<Module> {
 public:
     using View::View;

@@ -12,6 +12,8 @@ namespace tala {
 struct Parameter {
     String name;
     Type type;
+    // An optional parameter may be left out by a caller; only trailing parameters are optional.
+    bool optional = false;
 };
 
 namespace internal {
