@@ -61,6 +61,12 @@ Union<PythonProxyIterator, Lazy<PythonProxyIterator>, Error> iterate(const Any& 
     PyObjectPtr noArguments = PyObjectPtr::steal(PyTuple_New(0));
     PyObjectPtr iterator = PyObjectPtr::steal(PyObject_Call(method.get(), noArguments.get(), nullptr));
     if (!iterator) return fetch_python_error_or("Missing '__iter__' method.");
+    // Only an iterator can be stepped: anything else `__iter__` gives is refused as Python's
+    // own iter() refuses it.
+    if (!PyIter_Check(iterator.get())) {
+        PyErr_Format(PyExc_TypeError, "iter() returned non-iterator of type '%.100s'", Py_TYPE(iterator.get())->tp_name);
+        return fetch_python_error_or("Missing '__iter__' method.");
+    }
     return PythonProxyIterator(internal::unchecked, makeCollectionProxy(CollectionKind::Iterator, iterator.get()));
 }
 
@@ -68,6 +74,10 @@ Any next(const Any& self) {
     GilGuard gil;
     PyObject* object = pyobjectOf(self);
     if (object == nullptr) return Error(String("The object is null."));
+    if (!PyIter_Check(object)) {
+        PyErr_Format(PyExc_TypeError, "'%.100s' object is not an iterator", Py_TYPE(object)->tp_name);
+        return fetch_python_error_or("The object is not an iterator.");
+    }
     PyObjectPtr item = PyObjectPtr::steal(PyIter_Next(object));
     if (item) return from_python_result(item.get());
     if (PyErr_Occurred() != nullptr) return fetch_python_error_or("Unknown error.");
@@ -100,18 +110,24 @@ Union<Boolean, Lazy<Boolean>, Error> removeFromSet(const Any& self, const Any& v
     return Boolean(true);
 }
 
-Union<Integer, Lazy<Integer>, Error> indexOf(const Any& self, const Any& value, int start) {
+Union<Integer, Lazy<Integer>, Error> indexOf(const Any& self, const Any& value, std::optional<int> start) {
     GilGuard gil;
     PyObject* object = pyobjectOf(self);
     if (object == nullptr) return Error(String("The object is null."));
     PyObjectPtr converted = PyObjectPtr::steal(to_python(value));
     if (!converted) return fetch_python_error_or(String("Unable to convert an argument: {}.").arg(display(value)).c_str());
-    PyObjectPtr result = PyObjectPtr::steal(PyObject_CallMethod(object, "index", "Oi", converted.get(), start));
+    PyObjectPtr result = PyObjectPtr::steal(PyObject_CallMethod(object, "index", "Oi", converted.get(), start.value_or(0)));
     if (!result) {
         PyErr_Clear();
         return Integer(-1);
     }
-    return Integer(PyLong_AsLongLong(result.get()));
+    // An `index` that answers something other than an int within 64 bits is an error, not -1.
+    Any position = from_python_result(result.get());
+    if (auto error = Error::cast(position)) return *error;
+    if (position.kind() != Kind::Integer) {
+        return Error(String("The Python method did not return an integer: {}.").arg(display(position)));
+    }
+    return Integer(position.rawInteger());
 }
 
 Any extendFrom(const Any& self, const Any& values, const char* method) {
@@ -171,12 +187,19 @@ Class_Generic PythonProxyMapping::getClass() {
                     .method(Any::$remove, [](const PythonProxy& self, const Any& key) -> Result {
                         return Result(internal::unchecked, call(self, "pop", {key}));
                     }, {"key"})
-                    .method(Any::$get, [](const PythonProxy& self, const Any& key, const Any& fallback) -> Result {
-                        Any present = call(self, "__contains__", {key});
-                        if (is_error_result(present)) return Result(internal::unchecked, present);
-                        if (present.kind() == Kind::Boolean && !present.rawBoolean()) return Result(internal::unchecked, fallback);
+                    // Without a default, as every host reader of a map calls it: the item, or
+                    // the KeyError of a missing key as an error.
+                    .method(Any::$get, [](const PythonProxy& self, const Any& key, const std::optional<Any>& fallback) -> Result {
+                        if (fallback) {
+                            Any present = call(self, "__contains__", {key});
+                            if (is_error_result(present)) return Result(internal::unchecked, present);
+                            if (present.kind() == Kind::Boolean && !present.rawBoolean()) return Result(internal::unchecked, *fallback);
+                        }
                         return Result(internal::unchecked, call(self, "__getitem__", {key}));
                     }, {"key", "default"})
+                    .method(Any::$setChecked, [](const PythonProxy& self, const Any& key, const Any& value) {
+                        return nothing(call(self, "__setitem__", {key, value}));
+                    }, {"key", "value"})
                     .method(Any::$contains, [](const PythonProxy& self, const Any& key) {
                         return typed<Boolean>(call(self, "__contains__", {key}), "a boolean");
                     }, {"key"})
@@ -202,10 +225,10 @@ Class_Generic PythonProxySequence::getClass() {
                     .method(Any::$set, [](const PythonProxy& self, const Integer& index, const Any& value) {
                         return nothing(call(self, "__setitem__", {index, value}));
                     }, {"index", "value"})
-                    .method(Any::$removeAt, [](const PythonProxy& self, const Integer& index, long long count)
+                    .method(Any::$removeAt, [](const PythonProxy& self, const Integer& index, std::optional<long long> count)
                                                 -> Union<None, Lazy<None>, Error> {
                         // Deleting at the same index again and again: the following elements move up.
-                        for (long long removed = 0; removed < count; ++removed) {
+                        for (long long removed = 0; removed < count.value_or(1); ++removed) {
                             Any result = call(self, "__delitem__", {index});
                             if (auto error = Error::cast(result)) return *error;
                         }
@@ -217,8 +240,9 @@ Class_Generic PythonProxySequence::getClass() {
                         if (count.kind() == Kind::Integer && count.rawInteger() == 0) return None();
                         return nothing(call(self, "remove", {value}));
                     }, {"value"})
-                    .method(Any::$pop, [](const PythonProxy& self, const Any& argument) -> Result {
-                        return Result(internal::unchecked, call(self, "pop", {argument}));
+                    .method(Any::$pop, [](const PythonProxy& self, const std::optional<Any>& argument) -> Result {
+                        if (!argument) return Result(internal::unchecked, call(self, "pop"));
+                        return Result(internal::unchecked, call(self, "pop", {*argument}));
                     }, {"index"})
                     .method(Any::$extend, [](const PythonProxy& self, const Any& values) {
                         return nothing(call(self, "extend", {values}));
@@ -230,7 +254,7 @@ Class_Generic PythonProxySequence::getClass() {
                     .method(Any::$append, [](const PythonProxy& self, const Any& value) {
                         return nothing(call(self, "append", {value}));
                     }, {"value"})
-                    .method(Any::$indexOf, [](const PythonProxy& self, const Any& value, int start) {
+                    .method(Any::$indexOf, [](const PythonProxy& self, const Any& value, std::optional<int> start) {
                         return indexOf(self, value, start);
                     }, {"value", "start"})
                     .method(Any::$contains, [](const PythonProxy& self, const Any& value) {

@@ -71,10 +71,9 @@ Union<Property, None> propertyLookup(const Any& self, const String& name) {
         auto property = propertyFromPythonProperty(attribute.get(), id);
         if (!property.isEmpty()) return property;
     }
-    // Any other attribute: a value property holding the value as it is now.
-    Any value = from_python(attribute.get());
-    PyErr_Clear();
-    return Property::value(id, std::move(value));
+    // Any other attribute: a value property holding the value as it is now, or the error of a
+    // value the host cannot hold (an int beyond 64 bits), which reading the property gives.
+    return Property::value(id, from_python_result(attribute.get()));
 }
 
 Any setPythonAttribute(PyObject* object, const ByteArray& name, const Any& value) {
@@ -115,7 +114,14 @@ Union<String, Lazy<String>, Error> displayProxy(const Any& self) {
     Any text = resolve(callPythonMethod(self, String("__str__"), {}));
     if (auto error = Error::cast(text)) return *error;
     if (auto asString = String::cast(text)) return *asString;
-    return display(text);
+    // Displaying whatever came back could call this again without end (a `__str__` that
+    // returns its own object): refused, as Python's str() refuses it.
+    GilGuard gil;
+    PyObjectPtr returned = PyObjectPtr::steal(toPythonLocked(text));  // back to what Python gave
+    PyErr_Clear();
+    PyErr_Format(PyExc_TypeError, "__str__ returned non-string (type %.200s)",
+                 returned ? Py_TYPE(returned.get())->tp_name : "unknown");
+    return fetch_python_error_or("__str__ returned non-string");
 }
 
 // The comparison helper, compiled once per process and kept for ever (never released).

@@ -51,35 +51,51 @@ Any exceptionMessage(const Any& self) {
     return String::join(items, "\n");
 }
 
+// A static or class method, read through the class so that it is bound as Python binds it (a
+// class method to the class; a static method unwrapped), as a host function.
+Any boundThroughClass(PyObject* type, PyObject* name) {
+    PyObjectPtr bound = PyObjectPtr::steal(PyObject_GetAttr(type, name));
+    if (!bound) {
+        PyErr_Clear();
+        return Any();
+    }
+    return FunctionPython::fromCallable(bound.get());
+}
+
+void describeMember(internal::ClassCell& cls, PyObject* type, PyObject* key, PyObject* value) {
+    auto name = String::cast(from_python(key));
+    PyErr_Clear();
+    if (!name || name->isEmpty() || name->startsWith("_")) return;
+    const Identifier id = Identifier::intern(name->view());
+    if (PyType_Check(value)) {
+        auto nested = classOfPythonType(value);
+        if (auto nestedClass = nested.get<Class_Generic>()) cls.addProperty(id, Property::value(id, *nestedClass, docOf(value)));
+    } else if (PyObject_TypeCheck(value, &PyClassMethod_Type) || PyObject_TypeCheck(value, &PyStaticMethod_Type)) {
+        // Class methods are no callables of their own; both kinds are methods all the same.
+        if (auto invokable = I_Invokable_Generic::cast(boundThroughClass(type, key))) cls.addMethod(id, *invokable);
+    } else if (!PyCallable_Check(value)) {
+        // A value the host cannot hold (an int beyond 64 bits) is kept as its error.
+        cls.addProperty(id, Property::value(id, from_python_result(value), docOf(value)));
+    } else {
+        auto function = FunctionPython::fromCallable(value);
+        if (auto invokable = I_Invokable_Generic::cast(function)) cls.addMethod(id, *invokable);
+    }
+    PyErr_Clear();
+}
+
 void describeMembers(internal::ClassCell& cls, PyObject* type) {
-    PyObjectPtr dictionary = attributeOrNull(type, "__dict__");
-    if (!dictionary) return;
-    PyObjectPtr items = PyObjectPtr::steal(PyMapping_Items(dictionary.get()));
-    if (!items) {
+    // The type's own dictionary (a metaclass may answer `__dict__` with anything), copied so
+    // that the walk holds its entries even if converting one changes the class.
+    PyObjectPtr own = PyObjectPtr::steal(PyType_GetDict(reinterpret_cast<PyTypeObject*>(type)));
+    PyObjectPtr dictionary = own ? PyObjectPtr::steal(PyDict_Copy(own.get())) : PyObjectPtr();
+    if (!dictionary) {
         PyErr_Clear();
         return;
     }
-    const Py_ssize_t count = PyList_Size(items.get());
-    for (Py_ssize_t index = 0; index < count; ++index) {
-        PyObject* pair = PyList_GetItem(items.get(), index);
-        PyObject* key = PyTuple_GetItem(pair, 0);
-        PyObject* value = PyTuple_GetItem(pair, 1);
-        auto name = String::cast(from_python(key));
-        if (!name || name->isEmpty() || name->startsWith("_")) continue;
-        const Identifier id = Identifier::intern(name->view());
-        if (PyType_Check(value)) {
-            auto nested = classOfPythonType(value);
-            if (auto nestedClass = nested.get<Class_Generic>()) cls.addProperty(id, Property::value(id, *nestedClass, docOf(value)));
-        } else if (!PyCallable_Check(value)) {
-            Any converted = from_python(value);
-            PyErr_Clear();
-            cls.addProperty(id, Property::value(id, std::move(converted), docOf(value)));
-        } else {
-            auto function = FunctionPython::fromCallable(value);
-            if (auto invokable = I_Invokable_Generic::cast(function)) cls.addMethod(id, *invokable);
-        }
-    }
-    PyErr_Clear();
+    Py_ssize_t position = 0;
+    PyObject* key = nullptr;
+    PyObject* value = nullptr;
+    while (PyDict_Next(dictionary.get(), &position, &key, &value)) describeMember(cls, type, key, value);
 }
 
 void inheritBaseMethods(internal::ClassCell& cls, PyObject* type) {

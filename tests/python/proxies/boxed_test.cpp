@@ -26,6 +26,20 @@ TEST_F(BoxedTest, DefaultBoxHoldsNull) {
     EXPECT_EQ(box.kind(), tala::Kind::Boxed);
 }
 
+TEST_F(BoxedTest, BoxesOfPythonObjectsHaveAClassOfTheirOwnMakingNullBoxes) {
+    const tala::Class_Generic cls = tala::raw_class_of(Box());
+    EXPECT_EQ(cls.cell(), Box::classCell());
+    EXPECT_EQ(cls.name().toStdString(), "Boxed<_object*>");
+    // A class of boxes of one payload type, derived from the generic class of boxes.
+    EXPECT_NE(cls, tala::raw_class_of(tala::Boxed<int>(1)));
+    EXPECT_TRUE(cls.derivesFrom(tala::Class_Generic(cls.cell()->parents.at(0))));
+    EXPECT_EQ(tala::raw_class_of(tala::Boxed<int>(1)).cell()->parents.at(0), cls.cell()->parents.at(0));
+    // Its factory makes the default value: a box holding null.
+    const Any made = cls.instantiate({});
+    ASSERT_TRUE(Box::matches(made)) << tala::display(made).toStdString();
+    EXPECT_EQ(Box(tala::internal::unchecked, made).value(), nullptr);
+}
+
 TEST_F(BoxedTest, BoxesOfTheSamePointerCompareEqual) {
     GilGuard gil;
     PyObjectPtr object = evalPython("object()");

@@ -157,6 +157,51 @@ TEST_F(CollectionProxyTest, IterableGivesAnIteratorProxyWalkingTheItems) {
     EXPECT_TRUE(tala::StopIteration::matches(call(iterator, Any::$next)));
 }
 
+TEST_F(CollectionProxyTest, IterWhoseResultIsNoIteratorIsATypeErrorNotACrash) {
+    GilGuard gil;
+    run("class GivesList:\n"
+        "    def __iter__(self):\n"
+        "        return [1, 2]\n"
+        "class GivesInt:\n"
+        "    def __iter__(self):\n"
+        "        return 7\n"
+        "lists = GivesList()\n"
+        "ints = GivesInt()\n");
+    for (const char* name : {"lists", "ints"}) {
+        const Any iterable = proxyOf(name);
+        ASSERT_TRUE(PythonProxyIterable::matches(iterable)) << name;
+        const Any iterator = call(iterable, Any::$iter);
+        ASSERT_TRUE(tala::Error::matches(iterator)) << name << ": " << tala::display(iterator).toStdString();
+        const std::string expected = std::string("iter() returned non-iterator of type '") +
+                                     (std::string(name) == "lists" ? "list" : "int") + "'";
+        EXPECT_EQ(messageOf(iterator), expected);
+        // Host code that iterates the proxy stops at the error.
+        EXPECT_EQ(tala::String::join(iterable, ",").toStdString(), "");
+    }
+}
+
+TEST_F(CollectionProxyTest, NextOfAnIteratorProxyOverANonIteratorIsATypeError) {
+    GilGuard gil;
+    run("things = [1, 2]\n");
+    const Any iterator = makeCollectionProxy(CollectionKind::Iterator, global("things"));
+    EXPECT_EQ(messageOf(call(iterator, Any::$next)), "'list' object is not an iterator");
+}
+
+TEST_F(CollectionProxyTest, IndexOfWhoseIndexAnswersNoIntegerIsAnError) {
+    GilGuard gil;
+    run("class OddIndex(list):\n"
+        "    def index(self, value, start=0):\n"
+        "        return 'here'\n"
+        "class HugeIndex(list):\n"
+        "    def index(self, value, start=0):\n"
+        "        return 2 ** 70\n"
+        "odd = OddIndex([1])\n"
+        "huge = HugeIndex([1])\n");
+    EXPECT_EQ(messageOf(call(proxyOf("odd"), Any::$indexOf, {Integer(1), Integer(0)})),
+              "The Python method did not return an integer: 'here'.");
+    EXPECT_EQ(messageOf(call(proxyOf("huge"), Any::$indexOf, {Integer(1)})), "int too big to convert");
+}
+
 TEST_F(CollectionProxyTest, NextAfterTheEndIsAStopIterationOnEveryCall) {
     GilGuard gil;
     run("gen = (x * 10 for x in range(2))\n");
@@ -313,6 +358,51 @@ TEST_F(CollectionProxyTest, MappingGetOfAPresentKey) {
     ASSERT_TRUE(PythonProxyMapping::matches(proxy));
     EXPECT_EQ(integerOf(call(proxy, Any::$get, {String("a"), Integer(0)})), 1);
     EXPECT_EQ(tala::String::cast(call(proxy, Any::$get, {Integer(2), Any()})).value_or(String()).view(), "two");
+}
+
+TEST_F(CollectionProxyTest, MappingGetWithoutADefaultReadsAsEveryHostMapReader) {
+    GilGuard gil;
+    run("table = {'a': 1}\n");
+    const Any proxy = proxyOf("table");
+    const tala::I_Map_Generic map(tala::internal::unchecked, proxy);
+    EXPECT_EQ(integerOf(tala::resolve(map.get(String("a")))), 1);
+    EXPECT_EQ(messageOf(tala::resolve(map.get(String("missing")))), "'missing'");
+    const tala::I_MutableMap_Generic mutableMap(tala::internal::unchecked, proxy);
+    EXPECT_TRUE(tala::resolve(mutableMap.setChecked(String("b"), Integer(2))).isEmpty());
+    EXPECT_EQ(reprOfGlobal("table"), "{'a': 1, 'b': 2}");
+}
+
+// Every method and property of every interface a proxy class claims can be called the way the
+// interface's own view calls it: the arguments it passes fit the proxy's parameters.
+TEST_F(CollectionProxyTest, EveryProxyClassAnswersEveryMemberOfItsInterfaces) {
+    const tala::Class_Generic interfaces[] = {
+        tala::I_Iterable_Generic::getClass(),  tala::I_Iterator_Generic::getClass(),
+        tala::I_Sequence_Generic::getClass(),  tala::I_MutableSequence_Generic::getClass(),
+        tala::I_Map_Generic::getClass(),       tala::I_MutableMap_Generic::getClass(),
+        tala::I_Set_Generic::getClass(),       tala::I_MutableSet_Generic::getClass(),
+    };
+    for (const tala::Class_Generic& proxyClass :
+         {PythonProxyIterable::getClass(), PythonProxyIterator::getClass(), PythonProxyMapping::getClass(),
+          PythonProxySequence::getClass(), PythonProxySet::getClass()}) {
+        for (const tala::Class_Generic& interface : interfaces) {
+            if (!proxyClass.derivesFrom(interface)) continue;
+            for (const auto& [name, abstract] : tala::definedAbstractMethods(interface)) {
+                const std::size_t passed = tala::I_Invokable_Generic(tala::internal::unchecked, abstract).signature().parameterCount();
+                auto method = tala::definedMethod(proxyClass, Identifier::intern(name.view()));
+                ASSERT_FALSE(method.isEmpty()) << proxyClass.name().toStdString() << " has no " << name.toStdString();
+                const tala::Signature signature = method.as<tala::I_Invokable_Generic>().signature();
+                std::size_t required = 0;
+                for (const tala::Parameter& parameter : signature.parameters()) required += parameter.optional ? 0 : 1;
+                EXPECT_LE(required, passed) << proxyClass.name().toStdString() << "." << name.toStdString();
+                EXPECT_GE(signature.parameterCount(), passed) << proxyClass.name().toStdString() << "." << name.toStdString();
+            }
+            for (const auto& [name, abstract] : tala::definedAbstractProperties(interface)) {
+                const Identifier id = Identifier::intern(name.view());
+                const bool answered = !tala::definedProperty(proxyClass, id).isEmpty() || !tala::definedMethod(proxyClass, id).isEmpty();
+                EXPECT_TRUE(answered) << proxyClass.name().toStdString() << " has no " << name.toStdString();
+            }
+        }
+    }
 }
 
 TEST_F(CollectionProxyTest, MappingGetOfAnAbsentKeyGivesTheDefaultWithoutGetitem) {

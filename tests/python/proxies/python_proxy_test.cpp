@@ -255,6 +255,18 @@ TEST_F(PythonProxyTest, ValuePropertyKeepsTheValueAtLookUpTime) {
     EXPECT_EQ(PyErr_Occurred(), nullptr);
 }
 
+TEST_F(PythonProxyTest, AttributeBeyond64BitsReadsAsTheOverflowErrorNotMinusOne) {
+    GilGuard gil;
+    PyObjectPtr thing = object("Thing()");
+    PyObjectPtr big = object("2 ** 70");
+    ASSERT_EQ(PyObject_SetAttrString(thing.get(), "huge", big.get()), 0);
+    const Any proxy = proxyOf(thing.get());
+    auto property = tala::property_of(proxy, "huge");
+    ASSERT_TRUE(property.is<tala::Property>());
+    EXPECT_EQ(messageOf(property.as<tala::Property>().get(proxy)), "int too big to convert");
+    EXPECT_EQ(PyErr_Occurred(), nullptr);
+}
+
 TEST_F(PythonProxyTest, MissingPropertyIsNoneWithNoErrorPending) {
     GilGuard gil;
     PyObjectPtr thing = object("Thing()");
@@ -465,6 +477,24 @@ TEST_F(PythonProxyTest, DisplayOfAFailingStrIsTheErrorsMessage) {
     const Any proxy = proxyOf(bad.get());
     const Any shown = reflective(proxy, Any::$__display__, {});
     EXPECT_EQ(messageOf(shown), "cannot show");
+    EXPECT_EQ(PyErr_Occurred(), nullptr);
+}
+
+TEST_F(PythonProxyTest, DisplayOfAStrThatReturnsNoTextIsAnErrorNotARecursion) {
+    GilGuard gil;
+    ASSERT_TRUE(runPython("class Itself:\n"
+                          "    def __str__(self):\n"
+                          "        return self\n"
+                          "class Number:\n"
+                          "    def __str__(self):\n"
+                          "        return 5\n",
+                          globals_.get()));
+    PyObjectPtr itself = object("Itself()");
+    EXPECT_EQ(messageOf(reflective(proxyOf(itself.get()), Any::$__display__, {})),
+              "__str__ returned non-string (type Itself)");
+    PyObjectPtr number = object("Number()");
+    EXPECT_EQ(messageOf(reflective(proxyOf(number.get()), Any::$__display__, {})),
+              "__str__ returned non-string (type int)");
     EXPECT_EQ(PyErr_Occurred(), nullptr);
 }
 

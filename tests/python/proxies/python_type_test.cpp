@@ -184,6 +184,54 @@ TEST_F(PythonTypeTest, MethodsAreFunctionsOfTheClass) {
     EXPECT_EQ(PyErr_Occurred(), nullptr);
 }
 
+TEST_F(PythonTypeTest, ClassAndStaticMethodsAreHostMethodsBoundAsPythonBindsThem) {
+    GilGuard gil;
+    ASSERT_TRUE(runPython("class Factory:\n"
+                          "    count = 3\n"
+                          "    @classmethod\n"
+                          "    def describe(cls, suffix):\n"
+                          "        return cls.__name__ + suffix\n"
+                          "    @staticmethod\n"
+                          "    def double(x):\n"
+                          "        return 2 * x\n"
+                          "class Special(Factory):\n"
+                          "    pass\n",
+                          globals_.get()));
+    const Class_Generic cls = classOf("Factory");
+    auto describe = tala::definedMethod(cls, tala::Identifier::intern("describe"));
+    ASSERT_TRUE(describe.is<tala::I_Invokable_Generic>()) << "a class method must be a method";
+    EXPECT_TRUE(tala::definedProperty(cls, tala::Identifier::intern("describe")).isEmpty());
+    EXPECT_EQ(tala::display(describe.as<tala::I_Invokable_Generic>()(tala::String("!"))).view(), "'Factory!'");
+    auto doubled = tala::definedMethod(cls, tala::Identifier::intern("double"));
+    ASSERT_TRUE(doubled.is<tala::I_Invokable_Generic>());
+    EXPECT_EQ(tala::display(doubled.as<tala::I_Invokable_Generic>()(tala::Integer(21))).view(), "42");
+    EXPECT_EQ(PyErr_Occurred(), nullptr);
+}
+
+TEST_F(PythonTypeTest, ClassAttributeBeyond64BitsReadsAsItsError) {
+    GilGuard gil;
+    ASSERT_TRUE(runPython("class Huge:\n    size = 2 ** 70\n", globals_.get()));
+    const Class_Generic cls = classOf("Huge");
+    auto size = tala::definedProperty(cls, tala::Identifier::intern("size"));
+    ASSERT_TRUE(size.is<tala::Property>());
+    EXPECT_EQ(messageOf(size.as<tala::Property>().get(Any())), "int too big to convert");
+}
+
+TEST_F(PythonTypeTest, AMetaclassThatAnswersDictWithAnythingDoesNotMislead) {
+    GilGuard gil;
+    ASSERT_TRUE(runPython("class Meta(type):\n"
+                          "    @property\n"
+                          "    def __dict__(cls):\n"
+                          "        return {'x': 1}.items()\n"
+                          "class Odd(metaclass=Meta):\n"
+                          "    def real(self):\n"
+                          "        return 'real'\n",
+                          globals_.get()));
+    const Class_Generic cls = classOf("Odd");
+    EXPECT_TRUE(tala::definedMethod(cls, tala::Identifier::intern("real")).is<tala::I_Invokable_Generic>());
+    EXPECT_TRUE(tala::definedProperty(cls, tala::Identifier::intern("x")).isEmpty());
+}
+
 TEST_F(PythonTypeTest, InvokingTheClassMakesAPythonInstance) {
     const Class_Generic cls = classOf("Thing");
     const Any instance = tala::I_Invokable_Generic(tala::internal::unchecked, cls)(tala::Integer(5));
