@@ -197,6 +197,18 @@ int raiseWithName(const char* format, PyObject* name, const Any& error) {
     return -1;
 }
 
+// `del value.name`: a property added to this one object goes; whatever the object's class
+// defines (properties, methods, fields) stays, and saying so is an error.
+int deleteAttribute(const Any& value, PyObject* name, Identifier id) {
+    if (remove_property(value, id)) return 0;
+    if (auto property = definedProperty(class_of(value), id); !property.isEmpty() && property.as<Property>().setter().isEmpty()) {
+        PyErr_Format(PyExc_RuntimeError, "Read-only attribute: %U.", name);
+    } else {
+        PyErr_Format(PyExc_RuntimeError, "Unable to delete attribute: %U.", name);
+    }
+    return -1;
+}
+
 int writeAttribute(PyObject* self, PyObject* name, PyObject* newValue) {
     GilGuard gil;
     std::optional<std::string_view> text = utf8Of(name);
@@ -205,6 +217,7 @@ int writeAttribute(PyObject* self, PyObject* name, PyObject* newValue) {
     if (wrapped == nullptr) return PyObject_GenericSetAttr(self, name, newValue);
     const Any value = *wrapped;
     const Identifier id = identifierOf(name, *text);
+    if (newValue == nullptr) return deleteAttribute(value, name, id);
     if (auto found = property_of(value, id); !found.isEmpty()) {
         const Property property = found.as<Property>();
         if (!property.setter().isEmpty()) {

@@ -1,6 +1,7 @@
 // python/pyside/operators.cpp: Python protocols (numbers, sequences, mappings, iteration, hashing, text, comparison) on wrapped host values.
 #include <string_view>
 
+#include "bridge/errors.hpp"
 #include "bridge/from_python.hpp"
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
@@ -176,15 +177,18 @@ void raiseKeyError(const Any& key) {
     PyErr_SetObject(PyExc_KeyError, text.get());
 }
 
-// A key the map does not have raises KeyError; answers whether the caller may go on.
-bool requireKey(const Any& map, const Any& key) {
-    Any present = resolve(internal::callMember(map, Any::$contains, {key}));
-    if (raiseIfError(present)) return false;
-    if (present.kind() == Kind::Boolean && !present.rawBoolean()) {
+// The answer of a map's `get` or `remove`: an error of the plain kind that maps give for a key
+// they lack is Python's KeyError with the key's display text; an error of any other class keeps
+// its own exception type. Answers whether the caller may go on.
+bool acceptMapAnswer(const Any& answer, const Any& key) {
+    auto error = Error::cast(answer);
+    if (!error) return true;
+    if (raw_class_of(*error) == Error::getClass() && !error->exception()) {
         raiseKeyError(key);
-        return false;
+    } else {
+        raise_host_error(*error);
     }
-    return true;
+    return false;
 }
 
 PyObject* subscript(PyObject* self, PyObject* keyObject) {
@@ -198,9 +202,9 @@ PyObject* subscript(PyObject* self, PyObject* keyObject) {
             PyErr_Format(PyExc_TypeError, "Unhashable key: %s", display(key).c_str());
             return nullptr;
         }
-        if (!requireKey(*value, key)) return nullptr;
+        // One host call: the map's own `get`, whose error for a missing key is the KeyError.
         Any result = resolve(internal::callMember(*value, Any::$get, {key}));
-        if (raiseIfError(result)) return nullptr;
+        if (!acceptMapAnswer(result, key)) return nullptr;
         return toPythonLocked(result);
     }
     if (key.kind() != Kind::Integer) {
@@ -221,8 +225,8 @@ int assignSubscript(PyObject* self, PyObject* keyObject, PyObject* newValue) {
     Any result;
     if (I_Map_Generic::matches(*value)) {
         if (newValue == nullptr) {
-            if (!requireKey(*value, key)) return -1;
             result = resolve(internal::callMember(*value, Any::$remove, {key}));
+            return acceptMapAnswer(result, key) ? 0 : -1;
         } else {
             Any converted = fromPythonLocked(newValue);
             if (PyErr_Occurred() != nullptr) return -1;
@@ -290,12 +294,31 @@ PyObject* text(PyObject* self) {
     return PyUnicode_DecodeUTF8(result->data(), static_cast<Py_ssize_t>(result->size()), "replace");
 }
 
+// A Python operand the host cannot hold (an int beyond 64 bits) equals no host value; an
+// ordering against it has no answer.
+PyObject* compareWithUnconvertible(int operation) {
+    if (operation == Py_EQ || operation == Py_NE) {
+        PyErr_Clear();
+        return operation == Py_NE ? Py_True : Py_False;
+    }
+    PyObject* type = nullptr;
+    PyObject* error = nullptr;
+    PyObject* traceback = nullptr;
+    PyErr_Fetch(&type, &error, &traceback);
+    PyErr_NormalizeException(&type, &error, &traceback);
+    PyErr_Format(PyExc_OverflowError, "cannot order a host value and a Python value the host cannot hold: %S", error);
+    Py_DecRef(type);
+    Py_DecRef(error);
+    Py_DecRef(traceback);
+    return nullptr;
+}
+
 PyObject* compare(PyObject* self, PyObject* other, int operation) {
     GilGuard gil;
     auto value = operand(self);
     if (!value) Py_RETURN_NOTIMPLEMENTED;
     Any right = fromPythonLocked(other);
-    if (PyErr_Occurred() != nullptr) return nullptr;
+    if (PyErr_Occurred() != nullptr) return compareWithUnconvertible(operation);
     const std::int64_t order = compare_objects(*value, right);
     bool answer = false;
     switch (operation) {

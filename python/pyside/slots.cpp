@@ -60,6 +60,10 @@ int getsetSetter(PyObject* self, PyObject* newValue, void* closure) {
         PyErr_Format(PyExc_AttributeError, "%s", static_cast<const char*>(closure));
         return -1;
     }
+    if (newValue == nullptr) {
+        PyErr_Format(PyExc_RuntimeError, "Unable to delete attribute: %s.", static_cast<const char*>(closure));
+        return -1;
+    }
     Any converted = fromPythonLocked(newValue);
     if (PyErr_Occurred() != nullptr) return -1;  // an int beyond 64 bits: nothing is written
     Any result = resolve(property.as<Property>().set(value, converted));

@@ -77,6 +77,40 @@ TEST_F(AttributesTest, SettingAnUnknownNameAddsAPropertyVisibleToLaterReads) {
               "RuntimeError: Unknown field 'extra' in an object of class testhost.Widget.");
 }
 
+TEST_F(AttributesTest, DeletingAPropertyOfTheObjectsOwnRemovesIt) {
+    GilGuard gil;
+    ASSERT_TRUE(run("w.extra = 7\ndel w.extra"));
+    EXPECT_EQ(raised("w.extra"), "RuntimeError: Unknown field 'extra' in an object of class testhost.Widget.");
+    EXPECT_EQ(tala::own_properties_of(hostValue("w")).size(), 0u);
+    EXPECT_EQ(raised("del w.extra"), "RuntimeError: Unable to delete attribute: extra.");
+}
+
+TEST_F(AttributesTest, DeletingWhatTheClassDefinesRaisesAndChangesNothing) {
+    GilGuard gil;
+    ASSERT_TRUE(run("w.tag = 'blue'"));
+    EXPECT_EQ(raised("del w.tag"), "RuntimeError: Unable to delete attribute: tag.");
+    EXPECT_EQ(raised("del w.size"), "RuntimeError: Unable to delete attribute: size.");
+    EXPECT_EQ(raised("del w.label"), "RuntimeError: Read-only attribute: label.");
+    EXPECT_EQ(raised("del w.grow"), "RuntimeError: Unable to delete attribute: grow.");
+    EXPECT_EQ(raised("type(w).__dict__['size'].__delete__(w)"), "RuntimeError: Unable to delete attribute: size.");
+    EXPECT_EQ(repr("w.tag, w.size, w.label, w.grow(1)"), "('blue', 3, 'w', 4)");
+}
+
+TEST_F(AttributesTest, AModulesFunctionsAndClassesCannotBeReplacedOrDeleted) {
+    GilGuard gil;
+    EXPECT_EQ(raised("setattr(testhost, 'join', lambda *a: 42)"), "RuntimeError: Read-only attribute: join.");
+    EXPECT_EQ(raised("testhost.Widget = None"), "RuntimeError: Read-only attribute: Widget.");
+    EXPECT_EQ(raised("del testhost.join"), "RuntimeError: Read-only attribute: join.");
+    EXPECT_EQ(raised("del testhost.Widget"), "RuntimeError: Read-only attribute: Widget.");
+    EXPECT_EQ(repr("testhost.join('a', 'b'), testhost.Widget.__name__"), "('a-b', 'Widget')");
+    // Every caller still gets the module's own function.
+    auto join = tala::property_of(testhost::module(), std::string_view("join"));
+    ASSERT_FALSE(join.isEmpty());
+    const tala::Any function = join.as<tala::Property>().get(testhost::module());
+    EXPECT_EQ(tala::display(tala::I_Invokable_Generic(tala::internal::unchecked, function)(tala::String("x"), tala::String("y"))),
+              tala::String("'x-y'"));
+}
+
 TEST_F(AttributesTest, AddingAMemberToAValueThatCannotHoldOneHasNoFinalFullStopOfItsOwn) {
     GilGuard gil;
     put("numbers", tala::List<tala::Integer>{1, 2});

@@ -188,7 +188,43 @@ TEST_F(OperatorsTest, AMissingKeyRaisesKeyErrorWithTheKeysDisplayText) {
     EXPECT_EQ(repr("len(hm)"), "2");
 }
 
+TEST_F(OperatorsTest, SubscriptOfAMapWithoutContainsReadsThroughGetOnce) {
+    GilGuard gil;
+    ASSERT_TRUE(run("ledger = testhost.Ledger()\nledger['a'] = 1\nledger['b'] = 'two'\n"));
+    const std::int64_t before = testhost::ledgerReads();
+    EXPECT_EQ(repr("ledger['a'], ledger['b']"), "(1, 'two')");
+    EXPECT_EQ(testhost::ledgerReads() - before, 2);  // one host call per read
+    ASSERT_TRUE(run("try:\n"
+                    "    ledger['missing']\n"
+                    "except KeyError as error:\n"
+                    "    key = error.args[0]\n"));
+    EXPECT_EQ(repr("key"), "\"'missing'\"");
+    ASSERT_TRUE(run("del ledger['a']"));
+    EXPECT_EQ(repr("len(ledger)"), "1");
+    EXPECT_EQ(raised("del ledger['a']"), "KeyError: \"'a'\"");
+    EXPECT_EQ(repr("ledger['b']"), "'two'");
+}
+
+TEST_F(OperatorsTest, AnErrorOfAnotherClassFromAMapKeepsItsType) {
+    GilGuard gil;
+    ASSERT_TRUE(run("ledger = testhost.Ledger()\n"));
+    // The ledger answers the key 'broken' with a TestError: a failure, not a missing key.
+    EXPECT_EQ(raisedHostError("ledger['broken']"), "testhost.TestError: The entry is broken.");
+}
+
 // ---- Hashing ------------------------------------------------------------------------------------
+
+TEST_F(OperatorsTest, EqualImmutableHostObjectsAreOneKeyInSetsAndDicts) {
+    GilGuard gil;
+    ASSERT_TRUE(run("a = testhost.Money(5, 'EUR')\n"
+                    "b = testhost.Money(5, 'EUR')\n"
+                    "c = testhost.Money(6, 'EUR')\n"));
+    EXPECT_EQ(repr("a == b, a is b, a == c"), "(True, False, False)");
+    EXPECT_EQ(repr("hash(a) == hash(b)"), "True");
+    EXPECT_EQ(repr("len({a, b, c})"), "2");
+    EXPECT_EQ(repr("len({a: 1, b: 2})"), "1");
+    EXPECT_EQ(repr("{a: 1, b: 2}[testhost.Money(5, 'EUR')]"), "2");
+}
 
 TEST_F(OperatorsTest, EqualImmutableHostValuesHashEqually) {
     GilGuard gil;
@@ -253,6 +289,15 @@ TEST_F(OperatorsTest, ComparisonsFollowTheHostOrder) {
     EXPECT_EQ(repr("shorter < hl, hl > shorter, hl == shorter"), "(True, True, False)");
     // Values of different kinds order by their kind: lists before integers.
     EXPECT_EQ(repr("hl < 5, hl == 5, 5 > hl"), "(True, False, True)");
+}
+
+TEST_F(OperatorsTest, AnIntBeyond64BitsIsUnequalToEveryHostValue) {
+    GilGuard gil;
+    EXPECT_EQ(repr("p == 2 ** 70, p != 2 ** 70, hl == -2 ** 100"), "(False, True, False)");
+    EXPECT_EQ(repr("2 ** 70 in [p, hl]"), "False");
+    const std::string ordering = raised("p < 2 ** 70");
+    EXPECT_EQ(ordering.rfind("OverflowError: cannot order a host value and a Python value the host cannot hold: ", 0), 0u)
+        << ordering;
 }
 
 // ---- Reference counts ---------------------------------------------------------------------------

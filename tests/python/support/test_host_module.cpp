@@ -58,6 +58,9 @@ const Identifier kNameField{"$_name"};
 const Identifier kCodeField{"$_code"};
 const Identifier kResolved{"$$resolved"};
 const Identifier kOrElse{"$orElse"};
+const Identifier kEntries{"$_entries"};
+const Identifier kAmount{"$amount"};
+const Identifier kCurrency{"$currency"};
 
 std::atomic<std::int64_t> g_liveWidgets{0};
 std::atomic<std::int64_t> g_createdWidgets{0};
@@ -71,6 +74,8 @@ struct Classes {
     std::optional<Class_Generic> deck;
     std::optional<Class_Generic> point;
     std::optional<Class_Generic> snippet;
+    std::optional<Class_Generic> ledger;
+    std::optional<Class_Generic> money;
 };
 
 Classes& classes() {
@@ -315,6 +320,68 @@ Class_Generic buildPoint(const tala::Module& module) {
         .build();
 }
 
+// ---- Ledger ---------------------------------------------------------------------------------------
+
+std::atomic<std::int64_t> g_ledgerReads{0};
+
+tala::HashMap<Any, Any> entriesOf(const Any& ledger) {
+    return tala::HashMap<Any, Any>(tala::internal::unchecked, ledger.fieldValue(kEntries));
+}
+
+// A map that answers get, set and remove, but not contains.
+Class_Generic buildLedger(const tala::Module& module) {
+    return ClassBuilder("Ledger")
+        .doc("A mutable map without a contains method.")
+        .declaringContext(module)
+        .flags(tala::class_flags::Mapping)
+        .parent(tala::I_MutableMap_Generic::getClass())
+        .field(kEntries)
+        .method(Any::$__init__, [](const Any& self) { self.setFieldValue(kEntries, tala::HashMap<Any, Any>()); })
+        .method(Any::$get, [](const Any& self, const Any& key) -> Any {
+            ++g_ledgerReads;
+            if (String::matches(key) && String(tala::internal::unchecked, key) == "broken") {
+                return Error(errorClass(), String("The entry is broken."));
+            }
+            auto value = entriesOf(self).get(key);
+            if (!value) return Error(String("No entry {}.").arg(key));
+            return *value;
+        }, {"key"})
+        .method(Any::$set, [](const Any& self, const Any& key, const Any& value) { entriesOf(self).set(key, value); },
+                {"key", "value"})
+        .method(Any::$remove, [](const Any& self, const Any& key) -> Any {
+            auto value = entriesOf(self).get(key);
+            if (!value) return Error(String("No entry {}.").arg(key));
+            entriesOf(self).remove(key);
+            return *value;
+        }, {"key"})
+        .property(Any::$$length, [](const Any& self) { return entriesOf(self).length(); })
+        .build();
+}
+
+// ---- Money ----------------------------------------------------------------------------------------
+
+// An immutable value compared by its fields, without a hash of its own.
+Class_Generic buildMoney(const tala::Module& module) {
+    return ClassBuilder("Money")
+        .doc("An amount in a currency.")
+        .declaringContext(module)
+        .parent(tala::I_Immutable::getClass())
+        .field(kAmount, Integer::getType())
+        .field(kCurrency, String::getType())
+        .method(Any::$__init__, [](const Any& self, std::int64_t amount, const String& currency) {
+            self.setFieldValue(kAmount, Integer(amount));
+            self.setFieldValue(kCurrency, currency);
+        }, {"amount", "currency"})
+        .method(Any::$__compare__, [](const Any& self, const Any& other) -> std::int64_t {
+            if (tala::raw_class_of(other) != tala::raw_class_of(self)) return -1;
+            if (const std::int64_t order = tala::compare_objects(self.fieldValue(kCurrency), other.fieldValue(kCurrency))) {
+                return order;
+            }
+            return tala::compare_objects(self.fieldValue(kAmount), other.fieldValue(kAmount));
+        }, {"other"})
+        .build();
+}
+
 // ---- Snippet --------------------------------------------------------------------------------------
 
 Class_Generic buildSnippet(const tala::Module& module) {
@@ -374,7 +441,10 @@ void registerClasses() {
     all.deck = buildDeck(module);
     all.point = buildPoint(module);
     all.snippet = buildSnippet(module);
-    for (const auto* cls : {&all.error, &all.widget, &all.reflective, &all.deck, &all.point, &all.snippet}) {
+    all.ledger = buildLedger(module);
+    all.money = buildMoney(module);
+    for (const auto* cls : {&all.error, &all.widget, &all.reflective, &all.deck, &all.point, &all.snippet, &all.ledger,
+                            &all.money}) {
         module.addClass(**cls);
     }
     // Members of every lazy value, so that the members of a lazy value itself can be read.
@@ -438,6 +508,9 @@ Class_Generic errorClass() { return *classes().error; }
 Class_Generic reflectiveClass() { return *classes().reflective; }
 Class_Generic deckClass() { return *classes().deck; }
 Class_Generic pointClass() { return *classes().point; }
+Class_Generic ledgerClass() { return *classes().ledger; }
+Class_Generic moneyClass() { return *classes().money; }
+std::int64_t ledgerReads() { return g_ledgerReads.load(); }
 
 Any makeWidget(std::string_view label, std::int64_t size) {
     return widgetClass().instantiate(std::vector<Any>{String(label), Integer(size)});

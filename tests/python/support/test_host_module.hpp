@@ -17,6 +17,9 @@
 //               concat(other) and repeat(count).
 //   Point       x and y with __sub__ and __div__, displayed "Point(x, y)", compared by value.
 //   Snippet     a name and a code text (I_HasName, I_HasCode).
+//   Ledger      a mutable map with get, set, remove and length, but no contains; its get answers
+//               the key 'broken' with a TestError.
+//   Money       an immutable amount and currency, compared by both, without a hash of its own.
 //   functions   join(a, b) -> "a-b"; add(a, b) -> a + b; fail(message) answers a TestError;
 //               record(a, b, k) records what it got; numbers() -> [1, 2, 3];
 //               lazy_text(), lazy_error() answer lazy values.
@@ -43,6 +46,10 @@ tala::Class_Generic errorClass();
 tala::Class_Generic reflectiveClass();
 tala::Class_Generic deckClass();
 tala::Class_Generic pointClass();
+tala::Class_Generic ledgerClass();
+tala::Class_Generic moneyClass();
+// The number of calls of Ledger.get so far.
+std::int64_t ledgerReads();
 
 // A Widget made through the class, as Python makes it.
 tala::Any makeWidget(std::string_view label, std::int64_t size);
