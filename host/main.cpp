@@ -1,6 +1,8 @@
 // host/main.cpp: the host program `tala`: loads the Python extension the way the host does, then runs a command.
 #include <unistd.h>
 
+#include <csignal>
+
 #include <cstdio>
 #include <cstring>
 #include <algorithm>
@@ -58,6 +60,9 @@ std::string defaultExtension() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Like Python's own program: a write to a closed pipe or socket raises BrokenPipeError in the
+    // script instead of killing the process.
+    std::signal(SIGPIPE, SIG_IGN);
     std::vector<std::string> arguments(argv + 1, argv + argc);
     std::string extension = defaultExtension();
     std::size_t next = 0;

@@ -3,8 +3,13 @@
 
 #include <atomic>
 
+#include <string>
+
 #if !defined(_WIN32)
 #include <dlfcn.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #endif
 
 #include "extension/gil.hpp"
@@ -28,6 +33,82 @@ void exposeInterpreterSymbols() {
 #endif
 }
 
+bool isProgram(const std::string& path) {
+#if defined(_WIN32)
+    return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+#else
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && access(path.c_str(), X_OK) == 0;
+#endif
+}
+
+// The embedded interpreter has no program of its own: left alone, it takes the first "python3"
+// on PATH (which may be another version) as sys.executable, and subprocess and multiprocessing
+// would start that. Name the program of the running interpreter's installation instead, or
+// nothing when it has none.
+void nameInstallationProgram() {
+    std::string program;
+    PyObject* basePrefix = PySys_GetObject("base_prefix");  // borrowed
+    const char* prefix = basePrefix != nullptr && PyUnicode_Check(basePrefix) ? PyUnicode_AsUTF8(basePrefix) : nullptr;
+    if (prefix != nullptr) {
+#if defined(_WIN32)
+        const std::string candidates[] = {std::string(prefix) + "\\python.exe"};
+#else
+        const std::string version = std::to_string(PY_MAJOR_VERSION) + "." + std::to_string(PY_MINOR_VERSION);
+        const std::string candidates[] = {std::string(prefix) + "/bin/python" + version,
+                                          std::string(prefix) + "/bin/python" + std::to_string(PY_MAJOR_VERSION)};
+#endif
+        for (const std::string& candidate : candidates) {
+            if (isProgram(candidate)) {
+                program = candidate;
+                break;
+            }
+        }
+    }
+    PyErr_Clear();
+    PyObjectPtr text = PyObjectPtr::steal(PyUnicode_DecodeFSDefaultAndSize(program.data(), static_cast<Py_ssize_t>(program.size())));
+    if (!text || PySys_SetObject("executable", text.get()) < 0 || PySys_SetObject("_base_executable", text.get()) < 0) {
+        PyErr_Clear();
+    }
+}
+
+#if !defined(_WIN32)
+// A host that forks while another thread is inside Python would leave the child with the
+// interpreter lock (and the import lock, and the thread list) held by a thread that does not
+// exist there. Around a fork made by a host thread, the forking thread takes the lock and lets
+// Python prepare and repair its state, as os.fork() does. A fork made from Python code (os.fork,
+// where this thread holds the lock and Python has prepared already) is left to Python.
+thread_local bool t_forkPrepared = false;
+thread_local PyGILState_STATE t_forkState{};
+
+void beforeFork() {
+    if (!Py_IsInitialized() || PyGILState_Check()) return;
+    t_forkState = PyGILState_Ensure();
+    PyOS_BeforeFork();
+    t_forkPrepared = true;
+}
+
+void afterForkInParent() {
+    if (!t_forkPrepared) return;
+    t_forkPrepared = false;
+    PyOS_AfterFork_Parent();
+    PyGILState_Release(t_forkState);
+}
+
+void afterForkInChild() {
+    if (!t_forkPrepared) return;
+    t_forkPrepared = false;
+    PyOS_AfterFork_Child();
+    PyGILState_Release(t_forkState);
+}
+#endif
+
+void installForkHandlers() {
+#if !defined(_WIN32)
+    (void)pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
+#endif
+}
+
 }  // namespace
 
 bool ensurePythonInitialized() {
@@ -35,6 +116,8 @@ bool ensurePythonInitialized() {
         exposeInterpreterSymbols();
         Py_InitializeEx(0);  // no signal handlers: the host owns the process's signals
         g_starts.fetch_add(1, std::memory_order_relaxed);
+        nameInstallationProgram();
+        installForkHandlers();
         for (const String& path : pendingSysPaths()) (void)python_add_sys_path(path);
         // From here on no thread holds the lock between calls: this thread gives it up for
         // good and, like every other, takes it through GilGuard.

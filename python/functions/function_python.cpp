@@ -235,7 +235,7 @@ Union<FunctionPython, Error> FunctionPython::fromSource(const String& source) {
     PyObject* builtins = PyEval_GetBuiltins();
     if (text.starts_with("lambda ")) {
         PyObject* evaluate = builtins == nullptr ? nullptr : PyDict_GetItemString(builtins, "eval");
-        PyObjectPtr arguments = PyObjectPtr::steal(Py_BuildValue("(sOO)", text.c_str(), globals.get(), globals.get()));
+        PyObjectPtr arguments = PyObjectPtr::steal(Py_BuildValue("(s#OO)", text.data(), static_cast<Py_ssize_t>(text.size()), globals.get(), globals.get()));
         PyObjectPtr function = PyObjectPtr::steal(evaluate && arguments ? PyObject_CallObject(evaluate, arguments.get()) : nullptr);
         if (!function) return compileError();
         return fromCallable(function.get());
@@ -255,7 +255,7 @@ Union<FunctionPython, Error> FunctionPython::fromSource(const String& source) {
         name = "func";
     }
     PyObject* execute = builtins == nullptr ? nullptr : PyDict_GetItemString(builtins, "exec");
-    PyObjectPtr arguments = PyObjectPtr::steal(Py_BuildValue("(sOO)", text.c_str(), globals.get(), globals.get()));
+    PyObjectPtr arguments = PyObjectPtr::steal(Py_BuildValue("(s#OO)", text.data(), static_cast<Py_ssize_t>(text.size()), globals.get(), globals.get()));
     PyObjectPtr executed = PyObjectPtr::steal(execute && arguments ? PyObject_CallObject(execute, arguments.get()) : nullptr);
     if (!executed) return compileError();
     PyObject* function = PyDict_GetItemString(globals.get(), name.c_str());

@@ -42,13 +42,11 @@ Any forEachEntry(const Any& map, Visit&& visit) {
     return Any();
 }
 
-// Converts each entry and stores it in `dictionary` under the key's text. With `skipEmpty`, a
-// name without a value is left out (an output local the caller gave no initial value).
-Any storeEntries(PyObject* dictionary, const Any& map, bool skipEmpty = false) {
-    return forEachEntry(map, [dictionary, skipEmpty](const Any& key, const Any& value) -> Any {
+// Converts each entry and stores it in `dictionary` under the key's text.
+Any storeEntries(PyObject* dictionary, const Any& map) {
+    return forEachEntry(map, [dictionary](const Any& key, const Any& value) -> Any {
         auto name = String::cast(key);
         if (!name) return Error(String("A name must be a string: {}.").arg(display(key)));
-        if (skipEmpty && value.isEmpty()) return Any();
         PyObjectPtr converted = PyObjectPtr::steal(to_python(value));
         if (!converted) return fetch_python_error_or("Unable to convert a value.");
         if (PyDict_SetItemString(dictionary, name->c_str(), converted.get()) < 0) {
@@ -67,6 +65,10 @@ struct Dictionaries {
     Dictionaries() {
         PyObjectPtr hostNamespace = PyObjectPtr::steal(buildHostNamespace());
         if (hostNamespace && PyDict_Merge(globals.get(), hostNamespace.get(), 0) < 0) PyErr_Clear();
+        // The code runs as the main program does (classes it defines belong to "__main__"),
+        // unless a map the caller gives names it otherwise.
+        PyObjectPtr mainName = PyObjectPtr::steal(PyUnicode_FromString("__main__"));
+        if (!mainName || PyDict_SetItemString(globals.get(), "__name__", mainName.get()) < 0) PyErr_Clear();
     }
 };
 
@@ -75,8 +77,9 @@ PyObjectPtr callBuiltin(const char* builtin, const std::string& text, const Dict
     PyObject* builtins = PyEval_GetBuiltins();
     PyObject* function = builtins == nullptr ? nullptr : PyDict_GetItemString(builtins, builtin);
     if (function == nullptr) return PyObjectPtr();
-    PyObjectPtr arguments = PyObjectPtr::steal(
-        Py_BuildValue("(sOO)", text.c_str(), dictionaries.globals.get(), dictionaries.locals.get()));
+    // The whole text with its length: a NUL inside is refused by Python's compiler, never a cut.
+    PyObjectPtr arguments = PyObjectPtr::steal(Py_BuildValue("(s#OO)", text.data(), static_cast<Py_ssize_t>(text.size()),
+                                                             dictionaries.globals.get(), dictionaries.locals.get()));
     if (!arguments) return PyObjectPtr();
     return PyObjectPtr::steal(PyObject_CallObject(function, arguments.get()));
 }
@@ -152,7 +155,7 @@ Union<Any, Lazy<Any>, Error> language_python_evaluate_method(const Any& self, co
     Dictionaries dictionaries;
     for (const Any* map : {static_cast<const Any*>(&globals), static_cast<const Any*>(&outLocals), static_cast<const Any*>(&locals)}) {
         if (map->isEmpty()) continue;
-        Any stored = storeEntries(dictionaries.globals.get(), *map, map == &outLocals);
+        Any stored = storeEntries(dictionaries.globals.get(), *map);
         if (auto error = Error::cast(stored)) return *error;
     }
     const std::vector<String> outNames = outLocals.isEmpty() ? std::vector<String>() : keysOf(outLocals);

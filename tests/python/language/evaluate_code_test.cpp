@@ -104,14 +104,73 @@ TEST_F(EvaluateCodeTest, OutLocalStartsWithItsInitialValue) {
     EXPECT_EQ(valueOf(out, "total"), "15");
 }
 
-TEST_F(EvaluateCodeTest, NeverAssignedOutLocalGivesNameErrorAfterTheResultWasStored) {
-    Map out{{String("first"), Any()}, {String("missing"), Any()}};
+TEST_F(EvaluateCodeTest, NeverAssignedOutLocalComesBackAsItStarted) {
+    Map out{{String("first"), Any()}, {String("untouched"), Any()}};
     const Any result = run("first = 3\nreturn 1", noMap(), noMap(), mutableMapArgument(out));
+    EXPECT_EQ(text(result), "1");
+    // Every output name starts in the globals (the empty value as None), so one the code never
+    // assigns comes back with its starting value.
+    EXPECT_EQ(valueOf(out, "first"), "3");
+    ASSERT_TRUE(out.get(String("untouched")).has_value());
+    EXPECT_TRUE(out.get(String("untouched"))->isEmpty());
+}
+
+TEST_F(EvaluateCodeTest, EmptyOutLocalIsNoneInTheCode) {
+    Map out{{String("seen"), Any()}};
+    const Any result = run("return seen is None", noMap(), noMap(), mutableMapArgument(out));
+    EXPECT_EQ(text(result), "True");
+}
+
+TEST_F(EvaluateCodeTest, OutLocalDeletedByTheCodeGivesNameErrorAfterTheResultWasStored) {
+    Map out{{String("first"), Any()}, {String("missing"), Any()}};
+    const Any result = run("global missing\nfirst = 3\ndel missing\nreturn 1", noMap(), noMap(), mutableMapArgument(out));
     ASSERT_TRUE(tala::is_error_result(result)) << text(result);
     EXPECT_EQ(errorMessage(result), "name 'missing' is not defined");
     // The code ran to its end and the out-locals before the failing one were written back.
     EXPECT_EQ(valueOf(out, "first"), "3");
     EXPECT_EQ(valueOf(out, "missing"), "None");
+}
+
+TEST_F(EvaluateCodeTest, CodeWithANulCharacterIsRefusedNotCut) {
+    const std::string code("x = 1\0\nreturn 2", 16);
+    Map out{{String("x"), Integer(0)}};
+    const Any result = tala::python::evaluate(String(code), noMap(), noMap(), mutableMapArgument(out));
+    EXPECT_FALSE(pythonErrorPending());
+    ASSERT_TRUE(tala::is_error_result(result)) << text(result);
+    EXPECT_NE(errorMessage(result).find("source code string cannot contain null bytes"), std::string::npos)
+        << errorMessage(result);
+    EXPECT_EQ(valueOf(out, "x"), "0");  // nothing of the code ran
+}
+
+TEST_F(EvaluateCodeTest, CodeRunsAsTheMainModule) {
+    EXPECT_EQ(text(run("return __name__")), "'__main__'");
+    EXPECT_EQ(text(run("import sys\nreturn sys._getframemodulename()")), "'__main__'");
+    EXPECT_EQ(text(run("class Order:\n    pass\nreturn Order.__module__")), "'__main__'");
+    // A map that names the module otherwise wins.
+    EXPECT_EQ(text(run("return __name__", noMap(), mapArgument(Map{{String("__name__"), String("report")}}))), "'report'");
+}
+
+TEST_F(EvaluateCodeTest, ADictFromOneEvaluationServesAsTheMapsOfTheNext) {
+    const Any dict = run("return {'a': 1, 'b': 'two'}");
+    ASSERT_TRUE(tala::I_MutableMap_Generic::matches(dict)) << text(dict);
+    const MapArgument asMap(tala::internal::unchecked, dict);
+    EXPECT_EQ(text(run("return a + 1", asMap)), "2");
+    EXPECT_EQ(text(run("return b * 2", noMap(), asMap)), "'twotwo'");
+    EXPECT_EQ(text(tala::python::evaluate_expr(String("(a, b)"), asMap, noMap())), "(1, 'two')");
+    const MutableMapArgument asOut(tala::internal::unchecked, dict);
+    EXPECT_EQ(text(run("a = a * 10\nreturn b", noMap(), noMap(), asOut)), "'two'");
+    EXPECT_EQ(text(dict), "{'a': 10, 'b': 'two'}");
+}
+
+TEST_F(EvaluateCodeTest, ProcessNamesTheInterpretersOwnProgram) {
+    const Any names = run("import sys\nreturn (sys.executable, sys._base_executable)");
+    const std::string shown = text(names);
+    EXPECT_NE(shown.find("/bin/python3"), std::string::npos) << shown;
+    const Any runs = run("import subprocess, sys\n"
+                         "done = subprocess.run([sys.executable, '-c', 'import sys; print(sys.version_info[:2])'],\n"
+                         "                      capture_output=True, text=True)\n"
+                         "return done.stdout.strip()");
+    EXPECT_EQ(text(runs), "'(3, 13)'");
 }
 
 TEST_F(EvaluateCodeTest, LocalsBeatGlobals) {

@@ -197,6 +197,14 @@ TEST_F(EvaluateExprTest, NamespaceDictionaryHoldsTheModules) {
     EXPECT_EQ(PyErr_Occurred(), nullptr);
 }
 
+TEST_F(EvaluateExprTest, ExpressionWithANulCharacterIsRefusedNotCut) {
+    const Any result = tala::python::evaluate_expr(String(std::string("1\0 + 2", 6)), noMap(), noMap());
+    EXPECT_FALSE(pythonErrorPending());
+    ASSERT_TRUE(tala::is_error_result(result)) << text(result);
+    EXPECT_NE(errorMessage(result).find("source code string cannot contain null bytes"), std::string::npos)
+        << errorMessage(result);
+}
+
 TEST_F(EvaluateExprTest, ZeroDivisionGivesErrorValueNotThrow) {
     Any result;
     EXPECT_NO_THROW(result = eval("1/0"));
