@@ -12,17 +12,31 @@ namespace tala::python {
 // Holds the interpreter lock for one scope. Every operation that touches Python makes one first
 // thing and keeps it to its end; taking the lock nests, so operations never tell each other
 // whether it is held.
+//
+// A guard on a thread that holds the lock already costs one check. The first guard on a host
+// thread that Python has never seen makes the thread's interpreter state and keeps it until the
+// thread ends, so that later entries only take the lock (see gil.cpp).
 class GilGuard {
 public:
-    GilGuard() noexcept : state_(PyGILState_Ensure()) {}
-    ~GilGuard() { PyGILState_Release(state_); }
+    GilGuard() noexcept {
+        if (PyThreadState_GetUnchecked() != nullptr) return;  // this thread holds the lock
+        enter();
+    }
+    ~GilGuard() {
+        if (mode_ != Mode::Nested) leave();
+    }
     GilGuard(const GilGuard&) = delete;
     GilGuard& operator=(const GilGuard&) = delete;
     GilGuard(GilGuard&&) = delete;
     GilGuard& operator=(GilGuard&&) = delete;
 
 private:
-    PyGILState_STATE state_;
+    enum class Mode : unsigned char { Nested, Kept, Borrowed };
+    void enter() noexcept;
+    void leave() noexcept;
+
+    Mode mode_ = Mode::Nested;
+    PyGILState_STATE state_{};  // for a thread whose interpreter state someone else made
 };
 
 // A reference that someone else owns, valid while they keep it. Marks in a signature that the
@@ -85,7 +99,7 @@ private:
 // leave both threads stuck.
 class GilReleased {
 public:
-    GilReleased() noexcept : thread_(PyGILState_Check() ? PyEval_SaveThread() : nullptr) {}
+    GilReleased() noexcept : thread_(PyThreadState_GetUnchecked() != nullptr ? PyEval_SaveThread() : nullptr) {}
     ~GilReleased() {
         if (thread_ != nullptr) PyEval_RestoreThread(thread_);
     }

@@ -82,7 +82,7 @@ thread_local bool t_forkPrepared = false;
 thread_local PyGILState_STATE t_forkState{};
 
 void beforeFork() {
-    if (!Py_IsInitialized() || PyGILState_Check()) return;
+    if (!Py_IsInitialized() || PyThreadState_GetUnchecked() != nullptr) return;
     t_forkState = PyGILState_Ensure();
     PyOS_BeforeFork();
     t_forkPrepared = true;

@@ -261,6 +261,52 @@ TEST_F(GilGuardTest, FailedOperationLeavesTheLockFreeForAnotherThread) {
     EXPECT_EQ(answer, 42);
 }
 
+// The number of interpreter thread states alive now.
+int threadStates() {
+    GilGuard gil;
+    int count = 0;
+    for (PyThreadState* state = PyInterpreterState_ThreadHead(PyInterpreterState_Main()); state != nullptr;
+         state = PyThreadState_Next(state)) {
+        ++count;
+    }
+    return count;
+}
+
+TEST_F(GilGuardTest, AHostThreadKeepsItsInterpreterStateFromEntryToEntry) {
+    std::thread([] {
+        PyThreadState* first = nullptr;
+        PyThreadState* second = nullptr;
+        {
+            GilGuard gil;
+            first = PyThreadState_Get();
+        }
+        EXPECT_EQ(PyGILState_Check(), 0);
+        {
+            GilGuard gil;
+            second = PyThreadState_Get();
+            // The interpreter's own book-keeping nests inside the kept state.
+            const PyGILState_STATE state = PyGILState_Ensure();
+            EXPECT_EQ(state, PyGILState_LOCKED);
+            PyGILState_Release(state);
+        }
+        EXPECT_EQ(first, second);
+        EXPECT_EQ(PyGILState_GetThisThreadState(), first);
+    }).join();
+}
+
+TEST_F(GilGuardTest, ThreadStatesGoWithTheirThreads) {
+    const int before = threadStates();
+    for (int round = 0; round < 1000; ++round) {
+        std::thread([] {
+            for (int entry = 0; entry < 3; ++entry) {
+                GilGuard gil;
+                PyObjectPtr value = PyObjectPtr::steal(PyLong_FromLong(entry));
+            }
+        }).join();
+    }
+    EXPECT_EQ(threadStates(), before);
+}
+
 // ---- Start-up ---------------------------------------------------------------------------------
 
 TEST_F(InterpreterStartTest, StartedOnceAndLockGivenUp) {
