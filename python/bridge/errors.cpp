@@ -94,6 +94,12 @@ void raiseWithMessage(PyObject* type, const String& message) {
 
 void raise_host_error(const Error& error) {
     GilGuard gil;
+    // An error made from a Python exception goes back into Python as that very exception.
+    if (PyObject* original = originalException(error)) {
+        Py_IncRef(original);
+        PyErr_SetRaisedException(original);
+        return;
+    }
     const Class_Generic errorClass = raw_class_of(error);
     const String& message = error.message();
     if (errorClass == Error::getClass() && !error.exception()) {
@@ -117,29 +123,18 @@ void raise_host_error(const Error& error) {
     PyErr_SetObject(type, instance.get());
 }
 
-Union<Error, None> fetch_python_error() {
+Union<Error, None> fetch_python_error(const ExceptionOrigin* origin) {
     GilGuard gil;
-    if (PyErr_Occurred() == nullptr) return None();
-    PyObject* rawType = nullptr;
-    PyObject* rawValue = nullptr;
-    PyObject* rawTraceback = nullptr;
-    PyErr_Fetch(&rawType, &rawValue, &rawTraceback);
-    if (rawType == nullptr) {
-        Py_DecRef(rawValue);
-        Py_DecRef(rawTraceback);
-        return None();
-    }
-    PyErr_NormalizeException(&rawType, &rawValue, &rawTraceback);
-    PyObjectPtr type = PyObjectPtr::steal(rawType);
-    PyObjectPtr value = PyObjectPtr::steal(rawValue);
-    PyObjectPtr traceback = PyObjectPtr::steal(rawTraceback);
-    Error error = errorFromException(value.get());
+    // The pending exception, normalised, with its traceback on it.
+    PyObjectPtr value = PyObjectPtr::steal(PyErr_GetRaisedException());
+    if (!value) return None();
+    Error error = errorFromException(value.get(), origin);
     PyErr_Clear();
     return error;
 }
 
-Error fetch_python_error_or(const char* fallback) {
-    auto pending = fetch_python_error();
+Error fetch_python_error_or(const char* fallback, const ExceptionOrigin* origin) {
+    auto pending = fetch_python_error(origin);
     if (auto error = pending.get<Error>()) return *error;
     return Error(String(fallback));
 }

@@ -3,6 +3,7 @@
 
 #include <Python.h>
 
+#include "bridge/error_details.hpp"
 #include "tala/tala.hpp"
 
 namespace tala::python {
@@ -26,9 +27,10 @@ Class_Generic host_error_class_for(PyObject* exceptionType);
 std::optional<Class_Generic> hostClassOfExceptionType(PyObject* type);
 
 // Takes the pending Python exception, if any, as a host error; the indicator is clear afterwards.
-Union<Error, None> fetch_python_error();
+// `origin` tells where evaluated code raised it (see error_details.hpp).
+Union<Error, None> fetch_python_error(const ExceptionOrigin* origin = nullptr);
 
 // The pending exception as a host error, or an Error with `fallback` when none is pending.
-Error fetch_python_error_or(const char* fallback);
+Error fetch_python_error_or(const char* fallback, const ExceptionOrigin* origin = nullptr);
 
 }  // namespace tala::python

@@ -159,13 +159,9 @@ std::optional<Time> time_from_python(PyObject* object) {
     return Time(h, m, s, nanoseconds);
 }
 
-Error errorFromException(PyObject* exception) {
-    GilGuard gil;
-    // An exception raised from a host error carries it: the same error comes back.
-    if (PyObjectPtr carried = attributeOrNull(exception, "tala"); carried && carried.get() != Py_None) {
-        Any original = from_python(carried.get());
-        if (auto error = Error::cast(original)) return *error;
-    }
+namespace {
+
+Error hostErrorOf(PyObject* exception) {
     const Class_Generic errorClass = host_error_class_for(reinterpret_cast<PyObject*>(Py_TYPE(exception)));
     const String message = exceptionMessage(exception);
     if (object_value_python_type::matches(errorClass) || errorClass == Error::getClass()) return Error(message);
@@ -175,6 +171,20 @@ Error errorFromException(PyObject* exception) {
     Any made = errorClass.instantiate(std::vector<Any>{message});
     if (auto error = Error::cast(made)) return *error;
     return Error(message);
+}
+
+}  // namespace
+
+Error errorFromException(PyObject* exception, const ExceptionOrigin* origin) {
+    GilGuard gil;
+    // An exception raised from a host error carries it: the same error comes back.
+    if (PyObjectPtr carried = attributeOrNull(exception, "tala"); carried && carried.get() != Py_None) {
+        Any original = from_python(carried.get());
+        if (auto error = Error::cast(original)) return *error;
+    }
+    Error error = hostErrorOf(exception);
+    describeException(error, exception, origin);
+    return error;
 }
 
 Any from_python(PyObject* object) {

@@ -3,6 +3,7 @@
 
 #include <Python.h>
 
+#include "bridge/error_details.hpp"
 #include "tala/tala.hpp"
 
 namespace tala::python {
@@ -19,7 +20,8 @@ Any fromPythonLocked(PyObject* object);
 // The host error for a Python exception object: the very host error it was raised from when it
 // carries one in its attribute `tala`, else an error of the mapped host class with the
 // exception's text (for a SyntaxError, the formatted traceback).
-Error errorFromException(PyObject* exception);
+// The error also carries the exception's type name and its traceback (see error_details.hpp).
+Error errorFromException(PyObject* exception, const ExceptionOrigin* origin = nullptr);
 
 // from_python for a final result: when the conversion leaves a Python error pending (an int
 // beyond 64 bits), that error is the answer instead of the wrong value.

@@ -9,6 +9,7 @@
 #include "extension/gil.hpp"
 #include "extension/interpreter.hpp"
 #include "language/namespace.hpp"
+#include "language/program_cache.hpp"
 
 namespace tala {
 
@@ -47,67 +48,14 @@ Any storeEntries(PyObject* dictionary, const Any& map) {
     return forEachEntry(map, [dictionary](const Any& key, const Any& value) -> Any {
         auto name = String::cast(key);
         if (!name) return Error(String("A name must be a string: {}.").arg(display(key)));
-        PyObjectPtr converted = PyObjectPtr::steal(to_python(value));
+        PyObjectPtr converted = PyObjectPtr::steal(toPythonLocked(value));
         if (!converted) return fetch_python_error_or("Unable to convert a value.");
-        if (PyDict_SetItemString(dictionary, name->c_str(), converted.get()) < 0) {
-            return fetch_python_error_or("Unable to store a value.");
-        }
+        PyObject* pythonName = PyUnicode_DecodeUTF8(name->data(), static_cast<Py_ssize_t>(name->size()), nullptr);
+        if (pythonName != nullptr) PyUnicode_InternInPlace(&pythonName);  // as names in code are: found by identity
+        PyObjectPtr text = PyObjectPtr::steal(pythonName);
+        if (!text || PyDict_SetItem(dictionary, text.get(), converted.get()) < 0) return fetch_python_error_or("Unable to store a value.");
         return Any();
     });
-}
-
-// The two dictionaries of one evaluation, with the host's modules merged into the globals. The
-// namespace dictionary is released once merged: nothing can observe it afterwards.
-struct Dictionaries {
-    PyObjectPtr globals = PyObjectPtr::steal(PyDict_New());
-    PyObjectPtr locals = PyObjectPtr::steal(PyDict_New());
-
-    Dictionaries() {
-        PyObjectPtr hostNamespace = PyObjectPtr::steal(buildHostNamespace());
-        if (hostNamespace && PyDict_Merge(globals.get(), hostNamespace.get(), 0) < 0) PyErr_Clear();
-        // The code runs as the main program does (classes it defines belong to "__main__"),
-        // unless a map the caller gives names it otherwise.
-        PyObjectPtr mainName = PyObjectPtr::steal(PyUnicode_FromString("__main__"));
-        if (!mainName || PyDict_SetItemString(globals.get(), "__name__", mainName.get()) < 0) PyErr_Clear();
-    }
-};
-
-// Calls the builtin `eval` or `exec` with (text, globals, locals).
-PyObjectPtr callBuiltin(const char* builtin, const std::string& text, const Dictionaries& dictionaries) {
-    PyObject* builtins = PyEval_GetBuiltins();
-    PyObject* function = builtins == nullptr ? nullptr : PyDict_GetItemString(builtins, builtin);
-    if (function == nullptr) return PyObjectPtr();
-    // The whole text with its length: a NUL inside is refused by Python's compiler, never a cut.
-    PyObjectPtr arguments = PyObjectPtr::steal(Py_BuildValue("(s#OO)", text.data(), static_cast<Py_ssize_t>(text.size()),
-                                                             dictionaries.globals.get(), dictionaries.locals.get()));
-    if (!arguments) return PyObjectPtr();
-    return PyObjectPtr::steal(PyObject_CallObject(function, arguments.get()));
-}
-
-Any storeLocal(PyObject* dictionary, const char* name, const Any& value) {
-    PyObjectPtr converted = PyObjectPtr::steal(to_python(value));
-    if (!converted || PyDict_SetItemString(dictionary, name, converted.get()) < 0) {
-        return fetch_python_error_or("Unable to store a value.");
-    }
-    return Any();
-}
-
-// The generated program: the code as the body of `tala_outer`, its result stored, then each
-// output local stored.
-std::string programText(const String& code, const std::vector<String>& outNames) {
-    string_builder text(code.size() + 128);
-    text << "def tala_outer():\n";
-    for (const String& name : outNames) text << "\tglobal " << name << '\n';
-    const std::string_view body = code.view();
-    for (std::size_t start = 0;;) {
-        const std::size_t end = body.find('\n', start);
-        text << '\t' << body.substr(start, end == std::string_view::npos ? std::string_view::npos : end - start) << '\n';
-        if (end == std::string_view::npos) break;
-        start = end + 1;
-    }
-    text << "tala_store_result( tala_outer() )\n";
-    for (const String& name : outNames) text << "tala_store_local('" << name << "'," << name << ")\n";
-    return std::move(text.raw());
 }
 
 std::vector<String> keysOf(const Any& map) {
@@ -119,22 +67,110 @@ std::vector<String> keysOf(const Any& map) {
     return names;
 }
 
+// The file the code is said to come from: a `__file__` the maps gave, as Python's own program
+// names the script it runs; otherwise "<string>", as for any text run by exec.
+std::string fileNameOf(PyObject* globals) {
+    PyObject* file = PyDict_GetItemString(globals, "__file__");  // borrowed
+    if (file != nullptr && PyUnicode_Check(file)) {
+        Py_ssize_t size = 0;
+        if (const char* text = PyUnicode_AsUTF8AndSize(file, &size)) return std::string(text, static_cast<std::size_t>(size));
+        PyErr_Clear();
+    }
+    return "<string>";
+}
+
+// As eval and exec do: code finds the builtins through its globals.
+bool addBuiltins(PyObject* globals) {
+    const int present = PyDict_ContainsString(globals, "__builtins__");
+    return present == 1 || (present == 0 && PyDict_SetItemString(globals, "__builtins__", PyEval_GetBuiltins()) == 0);
+}
+
+// What the two callables of a code evaluation write into: the innermost code evaluation
+// running on this thread. They are called only by the statements the evaluation put after the
+// code, which no code of the user's can reach.
+struct RunningCode {
+    Any result;
+    Any outLocals;  // the caller's mutable map, or empty
+    RunningCode* outer;
+};
+thread_local RunningCode* t_runningCode = nullptr;
+
+class RunningCodeScope {
+public:
+    explicit RunningCodeScope(const Any& outLocals) : running_{Any(), outLocals, t_runningCode} { t_runningCode = &running_; }
+    ~RunningCodeScope() { t_runningCode = running_.outer; }
+    RunningCodeScope(const RunningCodeScope&) = delete;
+    RunningCodeScope& operator=(const RunningCodeScope&) = delete;
+    const Any& result() const { return running_.result; }
+
+private:
+    RunningCode running_;
+};
+
+// tala_store_local and tala_store_result as Python objects, made once and kept for the process.
+struct StoreCallables {
+    MadeOnce made;
+    PyObject* storeLocal = nullptr;
+    PyObject* storeResult = nullptr;
+};
+
+StoreCallables& storeCallables() {
+    static auto* callables = new StoreCallables();
+    makeOnce(callables->made, [] {
+        const I_Invokable_Generic storeLocal = native_function(
+            [](const String& name, const Any& value) -> Any {
+                RunningCode* running = t_runningCode;
+                if (running == nullptr || running->outLocals.isEmpty()) return Error(String("No code evaluation is running."));
+                return I_MutableMap_Generic(internal::unchecked, running->outLocals).setChecked(name, value);
+            },
+            "tala_store_local", {"name", "value"});
+        const I_Invokable_Generic storeResult = native_function(
+            [](const Any& value) {
+                if (RunningCode* running = t_runningCode) running->result = value;
+            },
+            "tala_store_result", {"value"});
+        callables->storeLocal = toPythonLocked(storeLocal);
+        callables->storeResult = toPythonLocked(storeResult);
+        PyErr_Clear();
+    });
+    return *callables;
+}
+
+// The locals of a code evaluation: the two callables.
+PyObjectPtr codeLocals() {
+    StoreCallables& callables = storeCallables();
+    PyObjectPtr locals = PyObjectPtr::steal(PyDict_New());
+    if (!locals || callables.storeLocal == nullptr || callables.storeResult == nullptr ||
+        PyDict_SetItemString(locals.get(), "tala_store_local", callables.storeLocal) < 0 ||
+        PyDict_SetItemString(locals.get(), "tala_store_result", callables.storeResult) < 0) {
+        return PyObjectPtr();
+    }
+    return locals;
+}
+
 }  // namespace
 
 Any evaluate_expr(const String& code, const Union<I_Map<String, Any>, None>& locals,
                   const Union<I_Map<String, Any>, None>& globals) {
     (void)ensurePythonOnce();
     GilGuard gil;
-    Dictionaries dictionaries;
-    Any stored = storeEntries(dictionaries.globals.get(), globals.isEmpty() ? Any(tala::globals()) : Any(globals));
+    PyObjectPtr globalNames = evaluationGlobals();
+    Any stored = storeEntries(globalNames.get(), globals.isEmpty() ? Any(tala::globals()) : Any(globals));
     if (is_error_result(stored)) return stored;
     // Locals go into the globals dictionary too: an expression sees both through one.
     if (!locals.isEmpty()) {
-        stored = storeEntries(dictionaries.globals.get(), locals);
+        stored = storeEntries(globalNames.get(), locals);
         if (is_error_result(stored)) return stored;
     }
-    PyObjectPtr result = callBuiltin("eval", std::string(code.view()), dictionaries);
-    if (!result) return fetch_python_error_or("Unable to evaluate the expression.");
+    PyObjectPtr program = compiledProgram(ProgramKind::Expression, code.view(), {}, fileNameOf(globalNames.get()));
+    if (!program) return fetch_python_error_or("Unable to compile the expression.");
+    PyObjectPtr localNames = PyObjectPtr::steal(PyDict_New());
+    if (!localNames || !addBuiltins(globalNames.get())) return fetch_python_error_or("Unable to prepare the evaluation.");
+    PyObjectPtr result = PyObjectPtr::steal(PyEval_EvalCode(program.get(), globalNames.get(), localNames.get()));
+    if (!result) {
+        const ExceptionOrigin origin{program.get(), code.view(), false};
+        return fetch_python_error_or("Unable to evaluate the expression.", &origin);
+    }
     return from_python_result(result.get());
 }
 
@@ -152,36 +188,29 @@ Union<Any, Lazy<Any>, Error> language_python_evaluate_method(const Any& self, co
     using namespace python;
     (void)ensurePythonOnce();
     GilGuard gil;
-    Dictionaries dictionaries;
+    PyObjectPtr globalNames = evaluationGlobals();
     for (const Any* map : {static_cast<const Any*>(&globals), static_cast<const Any*>(&outLocals), static_cast<const Any*>(&locals)}) {
         if (map->isEmpty()) continue;
-        Any stored = storeEntries(dictionaries.globals.get(), *map);
+        Any stored = storeEntries(globalNames.get(), *map);
         if (auto error = Error::cast(stored)) return *error;
     }
     const std::vector<String> outNames = outLocals.isEmpty() ? std::vector<String>() : keysOf(outLocals);
-
-    // The two callables of this call: they write into this call's result slot and output map.
-    auto result = std::make_shared<Any>();
-    const Any output = outLocals;
-    const I_Invokable_Generic storeLocalFunction = native_function(
-        [output](const String& name, const Any& value) -> Any {
-            return I_MutableMap_Generic(internal::unchecked, output).setChecked(name, value);
-        },
-        "tala_store_local", {"name", "value"});
-    const I_Invokable_Generic storeResultFunction = native_function(
-        [result](const Any& value) { *result = value; }, "tala_store_result", {"value"});
-    for (const auto& [name, value] : {std::pair<const char*, const Any*>{"tala_store_local", &storeLocalFunction},
-                                      std::pair<const char*, const Any*>{"tala_store_result", &storeResultFunction}}) {
-        Any stored = storeLocal(dictionaries.locals.get(), name, *value);
-        if (auto error = Error::cast(stored)) return *error;
-    }
-    if (Any stored = storeLocal(dictionaries.globals.get(), "self", self); is_error_result(stored)) {
-        return Error(internal::unchecked, stored);
+    PyObjectPtr program = compiledProgram(ProgramKind::Code, code.view(), outNames, fileNameOf(globalNames.get()));
+    if (!program) return fetch_python_error_or("Unable to compile the code.");
+    PyObjectPtr localNames = codeLocals();
+    if (!localNames) return fetch_python_error_or("Unable to prepare the evaluation.");
+    PyObjectPtr selfObject = PyObjectPtr::steal(toPythonLocked(self));
+    if (!selfObject || PyDict_SetItemString(globalNames.get(), "self", selfObject.get()) < 0 || !addBuiltins(globalNames.get())) {
+        return fetch_python_error_or("Unable to store a value.");
     }
 
-    PyObjectPtr ran = callBuiltin("exec", programText(code, outNames), dictionaries);
-    if (!ran) return fetch_python_error_or("Unable to run the code.");
-    Any value = *result;
+    const RunningCodeScope running(outLocals);
+    PyObjectPtr ran = PyObjectPtr::steal(PyEval_EvalCode(program.get(), globalNames.get(), localNames.get()));
+    if (!ran) {
+        const ExceptionOrigin origin{program.get(), code.view(), true};
+        return fetch_python_error_or("Unable to run the code.", &origin);
+    }
+    Any value = running.result();
     if (auto error = Error::cast(value)) return *error;
     return value;
 }

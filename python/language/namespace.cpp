@@ -38,3 +38,49 @@ PyObject* buildHostNamespace() {
 }
 
 }  // namespace tala::python
+
+namespace tala::python {
+
+namespace {
+
+// The template of evaluation globals and the module generation it was built from. Read and
+// replaced only under the interpreter lock; the template itself is never handed out.
+struct GlobalsTemplate {
+    PyObject* dictionary = nullptr;
+    std::uint64_t generation = 0;
+};
+
+GlobalsTemplate& globalsTemplate() {
+    static auto* instance = new GlobalsTemplate();
+    return *instance;
+}
+
+PyObjectPtr buildTemplate() {
+    PyObjectPtr dictionary = PyObjectPtr::steal(buildHostNamespace());
+    PyObjectPtr mainName = PyObjectPtr::steal(PyUnicode_FromString("__main__"));
+    if (!dictionary || !mainName || PyDict_SetItemString(dictionary.get(), "__name__", mainName.get()) < 0) {
+        PyErr_Clear();
+        return PyObjectPtr();
+    }
+    return dictionary;
+}
+
+}  // namespace
+
+PyObjectPtr evaluationGlobals() {
+    GlobalsTemplate& cached = globalsTemplate();
+    const std::uint64_t generation = modules_generation();
+    if (cached.dictionary == nullptr || cached.generation != generation) {
+        // Building converts the modules, which may run Python code and let another thread
+        // build too: whichever finishes last is kept, and both are right for the generation.
+        PyObjectPtr fresh = buildTemplate();
+        if (!fresh) return PyObjectPtr::steal(PyDict_New());
+        PyObject* old = cached.dictionary;
+        cached.dictionary = fresh.release();
+        cached.generation = generation;
+        if (old != nullptr) Py_DecRef(old);
+    }
+    return PyObjectPtr::steal(PyDict_Copy(cached.dictionary));
+}
+
+}  // namespace tala::python

@@ -479,7 +479,11 @@ Any insertOwn(const Any& value, Identifier name, const Any& member, bool propert
 }  // namespace
 
 Any insert_property_value(const Any& value, Identifier name, Any content) {
-    Property property = Property::value(name, std::move(content));
+    return insert_property(value, Property::value(name, std::move(content)));
+}
+
+Any insert_property(const Any& value, const Property& property) {
+    const Identifier name = property.name();
     if (const Any* reflective = internal::classCellOf(value)->reflective(internal::ReflectiveInsertProperty)) {
         // The insertion methods receive the name as bytes (the look-up methods as text).
         return I_Invokable_Generic(internal::unchecked, *reflective)(value, ByteArray(name.text()), property);

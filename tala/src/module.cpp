@@ -1,6 +1,7 @@
 // tala/src/module.cpp: modules, the module registry and the process-wide globals.
 #include "tala/module.hpp"
 
+#include <atomic>
 #include <mutex>
 
 #include "tala/class_builder.hpp"
@@ -14,6 +15,9 @@ internal::ModuleCell::ModuleCell(const ClassCell* moduleClass, String name, Stri
     : ObjectCell(moduleClass, NativeTag::Module), name(std::move(name)), doc(std::move(doc)) {}
 
 namespace {
+
+std::atomic<std::uint64_t> g_modulesGeneration{1};
+void modulesChanged() noexcept { g_modulesGeneration.fetch_add(1, std::memory_order_acq_rel); }
 
 // Every module ever registered, in registration order. Modules are never unregistered.
 struct ModuleRegistry {
@@ -62,6 +66,7 @@ Module Module::create(std::string_view name, String doc) {
         module = Module(internal::unchecked,
                         Any::adopt(Kind::Object, new internal::ModuleCell(moduleClass.cell(), String(name), doc)));
         modules.modules.push_back(module);
+        modulesChanged();
         parent = findLocked(modules, parentName(name));
         for (const Module& candidate : modules.modules) {
             if (parentName(candidate.cell()->name.view()) == name) children.push_back(candidate);
@@ -128,6 +133,7 @@ void Module::addFunction(String name, const I_Invokable_Generic& function) const
 
 void Module::addProperty(const Property& property) const {
     const_cast<internal::ClassCell*>(cell()->objectClass())->addProperty(property.name(), property);
+    modulesChanged();
 }
 
 void Module::setValue(Identifier name, Any value) const { addProperty(Property::value(name, std::move(value))); }
@@ -160,6 +166,8 @@ Class_Generic Module::getClass() {
     });
     return registration.get();
 }
+
+std::uint64_t modules_generation() noexcept { return g_modulesGeneration.load(std::memory_order_acquire); }
 
 std::vector<Module> modules() {
     ModuleRegistry& modules = registry();

@@ -219,6 +219,8 @@ HashMap<String, Property> own_properties_of(const Any& value);
 // Adds a property holding `content` to this one object (through __insertProperty__ when the
 // class has it): None, or an Error.
 Any insert_property_value(const Any& value, Identifier name, Any content);
+// The same for any property (a computed one too).
+Any insert_property(const Any& value, const Property& property);
 Any insert_method(const Any& value, Identifier name, const Any& invokable);
 // Removes a property that was added to this one object (through __removeProperty__ when the
 // class has it): whether one was removed. Members that a class defines are never removed.

@@ -67,6 +67,9 @@ public:
 
 // Every registered module, in registration order.
 std::vector<Module> modules();
+// A count that changes whenever a module is registered or any module's members or markers
+// change: whoever keeps something made from the modules rebuilds it when the count moved.
+std::uint64_t modules_generation() noexcept;
 // The process-wide globals map.
 HashMap<String, Any> globals();
 

@@ -1,0 +1,127 @@
+// python/bridge/error_details.cpp: what a host error made from a Python exception tells besides its message.
+#include "bridge/error_details.hpp"
+
+#include <memory>
+#include <optional>
+
+#include "extension/gil.hpp"
+#include "language/python_support.hpp"
+
+namespace tala::python {
+
+const Identifier kExceptionTypeProperty{"$$exceptionType"};
+const Identifier kTracebackProperty{"$$traceback"};
+
+namespace {
+
+String textOf(PyObject* text) {
+    Py_ssize_t size = 0;
+    const char* utf8 = text != nullptr ? PyUnicode_AsUTF8AndSize(text, &size) : nullptr;
+    if (utf8 == nullptr) {
+        PyErr_Clear();
+        return String();
+    }
+    return String(utf8, static_cast<std::size_t>(size));
+}
+
+// The Python exception a host error was made from, and its traceback, formatted the first time
+// it is read: formatting reads source files and costs far more than the rest of an error, which
+// many callers only test for. Everything here is read and written under the interpreter lock.
+class ExceptionRecord {
+public:
+    ExceptionRecord(PyObject* exception, const ExceptionOrigin* origin, String typeName)
+        : exception_(exception), typeName_(std::move(typeName)) {
+        Py_IncRef(exception_);
+        if (origin != nullptr && origin->program != nullptr) {
+            program_ = origin->program;
+            Py_IncRef(program_);
+            source_ = String(origin->source);
+            generatedTop_ = origin->generatedTop;
+        }
+    }
+    ~ExceptionRecord() {
+        if (!Py_IsInitialized() || Py_IsFinalizing()) return;
+        GilGuard gil;
+        Py_DecRef(exception_);
+        if (program_ != nullptr) Py_DecRef(program_);
+    }
+    ExceptionRecord(const ExceptionRecord&) = delete;
+    ExceptionRecord& operator=(const ExceptionRecord&) = delete;
+
+    PyObject* exception() const noexcept { return exception_; }
+
+    String text() {
+        GilGuard gil;
+        if (!text_) text_ = format();
+        return *text_;
+    }
+
+private:
+    String format() {
+        PyObject* formatter = supportFunction("format_exception");
+        PyObjectPtr source = program_ != nullptr ? PyObjectPtr::steal(PyUnicode_DecodeUTF8(
+                                                       source_.data(), static_cast<Py_ssize_t>(source_.size()), "replace"))
+                                                 : PyObjectPtr::borrow(Py_None);
+        PyObjectPtr text;
+        if (formatter != nullptr && source) {
+            text = PyObjectPtr::steal(PyObject_CallFunctionObjArgs(formatter, exception_, program_ != nullptr ? program_ : Py_None,
+                                                                   source.get(), generatedTop_ ? Py_True : Py_False, nullptr));
+        }
+        if (text && PyUnicode_Check(text.get())) return textOf(text.get());
+        PyErr_Clear();
+        // Whatever kept the report from being made, the last line can still be given.
+        PyObjectPtr message = PyObjectPtr::steal(PyObject_Str(exception_));
+        const String detail = message ? textOf(message.get()) : String();
+        PyErr_Clear();
+        return String(typeName_.toStdString() + (detail.isEmpty() ? std::string() : ": " + detail.toStdString()) + "\n");
+    }
+
+    PyObject* exception_;
+    PyObject* program_ = nullptr;
+    String source_;
+    bool generatedTop_ = false;
+    String typeName_;
+    std::optional<String> text_;
+};
+
+// The type's name as Python's own report writes it: the module in front, unless it is
+// "builtins" or "__main__".
+String qualifiedTypeName(PyObject* exception) {
+    auto* type = reinterpret_cast<PyObject*>(Py_TYPE(exception));
+    PyObjectPtr qualname = PyObjectPtr::steal(PyObject_GetAttrString(type, "__qualname__"));
+    PyObjectPtr module = PyObjectPtr::steal(PyObject_GetAttrString(type, "__module__"));
+    PyErr_Clear();
+    String name = qualname && PyUnicode_Check(qualname.get()) ? textOf(qualname.get()) : String(Py_TYPE(exception)->tp_name);
+    if (!module || !PyUnicode_Check(module.get())) return name;
+    const String moduleName = textOf(module.get());
+    if (moduleName == "builtins" || moduleName == "__main__") return name;
+    return String(moduleName.toStdString() + "." + name.toStdString());
+}
+
+using RecordBox = Boxed<std::shared_ptr<ExceptionRecord>>;
+
+// Kept with the error under a name Python code cannot read (it begins with "_").
+const Identifier kRecordProperty{"$$_pythonException"};
+
+}  // namespace
+
+void describeException(const Error& error, PyObject* exception, const ExceptionOrigin* origin) {
+    const String typeName = qualifiedTypeName(exception);
+    auto record = std::make_shared<ExceptionRecord>(exception, origin, typeName);
+    (void)insert_property_value(error, kExceptionTypeProperty, typeName);
+    (void)insert_property(error, Property(kTracebackProperty,
+                                          native_function([record](const Any&) { return record->text(); },
+                                                          "traceback", {}, String(), false),
+                                          Any(), String("The report Python prints for the exception.")));
+    (void)insert_property_value(error, kRecordProperty, RecordBox(std::move(record)));
+}
+
+PyObject* originalException(const Error& error) {
+    auto property = raw_property_of(error, kRecordProperty);
+    if (property.isEmpty()) return nullptr;
+    const Any record = property.as<Property>().get(error);
+    if (!RecordBox::matches(record)) return nullptr;
+    return RecordBox(internal::unchecked, record).value()->exception();
+}
+
+}  // namespace tala::python

@@ -1,0 +1,35 @@
+// python/bridge/error_details.hpp: what a host error made from a Python exception tells besides its message.
+#pragma once
+
+#include <Python.h>
+
+#include <string_view>
+
+#include "tala/tala.hpp"
+
+namespace tala::python {
+
+// Where an exception was raised, when it was raised by evaluated code: the code object the
+// evaluation ran and the text it was compiled from, so that the traceback can show the lines of
+// code that is in no file. With `generatedTop`, the code object's own frame (the statements the
+// evaluation wrapped around the code) is left out of the traceback.
+struct ExceptionOrigin {
+    PyObject* program = nullptr;  // borrowed, for the duration of the call
+    std::string_view source;
+    bool generatedTop = false;
+};
+
+// The names of the two properties.
+extern const Identifier kExceptionTypeProperty;  // "exceptionType"
+extern const Identifier kTracebackProperty;      // "traceback"
+
+// Gives the host error made from `exception` two properties of its own: `exceptionType`, the
+// exception's qualified type name ("KeyError", "json.decoder.JSONDecodeError"), and
+// `traceback`, the report Python's own program prints for it ("Traceback (most recent call
+// last):", the frames, the last line), formatted when first read. The caller holds the lock.
+void describeException(const Error& error, PyObject* exception, const ExceptionOrigin* origin);
+
+// The Python exception a host error was made from (borrowed: the error keeps it), or null.
+PyObject* originalException(const Error& error);
+
+}  // namespace tala::python

@@ -1,0 +1,133 @@
+// python/language/python_support.cpp: the language service's helpers that are written in Python.
+#include "language/python_support.hpp"
+
+#include "extension/gil.hpp"
+
+namespace tala::python {
+
+namespace {
+
+// Parsing the code as it stands (the parser takes a top-level `return`; only the compiler
+// refuses it) keeps every line number and every string literal exactly as written.
+const char* const kSupportProgram = R"PY(
+import ast
+import keyword
+import traceback
+import types
+
+_LOAD = ast.Load()
+_CODE = types.CodeType
+
+
+def _statement_call(name, *arguments):
+    return ast.Expr(ast.Call(ast.Name(name, _LOAD), list(arguments), []))
+
+
+def _is_future_import(statement):
+    return isinstance(statement, ast.ImportFrom) and statement.module == '__future__'
+
+
+def build_program(source, filename, out_names):
+    for name in out_names:
+        if not name.isidentifier() or keyword.iskeyword(name):
+            raise SyntaxError(f"invalid output name: {name!r}")
+    tree = compile(source, filename, 'exec', ast.PyCF_ONLY_AST, dont_inherit=True)
+    body = tree.body
+    # Future imports must open the module, so they move out of the function.
+    head = []
+    first = 1 if body and isinstance(body[0], ast.Expr) and isinstance(body[0].value, ast.Constant) \
+        and isinstance(body[0].value.value, str) else 0
+    while first < len(body) and _is_future_import(body[first]):
+        head.append(body.pop(first))
+    inner = body or [ast.Pass()]
+    if out_names:
+        inner.insert(0, ast.Global(names=list(out_names)))
+    function = ast.FunctionDef(
+        name='tala_outer',
+        args=ast.arguments(posonlyargs=[], args=[], vararg=None, kwonlyargs=[], kw_defaults=[],
+                           kwarg=None, defaults=[]),
+        body=inner, decorator_list=[], returns=None, type_comment=None, type_params=[])
+    statements = head + [function, _statement_call(
+        'tala_store_result', ast.Call(ast.Name('tala_outer', _LOAD), [], []))]
+    for name in out_names:
+        statements.append(_statement_call('tala_store_local', ast.Constant(name), ast.Name(name, _LOAD)))
+    module = ast.Module(body=statements, type_ignores=[])
+    # The generated statements have no place in the source: they take line 1.
+    ast.fix_missing_locations(module)
+    return compile(module, filename, 'exec', dont_inherit=True)
+
+
+def _codes_of(program):
+    codes = set()
+    pending = [program]
+    while pending:
+        code = pending.pop()
+        if code not in codes:
+            codes.add(code)
+            pending.extend(constant for constant in code.co_consts if isinstance(constant, _CODE))
+    return codes
+
+
+def _fill_lines(summary, exception, codes, lines, seen):
+    # The frames of the program are in no file that linecache could read: their lines come
+    # from the source, frame by frame (the summary's frames follow the traceback's).
+    if id(exception) in seen:
+        return
+    seen.add(id(exception))
+    entry = exception.__traceback__
+    for frame in summary.stack:
+        if entry is None:
+            break
+        if entry.tb_frame.f_code in codes and frame.lineno is not None and frame._lines is None:
+            last = frame.end_lineno or frame.lineno
+            frame._lines = '\n'.join(line.rstrip() for line in lines[frame.lineno - 1:last]) + '\n'
+        entry = entry.tb_next
+    for inner, cause in ((summary.__cause__, exception.__cause__), (summary.__context__, exception.__context__)):
+        if inner is not None and cause is not None:
+            _fill_lines(inner, cause, codes, lines, seen)
+    for inner, part in zip(summary.exceptions or (), getattr(exception, 'exceptions', ())):
+        _fill_lines(inner, part, codes, lines, seen)
+
+
+def format_exception(exception, program, source, generated_top):
+    summary = traceback.TracebackException.from_exception(exception, lookup_lines=False)
+    if program is not None:
+        _fill_lines(summary, exception, _codes_of(program), source.splitlines(), set())
+        entry = exception.__traceback__
+        if generated_top and entry is not None and entry.tb_frame.f_code is program and summary.stack:
+            # The statements around the code are no code of the user's.
+            del summary.stack[0]
+    return ''.join(summary.format())
+)PY";
+
+PyObject* supportNamespace() {
+    static MadeOnce state;
+    static PyObject* namespace_ = nullptr;
+    makeOnce(state, [] {
+        PyObjectPtr globals = PyObjectPtr::steal(PyDict_New());
+        PyObjectPtr name = PyObjectPtr::steal(PyUnicode_FromString("tala_python_support"));
+        if (!globals || !name || PyDict_SetItemString(globals.get(), "__builtins__", PyEval_GetBuiltins()) < 0 ||
+            PyDict_SetItemString(globals.get(), "__name__", name.get()) < 0) {
+            PyErr_Clear();
+            return;
+        }
+        PyObjectPtr code = PyObjectPtr::steal(Py_CompileString(kSupportProgram, "<tala python support>", Py_file_input));
+        PyObjectPtr ran = code ? PyObjectPtr::steal(PyEval_EvalCode(code.get(), globals.get(), globals.get())) : PyObjectPtr();
+        if (!ran) {
+            PyErr_Clear();
+            return;
+        }
+        namespace_ = globals.release();  // kept for the life of the process
+    });
+    return namespace_;
+}
+
+}  // namespace
+
+PyObject* supportFunction(const char* name) {
+    PyObject* namespace_ = supportNamespace();
+    if (namespace_ == nullptr) return nullptr;
+    return PyDict_GetItemString(namespace_, name);
+}
+
+}  // namespace tala::python

@@ -1,0 +1,162 @@
+// tests/python/language/evaluate_as_written_test.cpp: code runs exactly as written, and errors carry
+// what Python knew: the exception's type name and its traceback with the code's own lines.
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+
+#include "bridge/error_details.hpp"
+#include "language/evaluate.hpp"
+#include "language_test_support.hpp"
+
+namespace {
+
+using tala::Any;
+using tala::HashMap;
+using tala::Integer;
+using tala::String;
+using tala_language_test::errorMessage;
+using tala_language_test::LanguageTest;
+using tala_language_test::mapArgument;
+using tala_language_test::MapArgument;
+using tala_language_test::mutableMapArgument;
+using tala_language_test::MutableMapArgument;
+using tala_language_test::noMap;
+using tala_language_test::noMutableMap;
+using tala_language_test::pythonErrorPending;
+using tala_language_test::text;
+
+using Map = HashMap<String, Any>;
+
+class EvaluateAsWrittenTest : public LanguageTest {
+protected:
+    static Any run(const std::string& code, const MapArgument& locals = noMap(), const MutableMapArgument& outLocals = noMutableMap()) {
+        Any result = tala::python::evaluate(String(code), locals, noMap(), outLocals);
+        EXPECT_FALSE(pythonErrorPending());
+        return result;
+    }
+    // A property of an error value as text, or a marker.
+    static std::string property(const Any& error, const char* name) {
+        auto found = tala::property_of(error, std::string_view(name));
+        if (found.isEmpty()) return "<no property " + std::string(name) + ">";
+        const Any value = tala::resolve(found.as<tala::Property>().get(error));
+        auto asString = String::cast(value);
+        return asString ? asString->toStdString() : "<not text: " + text(value) + ">";
+    }
+};
+
+// ---- Code as written ------------------------------------------------------------------------
+
+TEST_F(EvaluateAsWrittenTest, ATripleQuotedStringKeepsItsText) {
+    const std::string code = "query = '''SELECT *\n  FROM orders\n\tWHERE id = 1'''\nreturn query";
+    const std::string expected = "SELECT *\n  FROM orders\n\tWHERE id = 1";
+    EXPECT_EQ(String::cast(run(code)).value_or(String()).toStdString(), expected);
+    Map out{{String("query"), Any()}};
+    EXPECT_EQ(String::cast(run(code, noMap(), mutableMapArgument(out))).value_or(String()).toStdString(), expected);
+    EXPECT_EQ(String::cast(*out.get(String("query"))).value_or(String()).toStdString(), expected);
+}
+
+TEST_F(EvaluateAsWrittenTest, EmptyOrCommentOnlyCodeGivesNone) {
+    for (const char* code : {"", "\n\n", "# nothing to do", "   # indented comment\n# another\n"}) {
+        const Any result = run(code);
+        EXPECT_TRUE(result.isEmpty()) << code << ": " << text(result);
+    }
+}
+
+TEST_F(EvaluateAsWrittenTest, FutureImportsAtTheTopWork) {
+    EXPECT_EQ(text(run("from __future__ import annotations\ndef f(a: Missing): pass\nreturn f.__annotations__['a']")),
+              "'Missing'");
+}
+
+TEST_F(EvaluateAsWrittenTest, RuntimeErrorsNameTheLinesOfTheCodeAsGiven) {
+    for (const bool withOutLocals : {false, true}) {
+        Map out{{String("count"), Integer(0)}};
+        const Any onFirst = run("return {}['k']", noMap(), withOutLocals ? mutableMapArgument(out) : noMutableMap());
+        EXPECT_EQ(property(onFirst, "traceback"),
+                  "Traceback (most recent call last):\n"
+                  "  File \"<string>\", line 1, in tala_outer\n"
+                  "    return {}['k']\n"
+                  "           ~~^^^^^\n"
+                  "KeyError: 'k'\n");
+        const Any onThird = run("count = 1\n\ncount = count / 0\nreturn count", noMap(), withOutLocals ? mutableMapArgument(out) : noMutableMap());
+        EXPECT_EQ(property(onThird, "traceback"),
+                  "Traceback (most recent call last):\n"
+                  "  File \"<string>\", line 3, in tala_outer\n"
+                  "    count = count / 0\n"
+                  "            ~~~~~~^~~\n"
+                  "ZeroDivisionError: division by zero\n");
+        EXPECT_EQ(errorMessage(onThird), "division by zero");
+    }
+}
+
+TEST_F(EvaluateAsWrittenTest, SyntaxErrorsNameTheLinesOfTheCodeAsGiven) {
+    for (const bool withOutLocals : {false, true}) {
+        Map out{{String("x"), Integer(0)}};
+        const MutableMapArgument outLocals = withOutLocals ? mutableMapArgument(out) : noMutableMap();
+        const Any onFirst = run("x = (", noMap(), outLocals);
+        EXPECT_EQ(errorMessage(onFirst), "  File \"<string>\", line 1\n    x = (\n        ^\nSyntaxError: '(' was never closed\n");
+        const Any onThird = run("x = 1\ny = 2\nz = 3 +\nreturn x", noMap(), outLocals);
+        EXPECT_EQ(errorMessage(onThird),
+                  "  File \"<string>\", line 3\n    z = 3 +\n           ^\nSyntaxError: invalid syntax\n");
+        EXPECT_EQ(property(onThird, "exceptionType"), "SyntaxError");
+        EXPECT_EQ(property(onThird, "traceback"), errorMessage(onThird));
+    }
+}
+
+TEST_F(EvaluateAsWrittenTest, AFileNameGivenAsDunderFileNamesTheFrames) {
+    const Any failed = run("x = 1\nraise ValueError('bad value')", mapArgument(Map{{String("__file__"), String("/scripts/rule.py")}}));
+    const std::string traceback = property(failed, "traceback");
+    EXPECT_NE(traceback.find("  File \"/scripts/rule.py\", line 2, in tala_outer\n    raise ValueError('bad value')\n"),
+              std::string::npos)
+        << traceback;
+    EXPECT_TRUE(traceback.ends_with("ValueError: bad value\n")) << traceback;
+}
+
+// ---- What errors carry -------------------------------------------------------------------------
+
+TEST_F(EvaluateAsWrittenTest, AnErrorCarriesTheQualifiedTypeName) {
+    EXPECT_EQ(property(run("return {}['k']"), "exceptionType"), "KeyError");
+    EXPECT_EQ(property(run("import json\nreturn json.loads('{')"), "exceptionType"), "json.decoder.JSONDecodeError");
+    // A class the code defines is local to the function the code runs in, as its traceback says.
+    EXPECT_EQ(property(run("class Mine(Exception): pass\nraise Mine('x')"), "exceptionType"), "tala_outer.<locals>.Mine");
+    // The message stays what it was: the exception's text.
+    EXPECT_EQ(errorMessage(run("return {}['k']")), "'k'");
+    EXPECT_EQ(errorMessage(run("raise ValueError()")), "");
+}
+
+TEST_F(EvaluateAsWrittenTest, ATracebackShowsTheFramesOfFunctionsInTheCode) {
+    const Any failed = run("def inner(d):\n    return d['missing']\n\nreturn inner({})");
+    EXPECT_EQ(property(failed, "traceback"),
+              "Traceback (most recent call last):\n"
+              "  File \"<string>\", line 4, in tala_outer\n"
+              "    return inner({})\n"
+              "  File \"<string>\", line 2, in inner\n"
+              "    return d['missing']\n"
+              "           ~^^^^^^^^^^^\n"
+              "KeyError: 'missing'\n");
+}
+
+TEST_F(EvaluateAsWrittenTest, ExpressionErrorsCarryTypeAndTraceback) {
+    const Any failed = tala::python::evaluate_expr(String("1 / 0"), noMap(), noMap());
+    EXPECT_EQ(property(failed, "exceptionType"), "ZeroDivisionError");
+    EXPECT_EQ(property(failed, "traceback"),
+              "Traceback (most recent call last):\n"
+              "  File \"<string>\", line 1, in <module>\n"
+              "    1 / 0\n"
+              "    ~~^~~\n"
+              "ZeroDivisionError: division by zero\n");
+}
+
+TEST_F(EvaluateAsWrittenTest, AnErrorBackInPythonIsTheOriginalException) {
+    // Python code calls the host (evaluate), whose code raises: the caller catches that very
+    // exception, with its own type and arguments.
+    const Any caught = run("inner = \"d = {}\\nreturn d['k']\"\n"
+                           "try:\n"
+                           "    tala.python.evaluate(inner, None, None, None)\n"
+                           "except KeyError as error:\n"
+                           "    return (type(error).__name__, error.args)\n"
+                           "return 'not caught'");
+    EXPECT_EQ(text(caught), "('KeyError', ('k',))");
+}
+
+}  // namespace
