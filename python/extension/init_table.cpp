@@ -6,6 +6,7 @@
 #include "extension/interpreter.hpp"
 #include "extension/logging_bridge.hpp"
 #include "language/evaluate.hpp"
+#include "language/interruption.hpp"
 #include "extension/sys_path.hpp"
 #include "functions/function_python.hpp"
 #include "proxies/python_proxy.hpp"
@@ -70,6 +71,15 @@ void registerModuleFunctions() {
         String("python_add_sys_path"),
         native_function([](const String& path) { return python_add_sys_path(path); }, "python_add_sys_path", {"path"},
                         "Adds a path to sys.path once."));
+    module.addFunction(String("python_thread_id"),
+                       native_function([] { return Integer(currentThreadId()); }, "python_thread_id", {},
+                                       "The identifier of the calling thread, as python_interrupt takes it."));
+    module.addFunction(String("python_interrupt"),
+                       native_function([](const Integer& threadId) { return Boolean(interruptEvaluation(threadId.value())); },
+                                       "python_interrupt", {"threadId"},
+                                       "Stops the Python evaluation running on the thread with that identifier "
+                                       "(python_thread_id of that thread): it ends with an error that says it was "
+                                       "interrupted. Answers whether an evaluation was running there."));
 }
 
 

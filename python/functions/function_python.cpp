@@ -9,6 +9,7 @@
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
 #include "extension/interpreter.hpp"
+#include "language/interruption.hpp"
 
 namespace tala {
 
@@ -35,6 +36,7 @@ public:
 
     Any call(std::span<const Any> arguments) const override {
         GilGuard gil;
+        const python::EvaluationScope evaluation;
         PyObjectPtr tuple = PyObjectPtr::steal(PyTuple_New(static_cast<Py_ssize_t>(arguments.size())));
         for (std::size_t index = 0; index < arguments.size(); ++index) {
             PyObject* converted = python::toPythonLocked(arguments[index]);

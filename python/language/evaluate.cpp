@@ -8,6 +8,7 @@
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
 #include "extension/interpreter.hpp"
+#include "language/interruption.hpp"
 #include "language/namespace.hpp"
 #include "language/program_cache.hpp"
 
@@ -154,6 +155,7 @@ Any evaluate_expr(const String& code, const Union<I_Map<String, Any>, None>& loc
                   const Union<I_Map<String, Any>, None>& globals) {
     (void)ensurePythonOnce();
     GilGuard gil;
+    const EvaluationScope evaluation;
     PyObjectPtr globalNames = evaluationGlobals();
     Any stored = storeEntries(globalNames.get(), globals.isEmpty() ? Any(tala::globals()) : Any(globals));
     if (is_error_result(stored)) return stored;
@@ -188,6 +190,7 @@ Union<Any, Lazy<Any>, Error> language_python_evaluate_method(const Any& self, co
     using namespace python;
     (void)ensurePythonOnce();
     GilGuard gil;
+    const EvaluationScope evaluation;
     PyObjectPtr globalNames = evaluationGlobals();
     for (const Any* map : {static_cast<const Any*>(&globals), static_cast<const Any*>(&outLocals), static_cast<const Any*>(&locals)}) {
         if (map->isEmpty()) continue;

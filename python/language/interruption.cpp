@@ -1,0 +1,196 @@
+// python/language/interruption.cpp: stopping an evaluation that runs on another host thread.
+#include "language/interruption.hpp"
+
+#include <mutex>
+#include <unordered_map>
+
+#include "extension/gil.hpp"
+
+namespace tala::python {
+
+namespace {
+
+// What the interrupting side knows of one thread. `depth` and `interrupted` are read and
+// written under the interpreter lock only; the record is listed in the registry while its
+// thread lives.
+struct ThreadRecord {
+    unsigned long threadId = PyThread_get_thread_ident();
+    int depth = 0;             // evaluations running on the thread, nested
+    bool interrupted = false;  // the running evaluation was told to stop
+};
+
+// Thread identifier -> its record. `mutex` guards the map; the process-wide instance is never
+// destroyed (threads may end after static destruction began).
+struct Registry {
+    std::mutex mutex;
+    std::unordered_map<unsigned long, ThreadRecord*> threads;
+};
+
+Registry& registry() {
+    static auto* instance = new Registry();
+    return *instance;
+}
+
+// This thread's record, listed on first use and unlisted when the thread ends.
+struct OwnRecord {
+    ThreadRecord record;
+    bool listed = false;
+
+    ThreadRecord& get() {
+        if (!listed) {
+            std::lock_guard lock(registry().mutex);
+            registry().threads[record.threadId] = &record;
+            listed = true;
+        }
+        return record;
+    }
+    ~OwnRecord() {
+        if (!listed) return;
+        std::lock_guard lock(registry().mutex);
+        registry().threads.erase(record.threadId);
+    }
+};
+
+thread_local OwnRecord t_record;
+
+// ---- Raising again until the evaluation ends ---------------------------------------------------
+//
+// The first interruption is an asynchronous exception, which the interpreter raises at the next
+// point where it looks. Code that catches it and goes on is stopped by a monitoring callback on
+// jumps and function starts, which raises it again while an interruption is pending on its
+// thread. The callback is only switched on while some interruption is pending, so evaluations
+// pay nothing for it otherwise. All of this runs under the interpreter lock.
+
+int g_pendingInterruptions = 0;
+int g_monitoringTool = -1;  // the sys.monitoring tool id we hold, or -1
+
+PyObject* raiseIfInterrupted(PyObject*, PyObject* const*, Py_ssize_t) {
+    if (t_record.listed && t_record.record.depth > 0 && t_record.record.interrupted) {
+        PyErr_SetNone(interruptedType());
+        return nullptr;
+    }
+    Py_RETURN_NONE;
+}
+
+// A fast-call function in the slot of a plain one, as METH_FASTCALL says; cast through a function
+// type that takes nothing, which converts to any other.
+PyMethodDef g_callbackDefinition{"tala_interruption_check", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(raiseIfInterrupted)),
+                                 METH_FASTCALL, "Raises the interruption in an evaluation that was told to stop."};
+
+PyObjectPtr monitoring() {
+    PyObjectPtr sys = PyObjectPtr::steal(PyImport_ImportModule("sys"));
+    return sys ? PyObjectPtr::steal(PyObject_GetAttrString(sys.get(), "monitoring")) : PyObjectPtr();
+}
+
+long eventMask(PyObject* monitoringModule) {
+    PyObjectPtr events = PyObjectPtr::steal(PyObject_GetAttrString(monitoringModule, "events"));
+    long mask = 0;
+    for (const char* name : {"JUMP", "PY_START", "PY_RESUME"}) {
+        PyObjectPtr value = events ? PyObjectPtr::steal(PyObject_GetAttrString(events.get(), name)) : PyObjectPtr();
+        if (value) mask |= PyLong_AsLong(value.get());
+    }
+    return mask;
+}
+
+// Takes a free tool id (debuggers, coverage and profilers keep theirs) and registers the
+// callback for the events; the tool stays ours for the life of the process.
+bool claimTool(PyObject* monitoringModule) {
+    if (g_monitoringTool >= 0) return true;
+    PyObjectPtr callback = PyObjectPtr::steal(PyCFunction_New(&g_callbackDefinition, nullptr));
+    if (!callback) return false;
+    for (int tool : {4, 3}) {
+        PyObjectPtr claimed = PyObjectPtr::steal(PyObject_CallMethod(monitoringModule, "use_tool_id", "is", tool, "tala"));
+        if (!claimed) {
+            PyErr_Clear();
+            continue;
+        }
+        PyObjectPtr events = PyObjectPtr::steal(PyObject_GetAttrString(monitoringModule, "events"));
+        for (const char* name : {"JUMP", "PY_START", "PY_RESUME"}) {
+            PyObjectPtr event = events ? PyObjectPtr::steal(PyObject_GetAttrString(events.get(), name)) : PyObjectPtr();
+            PyObjectPtr done = event ? PyObjectPtr::steal(PyObject_CallMethod(monitoringModule, "register_callback", "iOO", tool,
+                                                                              event.get(), callback.get()))
+                                     : PyObjectPtr();
+            if (!done) PyErr_Clear();
+        }
+        g_monitoringTool = tool;
+        return true;
+    }
+    return false;
+}
+
+void switchMonitoring(bool on) {
+    PyObjectPtr module = monitoring();
+    if (!module || !claimTool(module.get())) {
+        PyErr_Clear();
+        return;
+    }
+    PyObjectPtr done = PyObjectPtr::steal(
+        PyObject_CallMethod(module.get(), "set_events", "il", g_monitoringTool, on ? eventMask(module.get()) : 0L));
+    if (!done) PyErr_Clear();
+}
+
+const char* const kInterruptedProgram = R"PY(
+class Interrupted(KeyboardInterrupt):
+    """Raised in an evaluation that the host stopped."""
+
+    def __init__(self, *args):
+        super().__init__(*(args or ("The evaluation was interrupted.",)))
+
+
+Interrupted.__module__ = "tala.python"
+)PY";
+
+}  // namespace
+
+EvaluationScope::EvaluationScope() noexcept { ++t_record.get().depth; }
+
+EvaluationScope::~EvaluationScope() {
+    ThreadRecord& record = t_record.record;
+    if (--record.depth > 0 || !record.interrupted) return;
+    // The evaluation ended: what was meant to stop it must not stop anything later.
+    record.interrupted = false;
+    (void)PyThreadState_SetAsyncExc(record.threadId, nullptr);
+    if (--g_pendingInterruptions == 0) switchMonitoring(false);
+}
+
+std::int64_t currentThreadId() noexcept { return static_cast<std::int64_t>(PyThread_get_thread_ident()); }
+
+PyObject* interruptedType() {
+    static MadeOnce state;
+    static PyObject* type = nullptr;
+    makeOnce(state, [] {
+        PyObjectPtr globals = PyObjectPtr::steal(PyDict_New());
+        PyObjectPtr name = PyObjectPtr::steal(PyUnicode_FromString("tala.python"));
+        if (globals && name && PyDict_SetItemString(globals.get(), "__builtins__", PyEval_GetBuiltins()) == 0 &&
+            PyDict_SetItemString(globals.get(), "__name__", name.get()) == 0) {
+            PyObjectPtr ran = PyObjectPtr::steal(PyRun_String(kInterruptedProgram, Py_file_input, globals.get(), globals.get()));
+            if (ran) type = PyDict_GetItemString(globals.get(), "Interrupted");
+            if (type != nullptr) Py_IncRef(type);  // kept for the life of the process
+        }
+        if (type == nullptr) {
+            PyErr_Clear();
+            type = PyExc_KeyboardInterrupt;
+        }
+    });
+    return type;
+}
+
+bool interruptEvaluation(std::int64_t threadId) {
+    if (!Py_IsInitialized()) return false;
+    GilGuard gil;  // evaluations start and end under the lock: none can end half-way through this
+    PyObject* type = interruptedType();
+    const auto id = static_cast<unsigned long>(threadId);
+    bool first = false;
+    {
+        std::lock_guard lock(registry().mutex);
+        auto found = registry().threads.find(id);
+        if (found == registry().threads.end() || found->second->depth == 0) return false;
+        first = !found->second->interrupted;
+        found->second->interrupted = true;
+        (void)PyThreadState_SetAsyncExc(id, type);
+    }
+    if (first && g_pendingInterruptions++ == 0) switchMonitoring(true);
+    return true;
+}
+
+}  // namespace tala::python
