@@ -1,11 +1,14 @@
-// host/commands.cpp: eval, run and modules.
+// host/commands.cpp: eval, run and modules, and how the host program reports a failed evaluation.
 #include "commands.hpp"
 
 #include <charconv>
+#include <condition_variable>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
+#include <mutex>
 #include <sstream>
+#include <thread>
 
 namespace tala::host {
 
@@ -49,37 +52,145 @@ void flushPythonOutput() {
     (void)callModuleFunction("evaluate", {String("import sys\nsys.stdout.flush()\nsys.stderr.flush()"), Any(), Any(), Any()});
 }
 
-namespace {
-
-int reportFailure(const Any& result) {
-    flushPythonOutput();
-    const String message = Error::cast(result) ? Error(internal::unchecked, result).message() : display(result);
-    std::fprintf(stderr, "%s\n", message.c_str());
-    return kEvaluationFailed;
+std::optional<String> errorText(const Any& error, std::string_view property) {
+    auto found = property_of(error, property);
+    if (found.isEmpty()) return std::nullopt;
+    return String::cast(resolve(found.as<Property>().get(error)));
 }
 
-void printLine(const String& text) {
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fputc('\n', stdout);
+namespace {
+
+void printLine(FILE* stream, std::string_view text) {
+    std::fwrite(text.data(), 1, text.size(), stream);
+    std::fputc('\n', stream);
+}
+
+// A report, which ends with a line feed of its own (a traceback) or not (a message).
+void printReport(std::string_view text) {
+    std::fwrite(text.data(), 1, text.size(), stderr);
+    if (!text.ends_with('\n')) std::fputc('\n', stderr);
+}
+
+// The last line of a report that is not empty: "KeyError: 'k'".
+std::string_view lastLine(std::string_view report) {
+    while (report.ends_with('\n')) report.remove_suffix(1);
+    const std::size_t start = report.rfind('\n');
+    return start == std::string_view::npos ? report : report.substr(start + 1);
+}
+
+std::optional<std::int64_t> exitStatusOf(const Any& error) {
+    auto found = property_of(error, std::string_view("exitStatus"));
+    if (found.isEmpty()) return std::nullopt;
+    const Any status = resolve(found.as<Property>().get(error));
+    if (status.kind() != Kind::Integer) return std::nullopt;
+    return status.rawInteger();
+}
+
+// Stops the evaluation of the calling thread when the time is up, through python_interrupt.
+class Deadline {
+public:
+    Deadline(std::optional<double> seconds) {
+        if (!seconds) return;
+        const Any threadId = callModuleFunction("python_thread_id", {});
+        thread_ = std::thread([this, limit = *seconds, threadId] {
+            std::unique_lock lock(mutex_);
+            const auto duration = std::chrono::duration<double>(limit);
+            if (changed_.wait_for(lock, duration, [this] { return done_; })) return;
+            lock.unlock();
+            const Any stopped = callModuleFunction("python_interrupt", {threadId});
+            expired_ = stopped.kind() == Kind::Boolean && stopped.rawBoolean();
+        });
+    }
+    ~Deadline() { finish(); }
+    Deadline(const Deadline&) = delete;
+    Deadline& operator=(const Deadline&) = delete;
+
+    // Whether the evaluation was stopped; ends the waiting either way.
+    bool expired() {
+        finish();
+        return expired_;
+    }
+
+private:
+    void finish() {
+        if (!thread_.joinable()) return;
+        {
+            std::lock_guard lock(mutex_);
+            done_ = true;
+        }
+        changed_.notify_all();
+        thread_.join();
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool done_ = false;
+    bool expired_ = false;
+    std::thread thread_;
+};
+
+// Runs one evaluation under the options: the result, or the status to end with after a
+// failure was reported.
+template <class Evaluate>
+std::optional<int> evaluateWith(const EvaluationOptions& options, Any& result, Evaluate&& evaluate) {
+    Deadline deadline(options.timeoutSeconds);
+    result = evaluate();
+    const bool timedOut = deadline.expired();
+    if (!is_error_result(result)) return std::nullopt;
+    const int status = reportFailure(result, options.quietTraceback);
+    if (timedOut) {
+        std::fprintf(stderr, "Stopped after the timeout of %g seconds.\n", *options.timeoutSeconds);
+        return kTimedOut;
+    }
+    return status;
 }
 
 }  // namespace
 
-int evalCommand(const std::string& expression, const std::vector<std::string>& assignments) {
+int reportFailure(const Any& result, bool quiet) {
+    flushPythonOutput();
+    const std::optional<Error> error = Error::cast(result);
+    if (!error) {
+        printReport(display(result).view());
+        return kEvaluationFailed;
+    }
+    if (errorText(*error, "exceptionType").value_or(String()) == "SystemExit") {
+        // As Python's program ends: with the status, or printing the code and ending with 1.
+        if (auto status = exitStatusOf(*error)) return static_cast<int>(*status);
+        printReport(error->message().view());
+        return kEvaluationFailed;
+    }
+    const std::optional<String> traceback = errorText(*error, "traceback");
+    if (!traceback) {
+        printReport(error->message().view());
+    } else if (quiet) {
+        printReport(lastLine(traceback->view()));
+    } else {
+        printReport(traceback->view());
+    }
+    return kEvaluationFailed;
+}
+
+int evalCommand(const std::string& expression, const std::vector<std::string>& assignments,
+                const EvaluationOptions& options) {
     HashMap<String, Any> locals;
     if (Any parsed = parseAssignments(assignments, locals); is_error_result(parsed)) {
         std::fprintf(stderr, "%s\n", Error(internal::unchecked, parsed).message().c_str());
         return kUsage;
     }
-    Any result = callModuleFunction("evaluate_expr", {String(expression), locals, Any()});
-    if (is_error_result(result)) return reportFailure(result);
+    Any result;
+    if (auto failed = evaluateWith(options, result, [&] {
+            return callModuleFunction("evaluate_expr", {String(expression), locals, Any()});
+        })) {
+        return *failed;
+    }
     flushPythonOutput();
-    printLine(display(result));
+    printLine(stdout, display(result).view());
     return kOk;
 }
 
 int runCommand(const std::string& file, const std::vector<std::string>& assignments,
-               const std::vector<std::string>& outNames) {
+               const std::vector<std::string>& outNames, const EvaluationOptions& options) {
     std::stringstream text;
     if (file == "-") {
         text << std::cin.rdbuf();
@@ -91,25 +202,30 @@ int runCommand(const std::string& file, const std::vector<std::string>& assignme
         }
         text << input.rdbuf();
     }
-    HashMap<String, Any> locals;
+    // The script knows its file as Python's own program tells it, and its tracebacks name it.
+    HashMap<String, Any> locals{{String("__file__"), String(file == "-" ? std::string("<stdin>") : file)}};
     if (Any parsed = parseAssignments(assignments, locals); is_error_result(parsed)) {
         std::fprintf(stderr, "%s\n", Error(internal::unchecked, parsed).message().c_str());
         return kUsage;
     }
     HashMap<String, Any> outLocals;
     for (const std::string& name : outNames) outLocals.set(String(name), Any());
-    Any result = callModuleFunction("evaluate", {String(text.str()), locals, Any(), outNames.empty() ? Any() : Any(outLocals)});
-    if (is_error_result(result)) return reportFailure(result);
+    Any result;
+    if (auto failed = evaluateWith(options, result, [&] {
+            return callModuleFunction("evaluate", {String(text.str()), locals, Any(), outNames.empty() ? Any() : Any(outLocals)});
+        })) {
+        return *failed;
+    }
     flushPythonOutput();
-    if (!result.isEmpty()) printLine(display(result));
+    if (!result.isEmpty()) printLine(stdout, display(result).view());
     for (const std::string& name : outNames) {
-        printLine(String("{} = {}").arg(String(name), display(outLocals.get(String(name)).value_or(Any()))));
+        printLine(stdout, String("{} = {}").arg(String(name), display(outLocals.get(String(name)).value_or(Any()))).view());
     }
     return kOk;
 }
 
 int modulesCommand() {
-    for (const Module& module : modules()) printLine(module.name());
+    for (const Module& module : modules()) printLine(stdout, module.name().view());
     return kOk;
 }
 

@@ -1,6 +1,7 @@
 // host/commands.hpp: the host program's commands, over the extension's module functions.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -8,10 +9,19 @@
 
 namespace tala::host {
 
-// Exit statuses: 0 success, 1 the evaluation failed, 2 usage or start-up errors.
+// Exit statuses: 0 success, 1 the evaluation failed, 2 usage or start-up errors, 124 the
+// evaluation was stopped by --timeout (as the timeout program ends). A script that calls
+// sys.exit ends the program with its status, as Python's own program does.
 constexpr int kOk = 0;
 constexpr int kEvaluationFailed = 1;
 constexpr int kUsage = 2;
+constexpr int kTimedOut = 124;
+
+// What eval and run are told besides their code and values.
+struct EvaluationOptions {
+    std::optional<double> timeoutSeconds;  // --timeout SECONDS
+    bool quietTraceback = false;           // --quiet-traceback: only the last line of a report
+};
 
 // Turns "NAME=VALUE" arguments into locals: an integer when VALUE parses as one, else a float
 // when it parses as one, else a string. An Error for an argument without "=" or with no name.
@@ -21,9 +31,10 @@ Any parseValue(std::string_view text);
 // The module functions of "tala.python", looked up through the object model.
 Any callModuleFunction(std::string_view name, std::initializer_list<Any> arguments);
 
-int evalCommand(const std::string& expression, const std::vector<std::string>& assignments);
+int evalCommand(const std::string& expression, const std::vector<std::string>& assignments,
+                const EvaluationOptions& options);
 int runCommand(const std::string& file, const std::vector<std::string>& assignments,
-               const std::vector<std::string>& outNames);
+               const std::vector<std::string>& outNames, const EvaluationOptions& options);
 int modulesCommand();
 // The interactive prompt; `interactive` false reads plain lines (no line editing), for tests
 // and pipes.
@@ -31,5 +42,13 @@ int promptCommand(bool interactive);
 
 // Makes the output of Python's print() appear before what the host prints next.
 void flushPythonOutput();
+
+// Prints a failed evaluation's report on standard error as Python's own program prints it (the
+// traceback, or with `quiet` its last line; the message of an error that is no Python
+// exception) and answers the status the program ends with: the status of a SystemExit, else 1.
+int reportFailure(const Any& result, bool quiet);
+
+// A property of an error value that is a string, if it has one.
+std::optional<String> errorText(const Any& error, std::string_view property);
 
 }  // namespace tala::host

@@ -1,7 +1,10 @@
 // host/main.cpp: the host program `tala`: loads the Python extension the way the host does, then runs a command.
 #include <unistd.h>
 
+#include <charconv>
+#include <cmath>
 #include <csignal>
+#include <optional>
 
 #include <cstdio>
 #include <cstring>
@@ -15,8 +18,8 @@
 namespace {
 
 const char* const kUsageText = R"(Usage:
-  tala [--extension PATH] eval EXPR [NAME=VALUE ...]
-  tala [--extension PATH] run FILE [NAME=VALUE ...] [--out NAME ...]
+  tala [--extension PATH] eval EXPR [NAME=VALUE ...] [OPTIONS]
+  tala [--extension PATH] run FILE [NAME=VALUE ...] [--out NAME ...] [OPTIONS]
   tala [--extension PATH] modules
   tala [--extension PATH] [prompt]
   tala --help
@@ -34,20 +37,33 @@ bin/, or the library given by --extension), runs its start-up, then:
   modules
       Prints the registered host modules, one name a line.
   prompt, or no command on a terminal
-      Opens a prompt with line editing and history: an expression line prints its value,
-      any other line runs as code, and names assigned at the prompt stay visible to later
-      lines. Ctrl-D leaves.
+      Opens Python's prompt: blocks continue on "..." lines until an empty line, names
+      stay for the whole session, Tab completes names and attributes, history is kept in
+      ~/.tala_history. Ctrl-C stops the running line, or clears the line being typed.
+      Ctrl-D leaves.
+
+OPTIONS of eval and run:
+  --timeout SECONDS   stop the evaluation when it runs longer (exit status 124)
+  --quiet-traceback   report a failure with the last line of its traceback only
 
 NAME=VALUE: VALUE becomes an integer when it parses as one, else a float when it parses
 as one, else a string. The host modules are visible by name (tala.get_logger(), ...).
 
-Exit status: 0 on success, 1 when the evaluation fails (its message goes to standard
-error), 2 for usage and start-up errors.
+Exit status: 0 on success, 1 when the evaluation fails (its traceback goes to standard
+error), 2 for usage and start-up errors, 124 when --timeout stopped it. A script that
+calls sys.exit() ends with the status it gives, as Python does.
 )";
 
 int usageError(const std::string& sentence) {
     std::fprintf(stderr, "%s Run 'tala --help' for usage.\n", sentence.c_str());
     return tala::host::kUsage;
+}
+
+std::optional<double> secondsOf(const std::string& text) {
+    double seconds = 0;
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+    if (error != std::errc() || end != text.data() + text.size() || !(seconds > 0) || !std::isfinite(seconds)) return std::nullopt;
+    return seconds;
 }
 
 std::string defaultExtension() {
@@ -98,23 +114,31 @@ int main(int argc, char** argv) {
     }
 
     std::vector<std::string> rest(arguments.begin() + static_cast<std::ptrdiff_t>(next), arguments.end());
-    if (command == "eval") {
-        if (rest.empty()) return usageError("eval needs an expression.");
-        return tala::host::evalCommand(rest[0], std::vector<std::string>(rest.begin() + 1, rest.end()));
-    }
-    if (command == "run") {
-        if (rest.empty()) return usageError("run needs a file (or - for standard input).");
-        std::vector<std::string> assignments;
+    if (command == "eval" || command == "run") {
+        const bool run = command == "run";
+        std::vector<std::string> positional;
         std::vector<std::string> outNames;
-        for (std::size_t index = 1; index < rest.size(); ++index) {
-            if (rest[index] == "--out") {
+        tala::host::EvaluationOptions options;
+        for (std::size_t index = 0; index < rest.size(); ++index) {
+            const std::string& argument = rest[index];
+            if (run && argument == "--out") {
                 if (index + 1 >= rest.size()) return usageError("--out needs a name.");
                 outNames.push_back(rest[++index]);
+            } else if (argument == "--timeout") {
+                if (index + 1 >= rest.size()) return usageError("--timeout needs a number of seconds.");
+                auto seconds = secondsOf(rest[++index]);
+                if (!seconds) return usageError("--timeout needs a positive number of seconds, not '" + rest[index] + "'.");
+                options.timeoutSeconds = seconds;
+            } else if (argument == "--quiet-traceback") {
+                options.quietTraceback = true;
             } else {
-                assignments.push_back(rest[index]);
+                positional.push_back(argument);
             }
         }
-        return tala::host::runCommand(rest[0], assignments, outNames);
+        if (positional.empty()) return usageError(run ? "run needs a file (or - for standard input)." : "eval needs an expression.");
+        const std::vector<std::string> assignments(positional.begin() + 1, positional.end());
+        if (run) return tala::host::runCommand(positional[0], assignments, outNames, options);
+        return tala::host::evalCommand(positional[0], assignments, options);
     }
     if (command == "modules") {
         if (!rest.empty()) return usageError("modules takes no arguments.");

@@ -1,12 +1,21 @@
-// host/prompt.cpp: the interactive prompt, with line editing and history.
+// host/prompt.cpp: the interactive prompt: Python's own prompt over the extension, with line editing, completion and history.
+#include <pthread.h>
 #include <readline/history.h>
 #include <readline/readline.h>
+#include <sys/select.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <algorithm>
 #include <iostream>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "commands.hpp"
 
@@ -14,73 +23,164 @@ namespace tala::host {
 
 namespace {
 
-// The names a line of code binds (assignments, definitions, imports), found by Python's own
-// parser so that the prompt can keep them for later lines.
-const char* const kBoundNames = R"PY(import ast
-names = []
-for node in ast.walk(ast.parse(source)):
-    if isinstance(node, ast.Name) and isinstance(node.ctx, ast.Store):
-        names.append(node.id)
-    elif isinstance(node, (ast.FunctionDef, ast.AsyncFunctionDef, ast.ClassDef)):
-        names.append(node.name)
-    elif isinstance(node, (ast.Import, ast.ImportFrom)):
-        for alias in node.names:
-            names.append(alias.asname or alias.name.split('.')[0])
-return names)PY";
+// The session, in Python: the compiler of Python's own prompt decides whether a block needs
+// more lines, code runs in one namespace for the whole session (so comprehensions, lambdas and
+// functions see the prompt's names), expression statements print their value through
+// sys.displayhook, and errors print as Python prints them.
+const char* const kSessionProgram = R"PY(
+import builtins
+import codeop
+import rlcompleter
+import sys
+import traceback
 
-// Whether a line is one expression, asked of Python's parser before anything runs: a line must
-// run once, so its kind cannot be found out by trying it. Leading blanks are dropped, as eval()
-// drops them.
-const char* const kIsExpression = R"PY(import ast
-try:
-    ast.parse(source.lstrip(' \t'), mode='eval')
-except SyntaxError:
-    return False
-return True)PY";
 
-bool isExpression(const std::string& line) {
-    HashMap<String, Any> parseLocals{{String("source"), String(line)}};
-    const Any answer = callModuleFunction("evaluate", {String(kIsExpression), parseLocals, Any(), Any()});
-    return Boolean::matches(answer) && Boolean(internal::unchecked, answer).value();
+class HostCompleter(rlcompleter.Completer):
+    def attr_matches(self, text):
+        expression, _, prefix = text.rpartition('.')
+        try:
+            thing = eval(expression, self.namespace)
+        except Exception:
+            return []
+        names = getattr(thing, '__dir__', None)
+        if not isinstance(names, list):
+            # Not a host value: Python's own rules.
+            return super().attr_matches(text)
+        return sorted({f"{expression}.{name}" for name in names
+                       if isinstance(name, str) and name.startswith(prefix) and not name.startswith('_')})
+
+
+class TalaSession:
+    def __init__(self, namespace):
+        self.namespace = namespace
+        self.compiler = codeop.CommandCompiler()
+        self.lines = []
+        self.completer = HostCompleter(namespace)
+        self.matches = []
+
+    def push(self, line):
+        """Adds a line; True when the block needs more lines."""
+        self.lines.append(line)
+        source = "\n".join(self.lines)
+        try:
+            code = self.compiler(source, "<stdin>", "single")
+        except (OverflowError, SyntaxError, ValueError) as error:
+            self.lines = []
+            self.show(error, frames=False)
+            return False
+        if code is None:
+            return True
+        self.lines = []
+        try:
+            exec(code, self.namespace)
+        except SystemExit:
+            raise
+        except BaseException as error:
+            self.show(error, frames=True)
+        return False
+
+    def reset(self):
+        self.lines = []
+
+    def show(self, error, frames):
+        sys.stdout.flush()
+        if isinstance(error, KeyboardInterrupt):
+            print("KeyboardInterrupt", file=sys.stderr)
+        else:
+            # The frame of push() itself is nobody's code.
+            tb = error.__traceback__.tb_next if frames and error.__traceback__ else None
+            traceback.print_exception(type(error), error, tb, file=sys.stderr)
+        sys.stderr.flush()
+
+    def complete(self, text, state):
+        if state == 0:
+            self.matches = []
+            index = 0
+            while True:
+                match = self.completer.complete(text, index)
+                if match is None:
+                    break
+                self.matches.append(match)
+                index += 1
+        return self.matches[state] if state < len(self.matches) else None
+
+
+namespace = {name: value for name, value in globals().items() if name not in ('self', 'TalaSession', 'HostCompleter')}
+namespace['__name__'] = '__main__'
+namespace['__builtins__'] = builtins
+return TalaSession(namespace)
+)PY";
+
+// The session's method `name`, called with the arguments; its result or an error.
+Any callSession(const Any& session, std::string_view name, std::initializer_list<Any> arguments) {
+    auto method = method_of(session, name);
+    if (method.isEmpty()) return Error(String("The prompt's session has no method {}.").arg(String(name)));
+    return resolve(method.as<I_Invokable_Generic>().invokeWith(arguments));
 }
 
-// One line: an expression prints its value; anything else runs as code, and the names it binds
-// stay in `session` for the lines after it.
-void runLine(const std::string& line, HashMap<String, Any>& session) {
-    if (isExpression(line)) {
-        Any value = callModuleFunction("evaluate_expr", {String(line), session, Any()});
-        flushPythonOutput();
-        if (is_error_result(value)) {
-            std::fprintf(stderr, "%s\n", Error(internal::unchecked, value).message().c_str());
-        } else if (!value.isEmpty()) {
-            std::printf("%s\n", display(value).c_str());
-        }
-        return;
-    }
-    HashMap<String, Any> parseLocals{{String("source"), String(line)}};
-    Any names = callModuleFunction("evaluate", {String(kBoundNames), parseLocals, Any(), Any()});
-    HashMap<String, Any> outLocals;
-    for (const auto& entry : session) outLocals.set(entry.key, entry.value);
-    if (auto list = List_Generic::cast(names)) {
-        for (std::int64_t index = 0; index < list->length(); ++index) {
-            Any name = resolve(I_Sequence_Generic(internal::unchecked, *list).at(index));
-            if (String::matches(name) && !outLocals.contains(name)) outLocals.set(name, None());
-        }
-    } else if (auto sequence = I_Sequence_Generic::cast(names)) {
-        Any length = resolve(sequence->length());
-        for (std::int64_t index = 0; length.kind() == Kind::Integer && index < length.rawInteger(); ++index) {
-            Any name = resolve(sequence->at(index));
-            if (String::matches(name) && !outLocals.contains(name)) outLocals.set(name, None());
-        }
-    }
-    Any result = callModuleFunction("evaluate", {String(line), Any(), Any(), outLocals});
+// Pushes one line; answers whether the block needs more lines. An error that the session
+// could not show itself (the interruption that arrived while it compiled) is shown here.
+bool pushLine(const Any& session, const std::string& line, bool& leave, int& status) {
+    const Any more = callSession(session, "push", {String(line)});
     flushPythonOutput();
-    if (is_error_result(result)) {
-        std::fprintf(stderr, "%s\n", Error(internal::unchecked, result).message().c_str());
-        return;
+    if (is_error_result(more)) {
+        if (errorText(more, "exceptionType").value_or(String()) == "SystemExit") {
+            status = reportFailure(more, false);
+            leave = true;
+            return false;
+        }
+        if (errorText(more, "exceptionType").value_or(String()).view().ends_with("Interrupted")) {
+            std::fputs("KeyboardInterrupt\n", stderr);
+        } else {
+            (void)reportFailure(more, false);
+        }
+        (void)callSession(session, "reset", {});
+        return false;
     }
-    for (const auto& entry : outLocals) session.set(entry.key, entry.value);
-    if (!result.isEmpty()) std::printf("%s\n", display(result).c_str());
+    return more.kind() == Kind::Boolean && more.rawBoolean();
+}
+
+// ---- Ctrl-C ------------------------------------------------------------------------------------
+//
+// The signal handler only writes a byte to one of two pipes. While a line runs, a thread of the
+// prompt (which never takes the signal itself) reads it and stops the line through
+// python_interrupt. While a line is typed, the loop that waits for keys reads it and drops the
+// line and any open block, as Python's own prompt does.
+
+int g_interruptPipe[2] = {-1, -1};
+int g_cancelPipe[2] = {-1, -1};
+std::atomic<bool> g_running{false};
+
+void onInterrupt(int) {
+    const int saved = errno;
+    const char byte = 'i';
+    (void)!write(g_running.load() ? g_interruptPipe[1] : g_cancelPipe[1], &byte, 1);
+    errno = saved;
+}
+
+void watchInterrupts(Any threadId) {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    char byte = 0;
+    while (read(g_interruptPipe[0], &byte, 1) == 1 && byte != 'q') (void)callModuleFunction("python_interrupt", {threadId});
+}
+
+// ---- Line editing ------------------------------------------------------------------------------
+
+Any* g_session = nullptr;
+
+char* completionMatch(const char* text, int state) {
+    const Any match = callSession(*g_session, "complete", {String(text), Integer(state)});
+    auto asString = String::cast(match);
+    if (!asString) return nullptr;
+    return strdup(asString->c_str());
+}
+
+char** complete(const char* text, int, int) {
+    rl_attempted_completion_over = 1;  // no file names
+    return rl_completion_matches(text, completionMatch);
 }
 
 std::string historyFile() {
@@ -88,32 +188,127 @@ std::string historyFile() {
     return home == nullptr ? std::string() : std::string(home) + "/.tala_history";
 }
 
+// What readline's line handler received.
+struct TypedLine {
+    std::string text;
+    bool complete = false;  // a line was entered
+    bool ended = false;     // Ctrl-D
+};
+TypedLine g_typed;
+
+void onLine(char* raw) {
+    // No prompt until the prompt is installed again, after the line ran.
+    rl_callback_handler_remove();
+    if (raw == nullptr) {
+        g_typed.ended = true;
+        return;
+    }
+    g_typed.text = raw;
+    g_typed.complete = true;
+    std::free(raw);
+}
+
+enum class Typed { Line, Cancelled, Ended };
+
+// Reads one line with readline's callback interface, so that a Ctrl-C can end the waiting at
+// once (the loop waits for a key or the cancel pipe).
+Typed readLine(const char* prompt, std::string& line) {
+    g_typed = TypedLine{};
+    rl_callback_handler_install(prompt, onLine);
+    while (!g_typed.complete && !g_typed.ended) {
+        fd_set ready;
+        FD_ZERO(&ready);
+        FD_SET(STDIN_FILENO, &ready);
+        FD_SET(g_cancelPipe[0], &ready);
+        if (select(std::max(STDIN_FILENO, g_cancelPipe[0]) + 1, &ready, nullptr, nullptr, nullptr) < 0) {
+            if (errno == EINTR) continue;
+            rl_callback_handler_remove();
+            return Typed::Ended;
+        }
+        if (FD_ISSET(g_cancelPipe[0], &ready)) {
+            char byte = 0;
+            (void)!read(g_cancelPipe[0], &byte, 1);
+            rl_free_line_state();
+            rl_callback_sigcleanup();
+            rl_callback_handler_remove();
+            return Typed::Cancelled;
+        }
+        rl_callback_read_char();
+    }
+    if (g_typed.ended) return Typed::Ended;
+    line = g_typed.text;
+    return Typed::Line;
+}
+
+int interactivePrompt(const Any& session) {
+    g_session = const_cast<Any*>(&session);
+    // The session imported Python's readline module (rlcompleter does), which shares this
+    // program's readline and binds Tab to insert a tab: take Tab and completion back.
+    rl_bind_key('\t', rl_complete);
+    rl_completion_entry_function = nullptr;
+    rl_attempted_completion_function = complete;
+    rl_completer_word_break_characters = const_cast<char*>(" \t\n`~!@#$%^&*()-=+[{]}\\|;:'\",<>/?");
+    rl_catch_signals = 0;
+    const std::string history = historyFile();
+    if (!history.empty()) read_history(history.c_str());
+
+    if (pipe(g_interruptPipe) != 0 || pipe(g_cancelPipe) != 0) return kUsage;
+    std::thread watcher(watchInterrupts, callModuleFunction("python_thread_id", {}));
+    struct sigaction action {};
+    action.sa_handler = onInterrupt;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &action, nullptr);
+
+    const Any version = callModuleFunction("evaluate_expr", {String("__import__('sys').version.split()[0]"), Any(), Any()});
+    std::printf("Python %s on the tala host. Ctrl-D leaves.\n", String::cast(version).value_or(String("3")).c_str());
+    std::fflush(stdout);
+    bool more = false;
+    bool leave = false;
+    int status = kOk;
+    while (!leave) {
+        std::string line;
+        const Typed typed = readLine(more ? "... " : ">>> ", line);
+        if (typed == Typed::Ended) {
+            std::fputc('\n', stdout);
+            break;
+        }
+        if (typed == Typed::Cancelled) {
+            std::fputs("\nKeyboardInterrupt\n", stdout);
+            (void)callSession(session, "reset", {});
+            more = false;
+            continue;
+        }
+        if (line.find_first_not_of(" \t\r") != std::string::npos) add_history(line.c_str());
+        g_running = true;
+        more = pushLine(session, line, leave, status);
+        g_running = false;
+        std::fflush(stdout);
+    }
+    signal(SIGINT, SIG_DFL);
+    const char quit = 'q';
+    (void)!write(g_interruptPipe[1], &quit, 1);
+    watcher.join();
+    if (!history.empty()) write_history(history.c_str());
+    return status;
+}
+
 }  // namespace
 
 int promptCommand(bool interactive) {
-    HashMap<String, Any> session;
-    if (!interactive) {
-        for (std::string line; std::getline(std::cin, line);) {
-            if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
-            runLine(line, session);
-            std::fflush(stdout);
-        }
-        return kOk;
-    }
-    const std::string history = historyFile();
-    if (!history.empty()) read_history(history.c_str());
-    std::printf("tala prompt: Python expressions print their value; other lines run as code. Ctrl-D leaves.\n");
-    while (char* raw = readline(">>> ")) {
-        const std::string line(raw);
-        std::free(raw);
-        if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
-        add_history(line.c_str());
-        runLine(line, session);
+    const Any session = callModuleFunction("evaluate", {String(kSessionProgram), Any(), Any(), Any()});
+    if (is_error_result(session)) return reportFailure(session, false);
+    if (interactive) return interactivePrompt(session);
+    // Lines from a pipe: the same session, without line editing or prompts.
+    bool leave = false;
+    int status = kOk;
+    for (std::string line; !leave && std::getline(std::cin, line);) {
+        (void)pushLine(session, line, leave, status);
         std::fflush(stdout);
     }
-    std::printf("\n");
-    if (!history.empty()) write_history(history.c_str());
-    return kOk;
+    // A block still open at the end of the input runs, as an empty line would run it.
+    if (!leave) (void)pushLine(session, "", leave, status);
+    return status;
 }
 
 }  // namespace tala::host

@@ -11,6 +11,7 @@ namespace tala::python {
 
 const Identifier kExceptionTypeProperty{"$$exceptionType"};
 const Identifier kTracebackProperty{"$$traceback"};
+const Identifier kExitStatusProperty{"$$exitStatus"};
 
 namespace {
 
@@ -103,12 +104,33 @@ using RecordBox = Boxed<std::shared_ptr<ExceptionRecord>>;
 // Kept with the error under a name Python code cannot read (it begins with "_").
 const Identifier kRecordProperty{"$$_pythonException"};
 
+// The status a program ends with for a SystemExit, as Python's own program ends: its code when
+// that is a number, 0 for None; nothing for any other code (the program prints it and ends with 1).
+std::optional<std::int64_t> exitStatusOf(PyObject* exception) {
+    PyObjectPtr code = PyObjectPtr::steal(PyObject_GetAttrString(exception, "code"));
+    if (!code) {
+        PyErr_Clear();
+        return std::nullopt;
+    }
+    if (code.get() == Py_None) return 0;
+    if (!PyLong_Check(code.get())) return std::nullopt;
+    const long long status = PyLong_AsLongLong(code.get());
+    if (status == -1 && PyErr_Occurred() != nullptr) {
+        PyErr_Clear();
+        return std::nullopt;
+    }
+    return status;
+}
+
 }  // namespace
 
 void describeException(const Error& error, PyObject* exception, const ExceptionOrigin* origin) {
     const String typeName = qualifiedTypeName(exception);
     auto record = std::make_shared<ExceptionRecord>(exception, origin, typeName);
     (void)insert_property_value(error, kExceptionTypeProperty, typeName);
+    if (PyObject_TypeCheck(exception, reinterpret_cast<PyTypeObject*>(PyExc_SystemExit))) {
+        if (auto status = exitStatusOf(exception)) (void)insert_property_value(error, kExitStatusProperty, Integer(*status));
+    }
     (void)insert_property(error, Property(kTracebackProperty,
                                           native_function([record](const Any&) { return record->text(); },
                                                           "traceback", {}, String(), false),

@@ -22,11 +22,14 @@ struct ExceptionOrigin {
 // The names of the two properties.
 extern const Identifier kExceptionTypeProperty;  // "exceptionType"
 extern const Identifier kTracebackProperty;      // "traceback"
+extern const Identifier kExitStatusProperty;     // "exitStatus"
 
 // Gives the host error made from `exception` two properties of its own: `exceptionType`, the
 // exception's qualified type name ("KeyError", "json.decoder.JSONDecodeError"), and
 // `traceback`, the report Python's own program prints for it ("Traceback (most recent call
-// last):", the frames, the last line), formatted when first read. The caller holds the lock.
+// last):", the frames, the last line), formatted when first read. A SystemExit whose code is a
+// number or None also gives `exitStatus`: the status Python's own program would end with. The
+// caller holds the lock.
 void describeException(const Error& error, PyObject* exception, const ExceptionOrigin* origin);
 
 // The Python exception a host error was made from (borrowed: the error keeps it), or null.
