@@ -74,6 +74,29 @@ void BM_Raw_EvalBuiltin_XPlusOne(benchmark::State& state) {
 }
 BENCHMARK(BM_Raw_EvalBuiltin_XPlusOne);
 
+// The floor of a repeated evaluation: the expression compiled once, run with a fresh dictionary.
+void BM_Raw_CompiledOnce_XPlusOne(benchmark::State& state) {
+    startPython();
+    PyObjectPtr code;
+    {
+        GilGuard gil;
+        code = PyObjectPtr::steal(Py_CompileString("x + 1", "<string>", Py_eval_input));
+    }
+    for (auto _ : state) {
+        GilGuard gil;
+        PyObjectPtr globals = PyObjectPtr::steal(PyDict_New());
+        PyObjectPtr x = PyObjectPtr::steal(PyLong_FromLongLong(41));
+        PyDict_SetItemString(globals.get(), "x", x.get());
+        PyObjectPtr result = PyObjectPtr::steal(PyEval_EvalCode(code.get(), globals.get(), globals.get()));
+        const long long value = result ? PyLong_AsLongLong(result.get()) : -1;
+        benchmark::DoNotOptimize(value);
+        if (value != 42) state.SkipWithError("the evaluation failed");
+    }
+    GilGuard gil;
+    code.reset();
+}
+BENCHMARK(BM_Raw_CompiledOnce_XPlusOne);
+
 // The cheapest raw form: PyRun_String with one dictionary.
 void BM_Raw_PyRunString_XPlusOne(benchmark::State& state) {
     startPython();
@@ -126,6 +149,69 @@ void BM_Raw_CompileExec_TwoLines(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_Raw_CompileExec_TwoLines);
+
+// The floor of a repeated code evaluation: the two lines compiled once, run with a fresh
+// dictionary, the result and y read back.
+void BM_Raw_CompiledOnce_TwoLines(benchmark::State& state) {
+    startPython();
+    PyObjectPtr code;
+    {
+        GilGuard gil;
+        code = PyObjectPtr::steal(Py_CompileString("y = x + 1\nresult = y * 2\n", "<string>", Py_file_input));
+    }
+    for (auto _ : state) {
+        GilGuard gil;
+        PyObjectPtr globals = PyObjectPtr::steal(PyDict_New());
+        PyObjectPtr x = PyObjectPtr::steal(PyLong_FromLongLong(20));
+        PyDict_SetItemString(globals.get(), "x", x.get());
+        PyObjectPtr ran = PyObjectPtr::steal(PyEval_EvalCode(code.get(), globals.get(), globals.get()));
+        PyObject* result = PyDict_GetItemString(globals.get(), "result");  // borrowed
+        PyObject* y = PyDict_GetItemString(globals.get(), "y");            // borrowed
+        const long long value = result && y ? PyLong_AsLongLong(result) + PyLong_AsLongLong(y) : -1;
+        benchmark::DoNotOptimize(value);
+        if (value != 63) state.SkipWithError("the execution failed");
+    }
+    GilGuard gil;
+    code.reset();
+}
+BENCHMARK(BM_Raw_CompiledOnce_TwoLines);
+
+// A text evaluated for the first time: each iteration evaluates a text never seen before, next
+// to compiling and running the same text with the C API.
+void BM_Evaluate_FirstTime_TwoLinesOneOutLocal(benchmark::State& state) {
+    startPython();
+    const HashMap<String, Any> locals{{String("x"), Integer(20)}};
+    const HashMap<String, Any> out{{String("y"), Any()}};
+    const MapArgument localsArgument(tala::internal::unchecked, locals);
+    const MutableMapArgument outArgument(tala::internal::unchecked, out);
+    std::int64_t round = 0;
+    for (auto _ : state) {
+        const String code("y = x + 1\nreturn y * 2 + " + std::to_string(++round) + " * 0");
+        Any result = tala::python::evaluate(code, localsArgument, MapArgument(tala::None()), outArgument);
+        benchmark::DoNotOptimize(result);
+        if (result.kind() != tala::Kind::Integer || result.rawInteger() != 42) state.SkipWithError("the evaluation failed");
+    }
+}
+BENCHMARK(BM_Evaluate_FirstTime_TwoLinesOneOutLocal);
+
+void BM_Raw_FirstTime_CompileExec_TwoLines(benchmark::State& state) {
+    startPython();
+    std::int64_t round = 0;
+    for (auto _ : state) {
+        const std::string text = "y = x + 1\nresult = y * 2 + " + std::to_string(++round) + " * 0\n";
+        GilGuard gil;
+        PyObjectPtr globals = PyObjectPtr::steal(PyDict_New());
+        PyObjectPtr x = PyObjectPtr::steal(PyLong_FromLongLong(20));
+        PyDict_SetItemString(globals.get(), "x", x.get());
+        PyObjectPtr code = PyObjectPtr::steal(Py_CompileString(text.c_str(), "<string>", Py_file_input));
+        PyObjectPtr ran = PyObjectPtr::steal(code ? PyEval_EvalCode(code.get(), globals.get(), globals.get()) : nullptr);
+        PyObject* result = PyDict_GetItemString(globals.get(), "result");  // borrowed
+        const long long value = result ? PyLong_AsLongLong(result) : -1;
+        benchmark::DoNotOptimize(value);
+        if (value != 42) state.SkipWithError("the execution failed");
+    }
+}
+BENCHMARK(BM_Raw_FirstTime_CompileExec_TwoLines);
 
 // ---- Resident memory over many evaluations -----------------------------------------------------
 
@@ -248,7 +334,10 @@ int main(int argc, char** argv) {
     benchmark::RunSpecifiedBenchmarks(&reporter);
     reporter.printRatio("BM_EvaluateExpr_XPlusOne", "BM_Raw_EvalBuiltin_XPlusOne");
     reporter.printRatio("BM_EvaluateExpr_XPlusOne", "BM_Raw_PyRunString_XPlusOne");
+    reporter.printRatio("BM_EvaluateExpr_XPlusOne", "BM_Raw_CompiledOnce_XPlusOne");
     reporter.printRatio("BM_Evaluate_TwoLinesOneOutLocal", "BM_Raw_CompileExec_TwoLines");
+    reporter.printRatio("BM_Evaluate_TwoLinesOneOutLocal", "BM_Raw_CompiledOnce_TwoLines");
+    reporter.printRatio("BM_Evaluate_FirstTime_TwoLinesOneOutLocal", "BM_Raw_FirstTime_CompileExec_TwoLines");
     benchmark::Shutdown();
     return 0;
 }

@@ -17,10 +17,25 @@ import types
 
 _LOAD = ast.Load()
 _CODE = types.CodeType
+_NO_ARGUMENTS = ast.arguments(posonlyargs=[], args=[], vararg=None, kwonlyargs=[], kw_defaults=[],
+                              kwarg=None, defaults=[])
 
 
-def _statement_call(name, *arguments):
-    return ast.Expr(ast.Call(ast.Name(name, _LOAD), list(arguments), []))
+def _generated(node):
+    # The statements around the code have no place in its text: they take line 1.
+    node.lineno = 1
+    node.col_offset = 0
+    node.end_lineno = 1
+    node.end_col_offset = 0
+    return node
+
+
+def _name(name):
+    return _generated(ast.Name(name, _LOAD))
+
+
+def _call_statement(name, *arguments):
+    return _generated(ast.Expr(_generated(ast.Call(_name(name), list(arguments), []))))
 
 
 def _is_future_import(statement):
@@ -39,22 +54,16 @@ def build_program(source, filename, out_names):
         and isinstance(body[0].value.value, str) else 0
     while first < len(body) and _is_future_import(body[first]):
         head.append(body.pop(first))
-    inner = body or [ast.Pass()]
+    inner = body or [_generated(ast.Pass())]
     if out_names:
-        inner.insert(0, ast.Global(names=list(out_names)))
-    function = ast.FunctionDef(
-        name='tala_outer',
-        args=ast.arguments(posonlyargs=[], args=[], vararg=None, kwonlyargs=[], kw_defaults=[],
-                           kwarg=None, defaults=[]),
-        body=inner, decorator_list=[], returns=None, type_comment=None, type_params=[])
-    statements = head + [function, _statement_call(
-        'tala_store_result', ast.Call(ast.Name('tala_outer', _LOAD), [], []))]
+        inner.insert(0, _generated(ast.Global(names=list(out_names))))
+    function = _generated(ast.FunctionDef(name='tala_outer', args=_NO_ARGUMENTS, body=inner, decorator_list=[],
+                                          returns=None, type_comment=None, type_params=[]))
+    statements = head + [function, _call_statement(
+        'tala_store_result', _generated(ast.Call(_name('tala_outer'), [], [])))]
     for name in out_names:
-        statements.append(_statement_call('tala_store_local', ast.Constant(name), ast.Name(name, _LOAD)))
-    module = ast.Module(body=statements, type_ignores=[])
-    # The generated statements have no place in the source: they take line 1.
-    ast.fix_missing_locations(module)
-    return compile(module, filename, 'exec', dont_inherit=True)
+        statements.append(_call_statement('tala_store_local', _generated(ast.Constant(name)), _name(name)))
+    return compile(ast.Module(body=statements, type_ignores=[]), filename, 'exec', dont_inherit=True)
 
 
 def _codes_of(program):
