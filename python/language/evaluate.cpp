@@ -5,6 +5,7 @@
 
 #include "bridge/errors.hpp"
 #include "bridge/from_python.hpp"
+#include "bridge/python_names.hpp"
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
 #include "extension/interpreter.hpp"
@@ -51,10 +52,10 @@ Any storeEntries(PyObject* dictionary, const Any& map) {
         if (!name) return Error(String("A name must be a string: {}.").arg(display(key)));
         PyObjectPtr converted = PyObjectPtr::steal(toPythonLocked(value));
         if (!converted) return fetch_python_error_or("Unable to convert a value.");
-        PyObject* pythonName = PyUnicode_DecodeUTF8(name->data(), static_cast<Py_ssize_t>(name->size()), nullptr);
-        if (pythonName != nullptr) PyUnicode_InternInPlace(&pythonName);  // as names in code are: found by identity
-        PyObjectPtr text = PyObjectPtr::steal(pythonName);
-        if (!text || PyDict_SetItem(dictionary, text.get(), converted.get()) < 0) return fetch_python_error_or("Unable to store a value.");
+        PyObject* pythonKey = pythonName(*name);
+        if (pythonKey == nullptr || PyDict_SetItem(dictionary, pythonKey, converted.get()) < 0) {
+            return fetch_python_error_or("Unable to store a value.");
+        }
         return Any();
     });
 }
@@ -68,22 +69,20 @@ std::vector<String> keysOf(const Any& map) {
     return names;
 }
 
+StaticName g_fileName{"__file__"};
+StaticName g_selfName{"self"};
+
 // The file the code is said to come from: a `__file__` the maps gave, as Python's own program
-// names the script it runs; otherwise "<string>", as for any text run by exec.
-std::string fileNameOf(PyObject* globals) {
-    PyObject* file = PyDict_GetItemString(globals, "__file__");  // borrowed
+// names the script it runs; otherwise "<string>", as for any text run by exec. The text lives as
+// long as the globals keep it.
+std::string_view fileNameOf(PyObject* globals) {
+    PyObject* file = PyDict_GetItemWithError(globals, g_fileName.get());  // borrowed
     if (file != nullptr && PyUnicode_Check(file)) {
         Py_ssize_t size = 0;
-        if (const char* text = PyUnicode_AsUTF8AndSize(file, &size)) return std::string(text, static_cast<std::size_t>(size));
-        PyErr_Clear();
+        if (const char* text = PyUnicode_AsUTF8AndSize(file, &size)) return std::string_view(text, static_cast<std::size_t>(size));
     }
+    PyErr_Clear();
     return "<string>";
-}
-
-// As eval and exec do: code finds the builtins through its globals.
-bool addBuiltins(PyObject* globals) {
-    const int present = PyDict_ContainsString(globals, "__builtins__");
-    return present == 1 || (present == 0 && PyDict_SetItemString(globals, "__builtins__", PyEval_GetBuiltins()) == 0);
 }
 
 // What the two callables of a code evaluation write into: the innermost code evaluation
@@ -108,16 +107,12 @@ private:
     RunningCode running_;
 };
 
-// tala_store_local and tala_store_result as Python objects, made once and kept for the process.
-struct StoreCallables {
-    MadeOnce made;
-    PyObject* storeLocal = nullptr;
-    PyObject* storeResult = nullptr;
-};
-
-StoreCallables& storeCallables() {
-    static auto* callables = new StoreCallables();
-    makeOnce(callables->made, [] {
+// The locals every code evaluation starts from: tala_store_local and tala_store_result as
+// Python objects, made once and kept for the process; each evaluation takes a copy.
+PyObject* codeLocalsTemplate() {
+    static MadeOnce made;
+    static PyObject* locals = nullptr;
+    makeOnce(made, [] {
         const I_Invokable_Generic storeLocal = native_function(
             [](const String& name, const Any& value) -> Any {
                 RunningCode* running = t_runningCode;
@@ -130,23 +125,25 @@ StoreCallables& storeCallables() {
                 if (RunningCode* running = t_runningCode) running->result = value;
             },
             "tala_store_result", {"value"});
-        callables->storeLocal = toPythonLocked(storeLocal);
-        callables->storeResult = toPythonLocked(storeResult);
+        PyObjectPtr dictionary = PyObjectPtr::steal(PyDict_New());
+        PyObjectPtr local = PyObjectPtr::steal(toPythonLocked(storeLocal));
+        PyObjectPtr result = PyObjectPtr::steal(toPythonLocked(storeResult));
+        if (dictionary && local && result && PyDict_SetItemString(dictionary.get(), "tala_store_local", local.get()) == 0 &&
+            PyDict_SetItemString(dictionary.get(), "tala_store_result", result.get()) == 0) {
+            locals = dictionary.release();
+        }
         PyErr_Clear();
     });
-    return *callables;
+    return locals;
 }
 
-// The locals of a code evaluation: the two callables.
 PyObjectPtr codeLocals() {
-    StoreCallables& callables = storeCallables();
-    PyObjectPtr locals = PyObjectPtr::steal(PyDict_New());
-    if (!locals || callables.storeLocal == nullptr || callables.storeResult == nullptr ||
-        PyDict_SetItemString(locals.get(), "tala_store_local", callables.storeLocal) < 0 ||
-        PyDict_SetItemString(locals.get(), "tala_store_result", callables.storeResult) < 0) {
+    PyObject* locals = codeLocalsTemplate();
+    if (locals == nullptr) {
+        PyErr_SetString(PyExc_RuntimeError, "The callables of code evaluation could not be made.");
         return PyObjectPtr();
     }
-    return locals;
+    return PyObjectPtr::steal(PyDict_Copy(locals));
 }
 
 }  // namespace
@@ -167,7 +164,7 @@ Any evaluate_expr(const String& code, const Union<I_Map<String, Any>, None>& loc
     PyObjectPtr program = compiledProgram(ProgramKind::Expression, code.view(), {}, fileNameOf(globalNames.get()));
     if (!program) return fetch_python_error_or("Unable to compile the expression.");
     PyObjectPtr localNames = PyObjectPtr::steal(PyDict_New());
-    if (!localNames || !addBuiltins(globalNames.get())) return fetch_python_error_or("Unable to prepare the evaluation.");
+    if (!localNames) return fetch_python_error_or("Unable to prepare the evaluation.");
     PyObjectPtr result = PyObjectPtr::steal(PyEval_EvalCode(program.get(), globalNames.get(), localNames.get()));
     if (!result) {
         const ExceptionOrigin origin{program.get(), code.view(), false};
@@ -203,7 +200,7 @@ Union<Any, Lazy<Any>, Error> language_python_evaluate_method(const Any& self, co
     PyObjectPtr localNames = codeLocals();
     if (!localNames) return fetch_python_error_or("Unable to prepare the evaluation.");
     PyObjectPtr selfObject = PyObjectPtr::steal(toPythonLocked(self));
-    if (!selfObject || PyDict_SetItemString(globalNames.get(), "self", selfObject.get()) < 0 || !addBuiltins(globalNames.get())) {
+    if (!selfObject || PyDict_SetItem(globalNames.get(), g_selfName.get(), selfObject.get()) < 0) {
         return fetch_python_error_or("Unable to store a value.");
     }
 

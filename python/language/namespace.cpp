@@ -58,7 +58,10 @@ GlobalsTemplate& globalsTemplate() {
 PyObjectPtr buildTemplate() {
     PyObjectPtr dictionary = PyObjectPtr::steal(buildHostNamespace());
     PyObjectPtr mainName = PyObjectPtr::steal(PyUnicode_FromString("__main__"));
-    if (!dictionary || !mainName || PyDict_SetItemString(dictionary.get(), "__name__", mainName.get()) < 0) {
+    // As eval and exec do when the globals lack them, the code finds the builtins there; a map
+    // that gives its own replaces them.
+    if (!dictionary || !mainName || PyDict_SetItemString(dictionary.get(), "__name__", mainName.get()) < 0 ||
+        PyDict_SetItemString(dictionary.get(), "__builtins__", PyEval_GetBuiltins()) < 0) {
         PyErr_Clear();
         return PyObjectPtr();
     }

@@ -12,8 +12,8 @@ namespace tala::python {
 // under their own names; a later module wins a name. The caller holds the interpreter lock.
 PyObject* buildHostNamespace();
 
-// The globals every evaluation starts from: the host namespace and "__name__" set to
-// "__main__". Built once and again only when the host's modules changed; each evaluation takes
+// The globals every evaluation starts from: the host namespace, "__name__" set to "__main__"
+// and "__builtins__". Built once and again only when the host's modules changed; each evaluation takes
 // a copy (`evaluationGlobals`). The caller holds the interpreter lock.
 PyObjectPtr evaluationGlobals();
 

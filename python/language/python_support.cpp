@@ -15,27 +15,35 @@ import keyword
 import traceback
 import types
 
-_LOAD = ast.Load()
 _CODE = types.CodeType
 _NO_ARGUMENTS = ast.arguments(posonlyargs=[], args=[], vararg=None, kwonlyargs=[], kw_defaults=[],
                               kwarg=None, defaults=[])
+# The statements around the code have no place in its text: they take line 1.
+_LINE_1 = dict(lineno=1, col_offset=0, end_lineno=1, end_col_offset=0)
+_PASS = ast.Pass(**_LINE_1)
+# Output names -> (the statements after the function, its global declaration). The nodes are
+# only read by the compiler, so every program with the same output names shares them.
+_TAILS = {}
 
 
-def _generated(node):
-    # The statements around the code have no place in its text: they take line 1.
-    node.lineno = 1
-    node.col_offset = 0
-    node.end_lineno = 1
-    node.end_col_offset = 0
-    return node
-
-
-def _name(name):
-    return _generated(ast.Name(name, _LOAD))
-
-
-def _call_statement(name, *arguments):
-    return _generated(ast.Expr(_generated(ast.Call(_name(name), list(arguments), []))))
+def _tail(out_names):
+    tail = _TAILS.get(out_names)
+    if tail is None:
+        for name in out_names:
+            if not name.isidentifier() or keyword.iskeyword(name):
+                raise SyntaxError(f"invalid output name: {name!r}")
+        lines = ["tala_store_result( tala_outer() )"]
+        lines += [f"tala_store_local({name!r},{name})" for name in out_names]
+        statements = ast.parse("\n".join(lines)).body
+        for statement in statements:
+            for node in ast.walk(statement):
+                if hasattr(node, 'lineno'):
+                    node.lineno = node.end_lineno = 1
+        declaration = ast.Global(names=list(out_names), **_LINE_1) if out_names else None
+        tail = (statements, declaration)
+        if len(_TAILS) < 1024:
+            _TAILS[out_names] = tail
+    return tail
 
 
 def _is_future_import(statement):
@@ -43,27 +51,20 @@ def _is_future_import(statement):
 
 
 def build_program(source, filename, out_names):
-    for name in out_names:
-        if not name.isidentifier() or keyword.iskeyword(name):
-            raise SyntaxError(f"invalid output name: {name!r}")
-    tree = compile(source, filename, 'exec', ast.PyCF_ONLY_AST, dont_inherit=True)
-    body = tree.body
+    statements, declaration = _tail(out_names)
+    body = compile(source, filename, 'exec', ast.PyCF_ONLY_AST, dont_inherit=True).body
     # Future imports must open the module, so they move out of the function.
     head = []
     first = 1 if body and isinstance(body[0], ast.Expr) and isinstance(body[0].value, ast.Constant) \
         and isinstance(body[0].value.value, str) else 0
     while first < len(body) and _is_future_import(body[first]):
         head.append(body.pop(first))
-    inner = body or [_generated(ast.Pass())]
-    if out_names:
-        inner.insert(0, _generated(ast.Global(names=list(out_names))))
-    function = _generated(ast.FunctionDef(name='tala_outer', args=_NO_ARGUMENTS, body=inner, decorator_list=[],
-                                          returns=None, type_comment=None, type_params=[]))
-    statements = head + [function, _call_statement(
-        'tala_store_result', _generated(ast.Call(_name('tala_outer'), [], [])))]
-    for name in out_names:
-        statements.append(_call_statement('tala_store_local', _generated(ast.Constant(name)), _name(name)))
-    return compile(ast.Module(body=statements, type_ignores=[]), filename, 'exec', dont_inherit=True)
+    if not body:
+        body.append(_PASS)
+    if declaration is not None:
+        body.insert(0, declaration)
+    function = ast.FunctionDef('tala_outer', _NO_ARGUMENTS, body, [], None, None, [], **_LINE_1)
+    return compile(ast.Module([*head, function, *statements], []), filename, 'exec', dont_inherit=True)
 
 
 def _codes_of(program):
