@@ -1,6 +1,7 @@
-// host/commands.cpp: eval, run and modules.
+// host/commands.cpp: eval, run, modules and import.
 #include "commands.hpp"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <fstream>
@@ -44,12 +45,20 @@ Any callModuleFunction(std::string_view name, std::initializer_list<Any> argumen
     return resolve(I_Invokable_Generic(internal::unchecked, invokable).invokeWith(arguments));
 }
 
+Any importAllModules() {
+    auto module = Module::find("tala.python");
+    if (!module) return Error(String("The module tala.python is not registered: the Python extension is not loaded."));
+    auto language = Class_Generic::cast(module->classes().get(String("LanguagePython")).value_or(Any()));
+    if (!language) return Error(String("The module tala.python has no class LanguagePython."));
+    auto method = definedMethod(*language, Identifier("$importAllModules"));
+    if (method.isEmpty()) return Error(String("The class LanguagePython has no method importAllModules."));
+    return resolve(method.as<I_Invokable_Generic>().invokeWith({}));
+}
+
 void flushPythonOutput() {
     std::fflush(stdout);
     (void)callModuleFunction("evaluate", {String("import sys\nsys.stdout.flush()\nsys.stderr.flush()"), Any(), Any(), Any()});
 }
-
-namespace {
 
 int reportFailure(const Any& result) {
     flushPythonOutput();
@@ -57,6 +66,8 @@ int reportFailure(const Any& result) {
     std::fprintf(stderr, "%s\n", message.c_str());
     return kEvaluationFailed;
 }
+
+namespace {
 
 void printLine(const String& text) {
     std::fwrite(text.data(), 1, text.size(), stdout);
@@ -108,8 +119,32 @@ int runCommand(const std::string& file, const std::vector<std::string>& assignme
     return kOk;
 }
 
-int modulesCommand() {
-    for (const Module& module : modules()) printLine(module.name());
+int modulesCommand(bool all) {
+    if (all) {
+        if (Any listed = importAllModules(); is_error_result(listed)) return reportFailure(listed);
+    }
+    std::vector<String> printed;
+    const std::vector<Module> registered = modules();
+    for (const Module& module : registered) {
+        printLine(module.name());
+        printed.push_back(module.name());
+    }
+    if (!all) return kOk;
+    for (const Module& module : registered) {
+        for (const String& name : module.lazyModuleNames()) {
+            if (std::find(printed.begin(), printed.end(), name) != printed.end()) continue;
+            printLine(name);
+            printed.push_back(name);
+        }
+    }
+    return kOk;
+}
+
+int importCommand(const std::string& path) {
+    Any result = callModuleFunction("python_import", {String(path)});
+    if (is_error_result(result)) return reportFailure(result);
+    flushPythonOutput();
+    printLine(display(result));
     return kOk;
 }
 

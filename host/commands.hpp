@@ -1,6 +1,7 @@
 // host/commands.hpp: the host program's commands, over the extension's module functions.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,11 +21,22 @@ Any parseValue(std::string_view text);
 
 // The module functions of "tala.python", looked up through the object model.
 Any callModuleFunction(std::string_view name, std::initializer_list<Any> arguments);
+// LanguagePython.importAllModules(): makes the Python modules on the search path known to the
+// host. None, or an Error.
+Any importAllModules();
+// Prints the message of a failed evaluation on standard error; returns kEvaluationFailed.
+int reportFailure(const Any& result);
 
 int evalCommand(const std::string& expression, const std::vector<std::string>& assignments);
 int runCommand(const std::string& file, const std::vector<std::string>& assignments,
                const std::vector<std::string>& outNames);
-int modulesCommand();
+// The registered host modules; with `all`, then the Python modules known to the host (after
+// importAllModules) that are not registered themselves.
+int modulesCommand(bool all);
+// The display text of python_import(path).
+int importCommand(const std::string& path);
+// The stub text of a host module; with `outDir`, writes it into a stub package there instead.
+int stubsCommand(const std::string& moduleName, const std::optional<std::string>& outDir);
 // The interactive prompt; `interactive` false reads plain lines (no line editing), for tests
 // and pipes.
 int promptCommand(bool interactive);

@@ -1,0 +1,266 @@
+// python/language/language_python.cpp: LanguagePython, the language description on host module "python", and the catalogue of Python modules.
+#include "language/language_python.hpp"
+
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "bridge/errors.hpp"
+#include "extension/gil.hpp"
+#include "extension/identifiers.hpp"
+#include "extension/interpreter.hpp"
+#include "extension/registration_hook.hpp"
+#include "language/evaluate.hpp"
+#include "language/evaluation_arguments.hpp"
+#include "proxies/module_python.hpp"
+
+namespace tala {
+
+namespace python {
+
+const char* const kLanguageName = "python";
+// The three characters after "Python" are the UTF-8 bytes of an apostrophe read as Windows-1252
+// and encoded again; hosts show the description exactly as given, so it is kept so.
+const char* const kLanguageDescription =
+    "Python is an easy to learn, powerful programming language. It has efficient high-level data structures and a "
+    "simple but effective approach to object-oriented programming. Python\u00e2\u20ac\u2122s elegant syntax and "
+    "dynamic typing, together with its interpreted nature, make it an ideal language for scripting and rapid "
+    "application development in many areas on most platforms.";
+const char* const kLanguageIcon = ":/tala/icons/py.svg";
+
+namespace {
+
+constexpr StandardModule kStandardModules[] = {
+    {"python.builtins", "builtins"}, {"python.collections", "collections"},
+    {"python.collections.abc", "collections.abc"}, {"python.datetime", "datetime"},
+    {"python.decimal", "decimal"},   {"python.sys", "sys"},
+    {"python.types", "types"},       {"python.typing", "typing"},
+};
+
+const char* const kListModulesProgram = "import pkgutil\nreturn list(pkgutil.iter_modules())";
+const char* const kListSubmodulesProgram =
+    "import pkgutil\npath = getattr( pp, '__path__', None )\nif path:\n    return list( pkgutil.iter_modules( path ) )\nreturn list()";
+
+Module languageModule() { return Module::create(kLanguageName); }
+
+// Host module name -> the ModulePython made for it. Made once: each one declares the classes of
+// its Python module, and a Python module, once imported, stays for the life of the process
+// anyway. Entries are never removed; `mutex` guards the map and is never held while Python runs.
+struct MadeModules {
+    std::mutex mutex;
+    std::unordered_map<std::string, Any> modules;
+};
+
+MadeModules& madeModules() {
+    static auto* made = new MadeModules();
+    return *made;
+}
+
+// The items of a host sequence (a proxy of a Python list), or the error that reading gave.
+Any itemsOf(const Any& sequence, std::vector<Any>& into) {
+    auto items = I_Sequence_Generic::cast(sequence);
+    if (!items) return Error(String("Expected a list, got {}.").arg(display(sequence)));
+    const Any length = resolve(items->length());
+    if (is_error_result(length)) return length;
+    for (std::int64_t index = 0; length.kind() == Kind::Integer && index < length.rawInteger(); ++index) {
+        Any item = resolve(items->at(index));
+        if (is_error_result(item)) return item;
+        into.push_back(std::move(item));
+    }
+    return Any();
+}
+
+// The property "name" of a pkgutil.ModuleInfo, or the empty string.
+String nameOf(const Any& moduleInfo) {
+    auto property = property_of(moduleInfo, "name");
+    if (property.isEmpty()) return String();
+    return String::cast(resolve(property.as<Property>().get(moduleInfo))).value_or(String());
+}
+
+bool isListedModule(const String& name) {
+    return !name.isEmpty() && !name.startsWith("_") && name != "builtins" && name != "this" && name != "antigravity";
+}
+
+}  // namespace
+
+std::span<const StandardModule> standardModules() { return kStandardModules; }
+
+namespace {
+void declareIn(const Module& module, const String& hostName, const String& pythonName) {
+    module.addLazyModule(hostName, [hostName, pythonName] { return modulePythonFor(hostName, pythonName); });
+}
+}  // namespace
+
+void declarePythonModule(const String& hostName, const String& pythonName) {
+    declareIn(languageModule(), hostName, pythonName);
+}
+
+void describeLanguage() {
+    const Module module = languageModule();
+    module.setDoc(String(kLanguageDescription));
+    module.setValue(Identifier("$$name"), String(kLanguageName));
+    module.setValue(Identifier("$$description"), String(kLanguageDescription));
+    module.setValue(Identifier("$$icon"), String(kLanguageIcon));
+    for (const StandardModule& standard : kStandardModules) {
+        declareIn(module, String(standard.hostName), String(standard.pythonName));
+    }
+}
+
+Any modulePythonFor(const String& hostName, const String& pythonName) {
+    MadeModules& made = madeModules();
+    const std::string key(hostName.view());
+    {
+        std::lock_guard lock(made.mutex);
+        if (auto found = made.modules.find(key); found != made.modules.end()) return found->second;
+    }
+    (void)ensurePythonOnce();
+    GilGuard gil;
+    PyObjectPtr imported = PyObjectPtr::steal(PyImport_ImportModule(pythonName.c_str()));
+    if (!imported) return fetch_python_error_or("Unable to import the module.");
+    const ModulePython module(hostName, imported.borrowed(), true);
+    std::lock_guard lock(made.mutex);
+    // Two first readers may both have made one (the import lets go of the lock): the first kept
+    // is the one every reader gets.
+    return made.modules.emplace(key, module).first->second;
+}
+
+Any importAllModules() {
+    (void)ensurePythonOnce();
+    GilGuard gil;
+    const Module module = languageModule();
+    const Any listed = evaluate(String(kListModulesProgram), None(), None(), None());
+    if (is_error_result(listed)) return listed;
+    std::vector<Any> infos;
+    if (Any failed = itemsOf(listed, infos); is_error_result(failed)) return failed;
+    for (const Any& info : infos) {
+        const String name = nameOf(info);
+        if (!isListedModule(name)) continue;
+        declareIn(module, String::join({std::string_view(kLanguageName), name.view()}, "."), name);
+    }
+    return Any();
+}
+
+Any submoduleNames(const Any& package) {
+    HashMap<String, Any> locals;
+    locals.set(String("pp"), package);
+    const Any listed = evaluate(String(kListSubmodulesProgram), Union<I_Map<String, Any>, None>(internal::unchecked, locals),
+                                None(), None());
+    if (is_error_result(listed)) return listed;
+    std::vector<Any> infos;
+    if (Any failed = itemsOf(listed, infos); is_error_result(failed)) return failed;
+    List<String> names;
+    for (const Any& info : infos) names.append(nameOf(info));
+    return names;
+}
+
+}  // namespace python
+
+namespace {
+
+// The text of a `code` argument: a string, or bytes holding UTF-8 text (as C++ callers pass it).
+std::optional<String> codeText(const Any& code) {
+    if (auto text = String::cast(code)) return *text;
+    if (auto bytes = ByteArray::cast(code)) return String(bytes->view());
+    return std::nullopt;
+}
+
+Error notCode(const Any& code) {
+    return Error(String("The argument 'code' must be a text, got {}.").arg(display(code)));
+}
+
+// A static method whose parameters after the first `required` may be left out (they are None
+// then), as callers write `LanguagePython.evaluateExpression('[1, 2, 3]')`.
+I_Invokable_Generic withOptionalArguments(const char* name, std::vector<const char*> parameters, std::size_t required,
+                                          std::function<Any(const std::vector<Any>&)> body, const char* doc) {
+    std::vector<Parameter> declared;
+    for (const char* parameter : parameters) declared.push_back(Parameter{String(parameter), Type::any()});
+    const std::size_t most = parameters.size();
+    const String functionName(name);
+    return make_function(
+        functionName,
+        [functionName, most, required, body = std::move(body)](std::span<const Any> arguments) -> Any {
+            if (arguments.size() < required || arguments.size() > most) {
+                return Error(String("{} takes from {} to {} arguments, {} given.")
+                                 .arg(functionName, Integer(static_cast<std::int64_t>(required)),
+                                      Integer(static_cast<std::int64_t>(most)),
+                                      Integer(static_cast<std::int64_t>(arguments.size()))));
+            }
+            std::vector<Any> all(arguments.begin(), arguments.end());
+            all.resize(most);
+            return body(all);
+        },
+        Signature(std::move(declared), Type::any()), true, String(doc));
+}
+
+I_Invokable_Generic evaluateExpressionMethod() {
+    return withOptionalArguments(
+        "evaluateExpression", {"code", "locals", "globals"}, 1,
+        [](const std::vector<Any>& arguments) -> Any {
+            auto code = codeText(arguments[0]);
+            if (!code) return notCode(arguments[0]);
+            return python::evaluateExprWithArguments(*code, arguments[1], arguments[2]);
+        },
+        "Evaluates a Python expression with the given locals and globals (maps or None).");
+}
+
+I_Invokable_Generic evaluateMethod() {
+    return withOptionalArguments(
+        "evaluate", {"code", "locals", "globals", "outLocals"}, 1,
+        [](const std::vector<Any>& arguments) -> Any {
+            auto code = codeText(arguments[0]);
+            if (!code) return notCode(arguments[0]);
+            return python::evaluateMethodWithArguments(Any(), *code, arguments[1], arguments[2], arguments[3]);
+        },
+        "Runs Python code; what it returns is the result, and the names of outLocals are written back into that map.");
+}
+
+List<String> examples() {
+    return List<String>{String("LanguagePython::evaluateExpression( u\"[1, 2, 3]\"_bytea );"),
+                        String("tala.python.LanguagePython.evaluateExpression( '[1, 2, 3]' )")};
+}
+
+I_Invokable_Generic evaluateMethodMethod() {
+    return withOptionalArguments(
+        "evaluateMethod", {"self", "code", "locals", "globals", "outLocals"}, 2,
+        [](const std::vector<Any>& arguments) -> Any {
+            auto code = codeText(arguments[1]);
+            if (!code) return notCode(arguments[1]);
+            return python::evaluateMethodWithArguments(arguments[0], *code, arguments[2], arguments[3], arguments[4]);
+        },
+        "Runs Python code with `self` bound to a host value.");
+}
+
+}  // namespace
+
+bool LanguagePython::matches(const Any& value) { return internal::is_instance_of(value, getClass()); }
+
+Class_Generic LanguagePython::getClass() {
+    static const ClassRegistration registration("LanguagePython", [] {
+        python::testing::runRegistrationHook("LanguagePython");
+        const Class_Generic cls =
+            ClassBuilder("LanguagePython")
+                .doc("Implementation of 'I_Language' interface for Python language.")
+                .parent(I_Language::getClass())
+                .property(Property(Identifier("$$examples"), constant_function(examples(), List<String>::getType()), Any(),
+                                   String("Usage examples.")))
+                .method(Identifier("$evaluateExpression"), evaluateExpressionMethod())
+                .method(Identifier("$evaluate"), evaluateMethod())
+                .method(Identifier("$evaluateMethod"), evaluateMethodMethod())
+                .staticMethod(python::$importAllModules,
+                              [] { return Union<None, Lazy<None>, Error>(internal::unchecked, python::importAllModules()); },
+                              {}, "Imports all standard python modules.")
+                .staticMethod(Identifier("$submoduleNames"),
+                              [](const Any& package) {
+                                  return Union<List<String>, Lazy<List<String>>, Error>(internal::unchecked,
+                                                                                        python::submoduleNames(package));
+                              },
+                              {"package"}, "The names of the modules of a Python package, as pkgutil lists them.")
+                .build();
+        Module::create("tala.python").addClass(cls);
+        return cls;
+    });
+    return registration.get();
+}
+
+}  // namespace tala
