@@ -1,6 +1,7 @@
 // python/proxies/module_python.cpp: ModulePython: a Python module's public classes and callables as a host module.
 #include "proxies/module_python.hpp"
 
+#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -85,6 +86,21 @@ void declareIn(const Class_Generic& cls, const Module& module) {
     cell->qualname = String::join({module.name().view(), cell->name.view()}, ".");
 }
 
+// The classes made for single modules. The object model never frees a class; kept here, they
+// stay reachable for as long as they exist, also after their module has gone. Entries are never
+// removed; `mutex` guards the list and is never held while Python runs.
+struct OwnClasses {
+    std::mutex mutex;
+    std::vector<Class_Generic> classes;
+};
+
+Class_Generic keptForGood(const Class_Generic& cls) {
+    static auto* own = new OwnClasses();
+    std::lock_guard lock(own->mutex);
+    own->classes.push_back(cls);
+    return cls;
+}
+
 Any makeModule(const String& name, PyObject* object, bool ownClass) {
     GilGuard gil;
     const std::vector<Export> exports = exportsOf(object);
@@ -95,7 +111,7 @@ Any makeModule(const String& name, PyObject* object, bool ownClass) {
         ClassBuilder builder{String("Module")};
         builder.parent(moduleClass);
         for (const Export& entry : exports) builder.classProperty(entry.name, entry.member);
-        moduleClass = builder.build();
+        moduleClass = keptForGood(builder.build());
     }
     const Module module = Module::makeUnregistered(name, moduleClass);
     Py_IncRef(object);
