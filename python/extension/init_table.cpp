@@ -31,7 +31,8 @@ void describeModule() {
     const Module module = pythonModule();
     module.setDoc(String("Python language support: evaluation of Python code against host values, the bridge between "
                          "host values and Python objects, Python modules as host modules, and stubs for host modules."));
-    // Read from the module each time, so that the property and Module::doc() never disagree.
+    // The module's own, in front of the one every module inherits: read from the module each
+    // time, so that the property and Module::doc() never disagree.
     module.addProperty(Property(Any::$$doc, native_function([](const Module& self) { return self.doc(); }, "doc", {},
                                                             String(), false),
                                 Any(), String("The module's documentation.")));

@@ -98,8 +98,8 @@ void declarePythonModule(const String& hostName, const String& pythonName) {
 
 void describeLanguage() {
     const Module module = languageModule();
+    // Its name is the module's own ("python"); the description is its documentation too.
     module.setDoc(String(kLanguageDescription));
-    module.setValue(Identifier("$$name"), String(kLanguageName));
     module.setValue(Identifier("$$description"), String(kLanguageDescription));
     module.setValue(Identifier("$$icon"), String(kLanguageIcon));
     for (const StandardModule& standard : kStandardModules) {

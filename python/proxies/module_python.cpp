@@ -86,6 +86,16 @@ void declareIn(const Class_Generic& cls, const Module& module) {
     cell->qualname = String::join({module.name().view(), cell->name.view()}, ".");
 }
 
+// Without a class of its own, the exported members are the module value's own: inserted into
+// the one object as the object model inserts members, not through the proxy's insertion (which
+// would set attributes of the Python module) nor Module::setValue (which would give them to the
+// class that every such module shares).
+void insertOwnMember(const Module& module, Identifier name, const Any& member) {
+    internal::OwnMembers& own = module.cell()->ensureOwnMembers();
+    std::lock_guard lock(own.lock);
+    own.properties.push_back(internal::MemberDef{name, Property::value(name, member)});
+}
+
 // The classes made for single modules. The object model never frees a class; kept here, they
 // stay reachable for as long as they exist, also after their module has gone. Entries are never
 // removed; `mutex` guards the list and is never held while Python runs.
@@ -119,7 +129,7 @@ Any makeModule(const String& name, PyObject* object, bool ownClass) {
     HashMap<String, Class_Generic> classes;
     HashMap<String, I_Invokable_Generic> functions;
     for (const Export& entry : exports) {
-        if (!ownClass) module.setValue(entry.name, entry.member);
+        if (!ownClass) insertOwnMember(module, entry.name, entry.member);
         if (entry.isClass) {
             const Class_Generic cls(internal::unchecked, entry.member);
             declareIn(cls, module);
