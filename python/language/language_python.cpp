@@ -2,6 +2,7 @@
 #include "language/language_python.hpp"
 
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -169,66 +170,23 @@ Error notCode(const Any& code) {
     return Error(String("The argument 'code' must be a text, got {}.").arg(display(code)));
 }
 
-// A static method whose parameters after the first `required` may be left out (they are None
-// then), as callers write `LanguagePython.evaluateExpression('[1, 2, 3]')`.
-I_Invokable_Generic withOptionalArguments(const char* name, std::vector<const char*> parameters, std::size_t required,
-                                          std::function<Any(const std::vector<Any>&)> body, const char* doc) {
-    std::vector<Parameter> declared;
-    for (const char* parameter : parameters) declared.push_back(Parameter{String(parameter), Type::any()});
-    const std::size_t most = parameters.size();
-    const String functionName(name);
-    return make_function(
-        functionName,
-        [functionName, most, required, body = std::move(body)](std::span<const Any> arguments) -> Any {
-            if (arguments.size() < required || arguments.size() > most) {
-                return Error(String("{} takes from {} to {} arguments, {} given.")
-                                 .arg(functionName, Integer(static_cast<std::int64_t>(required)),
-                                      Integer(static_cast<std::int64_t>(most)),
-                                      Integer(static_cast<std::int64_t>(arguments.size()))));
-            }
-            std::vector<Any> all(arguments.begin(), arguments.end());
-            all.resize(most);
-            return body(all);
-        },
-        Signature(std::move(declared), Type::any()), true, String(doc));
+Any evaluateExpression(const Any& code, const std::optional<Any>& locals, const std::optional<Any>& globals) {
+    auto text = codeText(code);
+    if (!text) return notCode(code);
+    return python::evaluateExprWithArguments(*text, locals.value_or(Any()), globals.value_or(Any()));
 }
 
-I_Invokable_Generic evaluateExpressionMethod() {
-    return withOptionalArguments(
-        "evaluateExpression", {"code", "locals", "globals"}, 1,
-        [](const std::vector<Any>& arguments) -> Any {
-            auto code = codeText(arguments[0]);
-            if (!code) return notCode(arguments[0]);
-            return python::evaluateExprWithArguments(*code, arguments[1], arguments[2]);
-        },
-        "Evaluates a Python expression with the given locals and globals (maps or None).");
-}
-
-I_Invokable_Generic evaluateMethod() {
-    return withOptionalArguments(
-        "evaluate", {"code", "locals", "globals", "outLocals"}, 1,
-        [](const std::vector<Any>& arguments) -> Any {
-            auto code = codeText(arguments[0]);
-            if (!code) return notCode(arguments[0]);
-            return python::evaluateMethodWithArguments(Any(), *code, arguments[1], arguments[2], arguments[3]);
-        },
-        "Runs Python code; what it returns is the result, and the names of outLocals are written back into that map.");
+Any evaluateCode(const Any& self, const Any& code, const std::optional<Any>& locals, const std::optional<Any>& globals,
+                 const std::optional<Any>& outLocals) {
+    auto text = codeText(code);
+    if (!text) return notCode(code);
+    return python::evaluateMethodWithArguments(self, *text, locals.value_or(Any()), globals.value_or(Any()),
+                                               outLocals.value_or(Any()));
 }
 
 List<String> examples() {
     return List<String>{String("LanguagePython::evaluateExpression( u\"[1, 2, 3]\"_bytea );"),
                         String("tala.python.LanguagePython.evaluateExpression( '[1, 2, 3]' )")};
-}
-
-I_Invokable_Generic evaluateMethodMethod() {
-    return withOptionalArguments(
-        "evaluateMethod", {"self", "code", "locals", "globals", "outLocals"}, 2,
-        [](const std::vector<Any>& arguments) -> Any {
-            auto code = codeText(arguments[1]);
-            if (!code) return notCode(arguments[1]);
-            return python::evaluateMethodWithArguments(arguments[0], *code, arguments[2], arguments[3], arguments[4]);
-        },
-        "Runs Python code with `self` bound to a host value.");
 }
 
 }  // namespace
@@ -244,9 +202,19 @@ Class_Generic LanguagePython::getClass() {
                 .parent(I_Language::getClass())
                 .property(Property(Identifier("$$examples"), constant_function(examples(), List<String>::getType()), Any(),
                                    String("Usage examples.")))
-                .method(Identifier("$evaluateExpression"), evaluateExpressionMethod())
-                .method(Identifier("$evaluate"), evaluateMethod())
-                .method(Identifier("$evaluateMethod"), evaluateMethodMethod())
+                // The maps may be left out, as callers write `evaluateExpression('[1, 2, 3]')`.
+                .staticMethod(Identifier("$evaluateExpression"), evaluateExpression, {"code", "locals", "globals"},
+                              "Evaluates a Python expression with the given locals and globals (maps or None).")
+                .staticMethod(Identifier("$evaluate"),
+                              [](const Any& code, const std::optional<Any>& locals, const std::optional<Any>& globals,
+                                 const std::optional<Any>& outLocals) {
+                                  return evaluateCode(Any(), code, locals, globals, outLocals);
+                              },
+                              {"code", "locals", "globals", "outLocals"},
+                              "Runs Python code; what it returns is the result, and the names of outLocals are "
+                              "written back into that map.")
+                .staticMethod(Identifier("$evaluateMethod"), evaluateCode, {"self", "code", "locals", "globals", "outLocals"},
+                              "Runs Python code with `self` bound to a host value.")
                 .staticMethod(python::$importAllModules,
                               [] { return Union<None, Lazy<None>, Error>(internal::unchecked, python::importAllModules()); },
                               {}, "Imports all standard python modules.")
