@@ -83,15 +83,15 @@ bool isListedModule(const String& name) {
     return !name.isEmpty() && !name.startsWith("_") && name != "builtins" && name != "this" && name != "antigravity";
 }
 
-}  // namespace
-
-std::span<const StandardModule> standardModules() { return kStandardModules; }
-
-namespace {
+// Declares the host module `hostName` on `module`: the Python module is imported and made into
+// a ModulePython when the member is first read.
 void declareIn(const Module& module, const String& hostName, const String& pythonName) {
     module.addLazyModule(hostName, [hostName, pythonName] { return modulePythonFor(hostName, pythonName); });
 }
+
 }  // namespace
+
+std::span<const StandardModule> standardModules() { return kStandardModules; }
 
 void declarePythonModule(const String& hostName, const String& pythonName) {
     declareIn(languageModule(), hostName, pythonName);
