@@ -1,6 +1,7 @@
-// host/commands.cpp: eval, run and modules, and how the host program reports a failed evaluation.
+// host/commands.cpp: eval, run, modules and import, and how the host program reports a failed evaluation.
 #include "commands.hpp"
 
+#include <algorithm>
 #include <charconv>
 #include <condition_variable>
 #include <cstdio>
@@ -47,6 +48,18 @@ Any callModuleFunction(std::string_view name, std::initializer_list<Any> argumen
     return resolve(I_Invokable_Generic(internal::unchecked, invokable).invokeWith(arguments));
 }
 
+Any callLanguageMethod(std::string_view name, std::initializer_list<Any> arguments) {
+    auto module = Module::find("tala.python");
+    if (!module) return Error(String("The module tala.python is not registered: the Python extension is not loaded."));
+    auto language = Class_Generic::cast(module->classes().get(String("LanguagePython")).value_or(Any()));
+    if (!language) return Error(String("The module tala.python has no class LanguagePython."));
+    auto method = definedMethod(*language, Identifier::intern(name));
+    if (method.isEmpty()) return Error(String("The class LanguagePython has no method {}.").arg(String(name)));
+    return resolve(method.as<I_Invokable_Generic>().invokeWith(arguments));
+}
+
+Any importAllModules() { return callLanguageMethod("importAllModules", {}); }
+
 void flushPythonOutput() {
     std::fflush(stdout);
     (void)callModuleFunction("evaluate", {String("import sys\nsys.stdout.flush()\nsys.stderr.flush()"), Any(), Any(), Any()});
@@ -86,18 +99,18 @@ std::optional<std::int64_t> exitStatusOf(const Any& error) {
     return status.rawInteger();
 }
 
-// Stops the evaluation of the calling thread when the time is up, through python_interrupt.
+// Stops the evaluation of the calling thread when the time is up, through LanguagePython.interrupt.
 class Deadline {
 public:
     Deadline(std::optional<double> seconds) {
         if (!seconds) return;
-        const Any threadId = callModuleFunction("python_thread_id", {});
+        const Any threadId = callLanguageMethod("threadId", {});
         thread_ = std::thread([this, limit = *seconds, threadId] {
             std::unique_lock lock(mutex_);
             const auto duration = std::chrono::duration<double>(limit);
             if (changed_.wait_for(lock, duration, [this] { return done_; })) return;
             lock.unlock();
-            const Any stopped = callModuleFunction("python_interrupt", {threadId});
+            const Any stopped = callLanguageMethod("interrupt", {threadId});
             expired_ = stopped.kind() == Kind::Boolean && stopped.rawBoolean();
         });
     }
@@ -224,8 +237,32 @@ int runCommand(const std::string& file, const std::vector<std::string>& assignme
     return kOk;
 }
 
-int modulesCommand() {
-    for (const Module& module : modules()) printLine(stdout, module.name().view());
+int modulesCommand(bool all) {
+    if (all) {
+        if (Any listed = importAllModules(); is_error_result(listed)) return reportFailure(listed, false);
+    }
+    std::vector<String> printed;
+    const std::vector<Module> registered = modules();
+    for (const Module& module : registered) {
+        printLine(stdout, module.name().view());
+        printed.push_back(module.name());
+    }
+    if (!all) return kOk;
+    for (const Module& module : registered) {
+        for (const String& name : module.lazyModuleNames()) {
+            if (std::find(printed.begin(), printed.end(), name) != printed.end()) continue;
+            printLine(stdout, name.view());
+            printed.push_back(name);
+        }
+    }
+    return kOk;
+}
+
+int importCommand(const std::string& path) {
+    Any result = callModuleFunction("python_import", {String(path)});
+    if (is_error_result(result)) return reportFailure(result, false);
+    flushPythonOutput();
+    printLine(stdout, display(result).view());
     return kOk;
 }
 

@@ -30,12 +30,23 @@ Any parseValue(std::string_view text);
 
 // The module functions of "tala.python", looked up through the object model.
 Any callModuleFunction(std::string_view name, std::initializer_list<Any> arguments);
+// A static method of the class LanguagePython, called with the arguments.
+Any callLanguageMethod(std::string_view name, std::initializer_list<Any> arguments);
+// LanguagePython.importAllModules(): makes the Python modules on the search path known to the
+// host. None, or an Error.
+Any importAllModules();
 
 int evalCommand(const std::string& expression, const std::vector<std::string>& assignments,
                 const EvaluationOptions& options);
 int runCommand(const std::string& file, const std::vector<std::string>& assignments,
                const std::vector<std::string>& outNames, const EvaluationOptions& options);
-int modulesCommand();
+// The registered host modules; with `all`, then the Python modules known to the host (after
+// importAllModules) that are not registered themselves.
+int modulesCommand(bool all);
+// The display text of python_import(path).
+int importCommand(const std::string& path);
+// The stub text of a host module; with `outDir`, writes it into a stub package there instead.
+int stubsCommand(const std::string& moduleName, const std::optional<std::string>& outDir);
 // The interactive prompt; `interactive` false reads plain lines (no line editing), for tests
 // and pipes.
 int promptCommand(bool interactive);

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <algorithm>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,7 +21,9 @@ namespace {
 const char* const kUsageText = R"(Usage:
   tala [--extension PATH] eval EXPR [NAME=VALUE ...] [OPTIONS]
   tala [--extension PATH] run FILE [NAME=VALUE ...] [--out NAME ...] [OPTIONS]
-  tala [--extension PATH] modules
+  tala [--extension PATH] import PATH
+  tala [--extension PATH] modules [--all]
+  tala [--extension PATH] stubs MODULE [--out DIR]
   tala [--extension PATH] [prompt]
   tala --help
 
@@ -34,8 +37,18 @@ bin/, or the library given by --extension), runs its start-up, then:
       Runs the Python code in FILE ("-" reads standard input) as the body of a function:
       what it returns is printed unless it is None, then one line "NAME = value" for each
       --out NAME, in the order given, with the value the code left in that variable.
-  modules
-      Prints the registered host modules, one name a line.
+  import PATH
+      Imports the Python module or module-level object at the dotted PATH ("os",
+      "os.path", "json.dumps") and prints the display text of its host value.
+  modules [--all]
+      Prints the registered host modules, one name a line. With --all, then the Python
+      modules known to the host once those on Python's search path are listed
+      (python.json, ...).
+  stubs MODULE [--out DIR]
+      Prints the Python stub text of the host module MODULE (tala.python, python.json,
+      ...). With --out DIR, writes it to DIR/<MODULE as folders>/__init__.pyi instead,
+      with the imports its annotations need and a py.typed marker, so that an editor or
+      a type checker given DIR as a search path reads it.
   prompt, or no command on a terminal
       Opens Python's prompt: blocks continue on "..." lines until an empty line, names
       stay for the whole session, Tab completes names and attributes, history is kept in
@@ -96,7 +109,7 @@ int main(int argc, char** argv) {
         std::fputs(kUsageText, stdout);
         return tala::host::kOk;
     }
-    static const char* const kCommands[] = {"eval", "run", "modules", "prompt", ""};
+    static const char* const kCommands[] = {"eval", "run", "import", "modules", "stubs", "prompt", ""};
     if (std::find(std::begin(kCommands), std::end(kCommands), command) == std::end(kCommands)) {
         return usageError("Unknown command '" + command + "'.");
     }
@@ -140,9 +153,31 @@ int main(int argc, char** argv) {
         if (run) return tala::host::runCommand(positional[0], assignments, outNames, options);
         return tala::host::evalCommand(positional[0], assignments, options);
     }
+    if (command == "import") {
+        if (rest.empty()) return usageError("import needs a path.");
+        if (rest.size() > 1) return usageError("import takes one path.");
+        return tala::host::importCommand(rest[0]);
+    }
     if (command == "modules") {
-        if (!rest.empty()) return usageError("modules takes no arguments.");
-        return tala::host::modulesCommand();
+        if (rest.size() == 1 && rest[0] == "--all") return tala::host::modulesCommand(true);
+        if (!rest.empty()) return usageError("modules takes no arguments but --all.");
+        return tala::host::modulesCommand(false);
+    }
+    if (command == "stubs") {
+        std::optional<std::string> moduleName;
+        std::optional<std::string> outDir;
+        for (std::size_t index = 0; index < rest.size(); ++index) {
+            if (rest[index] == "--out") {
+                if (index + 1 >= rest.size()) return usageError("--out needs a folder.");
+                outDir = rest[++index];
+            } else if (moduleName) {
+                return usageError("stubs takes one module.");
+            } else {
+                moduleName = rest[index];
+            }
+        }
+        if (!moduleName) return usageError("stubs needs a module.");
+        return tala::host::stubsCommand(*moduleName, outDir);
     }
     return tala::host::promptCommand(isatty(STDIN_FILENO) != 0);
 }

@@ -144,7 +144,7 @@ bool pushLine(const Any& session, const std::string& line, bool& leave, int& sta
 //
 // The signal handler only writes a byte to one of two pipes. While a line runs, a thread of the
 // prompt (which never takes the signal itself) reads it and stops the line through
-// python_interrupt. While a line is typed, the loop that waits for keys reads it and drops the
+// LanguagePython.interrupt. While a line is typed, the loop that waits for keys reads it and drops the
 // line and any open block, as Python's own prompt does.
 
 int g_interruptPipe[2] = {-1, -1};
@@ -164,7 +164,7 @@ void watchInterrupts(Any threadId) {
     sigaddset(&signals, SIGINT);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     char byte = 0;
-    while (read(g_interruptPipe[0], &byte, 1) == 1 && byte != 'q') (void)callModuleFunction("python_interrupt", {threadId});
+    while (read(g_interruptPipe[0], &byte, 1) == 1 && byte != 'q') (void)callLanguageMethod("interrupt", {threadId});
 }
 
 // ---- Line editing ------------------------------------------------------------------------------
@@ -253,7 +253,7 @@ int interactivePrompt(const Any& session) {
     if (!history.empty()) read_history(history.c_str());
 
     if (pipe(g_interruptPipe) != 0 || pipe(g_cancelPipe) != 0) return kUsage;
-    std::thread watcher(watchInterrupts, callModuleFunction("python_thread_id", {}));
+    std::thread watcher(watchInterrupts, callLanguageMethod("threadId", {}));
     struct sigaction action {};
     action.sa_handler = onInterrupt;
     sigemptyset(&action.sa_mask);

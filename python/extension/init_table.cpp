@@ -2,14 +2,17 @@
 //
 // Priorities: 1 class registrations, 2 the logging bridge (which normally starts the
 // interpreter), 3 the documentation of module "tala.python", 4 the module functions.
+#include "extension/init_table.hpp"
+
 #include "extension/identifiers.hpp"
-#include "extension/interpreter.hpp"
 #include "extension/logging_bridge.hpp"
-#include "language/evaluate.hpp"
-#include "language/interruption.hpp"
 #include "extension/sys_path.hpp"
 #include "functions/function_python.hpp"
+#include "language/evaluation_arguments.hpp"
+#include "language/language_python.hpp"
+#include "proxies/module_python.hpp"
 #include "proxies/python_proxy.hpp"
+#include "stubs/module_functions.hpp"
 #include "tala/init.hpp"
 #include "tala/module.hpp"
 
@@ -19,95 +22,105 @@ namespace {
 
 Module pythonModule() { return Module::create("tala.python"); }
 
-// A map argument: a host map, or None for "no map".
-std::optional<Union<I_Map<String, Any>, None>> mapArgument(const Any& value) {
-    if (value.isEmpty()) return Union<I_Map<String, Any>, None>(None());
-    if (I_Map_Generic::matches(value)) return Union<I_Map<String, Any>, None>(internal::unchecked, value);
-    return std::nullopt;
-}
-
-std::optional<Union<I_MutableMap<String, Any>, None>> mutableMapArgument(const Any& value) {
-    if (value.isEmpty()) return Union<I_MutableMap<String, Any>, None>(None());
-    if (I_MutableMap_Generic::matches(value)) return Union<I_MutableMap<String, Any>, None>(internal::unchecked, value);
-    return std::nullopt;
-}
-
-Error notAMap(const char* parameter, const Any& value) {
-    return Error(String("The argument '{}' must be a map or None, got {}.").arg(String(parameter), display(value)));
-}
-
-Any evaluateMethod(const Any& self, const String& code, const Any& locals, const Any& globals, const Any& outLocals) {
-    auto localMap = mapArgument(locals);
-    if (!localMap) return notAMap("locals", locals);
-    auto globalMap = mapArgument(globals);
-    if (!globalMap) return notAMap("globals", globals);
-    auto outMap = mutableMapArgument(outLocals);
-    if (!outMap) return notAMap("outLocals", outLocals);
-    return resolve(language_python_evaluate_method(self, code, *localMap, *globalMap, *outMap));
-}
-
-void registerModuleFunctions() {
-    const Module module = pythonModule();
-    module.addFunction(String("evaluate"),
-                       native_function([](const String& code, const Any& locals, const Any& globals, const Any& outLocals) {
-                           return evaluateMethod(Any(), code, locals, globals, outLocals);
-                       }, "evaluate", {"code", "locals", "globals", "outLocals"},
-                                       "Runs Python code; what it returns is the result, and the names of outLocals are "
-                                       "written back into that map."));
-    module.addFunction(String("evaluate_expr"),
-                       native_function([](const String& code, const Any& locals, const Any& globals) -> Any {
-                           auto localMap = mapArgument(locals);
-                           if (!localMap) return notAMap("locals", locals);
-                           auto globalMap = mapArgument(globals);
-                           if (!globalMap) return notAMap("globals", globals);
-                           return evaluate_expr(code, *localMap, *globalMap);
-                       }, "evaluate_expr", {"code", "locals", "globals"}, "Evaluates a Python expression."));
-    module.addFunction(String("evaluate_method"),
-                       native_function([](const Any& self, const String& code, const Any& locals, const Any& globals,
-                                          const Any& outLocals) { return evaluateMethod(self, code, locals, globals, outLocals); },
-                                       "evaluate_method", {"self", "code", "locals", "globals", "outLocals"},
-                                       "Runs Python code with `self` bound to a host value."));
-    module.addFunction(
-        String("python_add_sys_path"),
-        native_function([](const String& path) { return python_add_sys_path(path); }, "python_add_sys_path", {"path"},
-                        "Adds a path to sys.path once."));
-    module.addFunction(String("python_thread_id"),
-                       native_function([] { return Integer(currentThreadId()); }, "python_thread_id", {},
-                                       "The identifier of the calling thread, as python_interrupt takes it."));
-    module.addFunction(String("python_interrupt"),
-                       native_function([](const Integer& threadId) { return Boolean(interruptEvaluation(threadId.value())); },
-                                       "python_interrupt", {"threadId"},
-                                       "Stops the Python evaluation running on the thread with that identifier "
-                                       "(python_thread_id of that thread): it ends with an error that says it was "
-                                       "interrupted. Answers whether an evaluation was running there."));
-}
-
-
-void describeModule() {
-    pythonModule().setDoc(String("Python language support: evaluation of Python code against host values, and the bridge "
-                                 "between host values and Python objects."));
-}
-
 template <class T>
 void registerClass() {
     (void)T::getClass();
 }
 
+void describeModule() {
+    const Module module = pythonModule();
+    module.setDoc(String("Python language support: evaluation of Python code against host values, the bridge between "
+                         "host values and Python objects, Python modules as host modules, and stubs for host modules."));
+    // The module's own, in front of the one every module inherits: read from the module each
+    // time, so that the property and Module::doc() never disagree.
+    module.addProperty(Property(Any::$$doc, native_function([](const Module& self) { return self.doc(); }, "doc", {},
+                                                            String(), false),
+                                Any(), String("The module's documentation.")));
+}
+
+void registerEvaluate() {
+    pythonModule().addFunction(
+        String("evaluate"),
+        native_function([](const String& code, const Any& locals, const Any& globals, const Any& outLocals) {
+            return evaluateMethodWithArguments(Any(), code, locals, globals, outLocals);
+        }, "evaluate", {"code", "locals", "globals", "outLocals"},
+                        "Runs Python code; what it returns is the result, and the names of outLocals are written back "
+                        "into that map."));
+}
+
+void registerEvaluateExpr() {
+    pythonModule().addFunction(
+        String("evaluate_expr"),
+        native_function([](const String& code, const Any& locals, const Any& globals) {
+            return evaluateExprWithArguments(code, locals, globals);
+        }, "evaluate_expr", {"code", "locals", "globals"}, "Evaluates a Python expression."));
+}
+
+void registerEvaluateMethod() {
+    pythonModule().addFunction(
+        String("evaluate_method"),
+        native_function([](const Any& self, const String& code, const Any& locals, const Any& globals, const Any& outLocals) {
+            return evaluateMethodWithArguments(self, code, locals, globals, outLocals);
+        }, "evaluate_method", {"self", "code", "locals", "globals", "outLocals"},
+                        "Runs Python code with `self` bound to a host value."));
+}
+
+void registerAddSysPath() {
+    pythonModule().addFunction(String("python_add_sys_path"),
+                               native_function([](const String& path) { return python_add_sys_path(path); },
+                                               "python_add_sys_path", {"path"}, "Adds a path to sys.path once."));
+}
+
+void registerGenerateStubs() {
+    pythonModule().addFunction(String("python_generate_stubs"),
+                               native_function([](const Module& module) { return python_generate_stubs(module); },
+                                               "python_generate_stubs", {"module"},
+                                               "Generates Python stubs for the given TALA module."));
+}
+
+void registerImport() {
+    pythonModule().addFunction(String("python_import"),
+                               native_function([](const String& path) { return python_import(path); }, "python_import",
+                                               {"path"}, "Imports python module or object."));
+}
+
+constexpr InitEntry kLoggingBridge{2, "the logging bridge", installLoggingBridge};
+
+constexpr InitEntry kInitTable[] = {
+    {1, "class FunctionPython", registerClass<FunctionPython>},
+    {1, "class LanguagePython", registerClass<LanguagePython>},
+    {1, "class ModulePython", registerClass<ModulePython>},
+    {1, "class PythonProxy", registerClass<PythonProxy>},
+    {1, "class PythonProxyIterable", registerClass<PythonProxyIterable>},
+    {1, "class PythonProxyIterator", registerClass<PythonProxyIterator>},
+    {1, "class PythonProxyMapping", registerClass<PythonProxyMapping>},
+    {1, "class PythonProxySequence", registerClass<PythonProxySequence>},
+    {1, "class PythonProxySet", registerClass<PythonProxySet>},
+    kLoggingBridge,
+    {3, "doc of module tala.python", describeModule},
+    {4, "function evaluate", registerEvaluate},
+    {4, "function evaluate_expr", registerEvaluateExpr},
+    {4, "function evaluate_method", registerEvaluateMethod},
+    {4, "function python_add_sys_path", registerAddSysPath},
+    {4, "function python_generate_stubs", registerGenerateStubs},
+    {4, "function python_import", registerImport},
+};
+
 [[maybe_unused]] const bool g_registered = [] {
-    internal::add_init_handler(1, registerClass<FunctionPython>);
-    internal::add_init_handler(1, registerClass<PythonProxy>);
-    internal::add_init_handler(1, registerClass<PythonProxyIterable>);
-    internal::add_init_handler(1, registerClass<PythonProxyIterator>);
-    internal::add_init_handler(1, registerClass<PythonProxyMapping>);
-    internal::add_init_handler(1, registerClass<PythonProxySequence>);
-    internal::add_init_handler(1, registerClass<PythonProxySet>);
-    // Appended to the list itself rather than through add_init_handler: the same entry either way.
-    internal::init_handlers_unsafe().emplace_back(2, installLoggingBridge);
-    internal::add_init_handler(3, describeModule);
-    internal::add_init_handler(4, registerModuleFunctions);
+    for (const InitEntry& entry : kInitTable) {
+        if (entry.handler == kLoggingBridge.handler) {
+            // Appended to the list itself rather than through add_init_handler: the same entry
+            // either way.
+            internal::init_handlers_unsafe().emplace_back(entry.priority, entry.handler);
+        } else {
+            internal::add_init_handler(entry.priority, entry.handler);
+        }
+    }
     return true;
 }();
 
 }  // namespace
+
+std::span<const InitEntry> initTable() { return kInitTable; }
 
 }  // namespace tala::python

@@ -14,6 +14,7 @@
 
 #include "extension/gil.hpp"
 #include "extension/sys_path.hpp"
+#include "language/language_python.hpp"
 
 namespace tala::python {
 
@@ -122,7 +123,11 @@ bool ensurePythonInitialized() {
         // From here on no thread holds the lock between calls: this thread gives it up for
         // good and, like every other, takes it through GilGuard.
         (void)PyEval_SaveThread();
+        GilGuard gil;
+        describeLanguage();
     }
+    // The language class exists whenever the interpreter does, also when someone else started it.
+    (void)LanguagePython::getClass();
     return true;
 }
 

@@ -267,7 +267,7 @@ Union<FunctionPython, Error> FunctionPython::fromSource(const String& source) {
 
 Class_Generic FunctionPython::getClass() {
     static const ClassRegistration registration("FunctionPython", [] {
-        return ClassBuilder("FunctionPython")
+        const Class_Generic cls = ClassBuilder("FunctionPython")
             .doc("Invokable wrapper around of a Python function.")
             .declaringContext(Module::create("tala.python"))
             .parent(class_of(native_function([] {})))
@@ -292,6 +292,8 @@ Class_Generic FunctionPython::getClass() {
                     {}, "The result type read from the return annotation.")
             .method(Identifier::intern("name"), [](const Any& self) { return cellOf(self)->name(); }, {}, "The function's name.")
             .build();
+        Module::create("tala.python").addClass(cls);
+        return cls;
     });
     return registration.get();
 }

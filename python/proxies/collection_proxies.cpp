@@ -148,7 +148,9 @@ Class_Generic proxyClass(const char* name, const char* doc, const Class_Generic&
     ClassBuilder builder{String(name)};
     builder.doc(doc).parent(PythonProxy::getClass()).parent(interface);
     members(builder);
-    return builder.build();
+    const Class_Generic cls = builder.build();
+    Module::create("tala.python").addClass(cls);
+    return cls;
 }
 
 }  // namespace

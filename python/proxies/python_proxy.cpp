@@ -224,7 +224,7 @@ Class_Generic PythonProxy::getClass() {
         auto removeNothing = [](const PythonProxy&, const ByteArray&) -> Union<Boolean, Lazy<Boolean>, Error> {
             return Boolean(false);
         };
-        return ClassBuilder("PythonProxy")
+        const Class_Generic cls = ClassBuilder("PythonProxy")
             .doc("Proxy wrapper around of 'PyObject'.")
             .parent(I_RuntimeOnly::getClass())
             .field($_pyobj)
@@ -251,6 +251,8 @@ Class_Generic PythonProxy::getClass() {
             .method(Any::$__compare__, [](const PythonProxy& self, const Any& other) { return compareProxy(self, other); },
                     {"other"})
             .build();
+        Module::create("tala.python").addClass(cls);
+        return cls;
     });
     return registration.get();
 }

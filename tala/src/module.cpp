@@ -1,6 +1,7 @@
 // tala/src/module.cpp: modules, the module registry and the process-wide globals.
 #include "tala/module.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 
@@ -84,6 +85,11 @@ std::optional<Module> Module::find(std::string_view name) {
     return findLocked(modules, name);
 }
 
+Module Module::makeUnregistered(String name, const Class_Generic& moduleClass, String doc) {
+    return Module(internal::unchecked,
+                  Any::adopt(Kind::Object, new internal::ModuleCell(moduleClass.cell(), std::move(name), std::move(doc))));
+}
+
 String Module::name() const { return cell()->name; }
 
 String Module::doc() const {
@@ -137,6 +143,26 @@ void Module::addProperty(const Property& property) const {
 }
 
 void Module::setValue(Identifier name, Any value) const { addProperty(Property::value(name, std::move(value))); }
+
+void Module::addLazyModule(String name, std::function<Any()> make) const {
+    std::string_view member = name.view();
+    const std::string_view own = cell()->name.view();
+    if (member.size() > own.size() + 1 && member.starts_with(own) && member[own.size()] == '.') {
+        member.remove_prefix(own.size() + 1);
+    }
+    const Identifier id = Identifier::intern(member);
+    addProperty(Property(id, make_function(String(member), [make = std::move(make)](std::span<const Any>) { return make(); },
+                                           Signature({}, Type(Module::getClass())), true,
+                                           String("The module {}, made when first read.").arg(name))));
+    std::lock_guard lock(cell()->mutex);
+    auto& names = cell()->lazyModules;
+    if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(std::move(name));
+}
+
+std::vector<String> Module::lazyModuleNames() const {
+    std::lock_guard lock(cell()->mutex);
+    return cell()->lazyModules;
+}
 
 void Module::markInternal() const { setValue(Any::$$internal, Boolean(true)); }
 void Module::markInlined() const { setValue(Any::$$inlined, Boolean(true)); }

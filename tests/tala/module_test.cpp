@@ -211,6 +211,59 @@ TEST(Module, DocCanBeSetAndRead) {
     EXPECT_EQ(Module::find("mt_doc")->doc().toStdString(), "Tools for tests.");
 }
 
+// ---- Modules made by language bridges -------------------------------------------------------------
+
+TEST(Module, UnregisteredModuleHasItsOwnClassAndStaysOutOfTheRegistry) {
+    static const tala::Class_Generic derived =
+        tala::ClassBuilder("DerivedModule").parent(Module::getClass()).field(tala::Identifier("$mt_payload")).build();
+    const Module module = Module::makeUnregistered(String("mt_unregistered"), derived, String("Made by a bridge."));
+    EXPECT_TRUE(Module::matches(module));
+    EXPECT_EQ(tala::raw_class_of(module), derived);
+    EXPECT_EQ(module.name().toStdString(), "mt_unregistered");
+    EXPECT_EQ(module.doc().toStdString(), "Made by a bridge.");
+    EXPECT_FALSE(Module::find("mt_unregistered").has_value());
+    EXPECT_EQ(positionOf(moduleNames(), "mt_unregistered"), -1);
+    // The derived class's fields have their slots, and Module's own members are inherited.
+    EXPECT_TRUE(module.setFieldValue(tala::Identifier("$mt_payload"), Integer(5)).isEmpty());
+    EXPECT_EQ(module.fieldValue(tala::Identifier("$mt_payload")).rawInteger(), 5);
+    EXPECT_EQ(tala::display(module).toStdString(), "Module: 'mt_unregistered'.");
+}
+
+TEST(Module, LazyModuleIsMadeOnEachReadAndNotBefore) {
+    const Module parent = Module::create("mt_lazy");
+    // Static: the maker stays with the module for the rest of the process.
+    static int made = 0;
+    parent.addLazyModule(String("mt_lazy.child"), [] {
+        ++made;
+        return Any(Module::makeUnregistered(String("mt_lazy.child"), Module::getClass()));
+    });
+    EXPECT_EQ(made, 0);
+    const Any first = memberOf(parent, "child");
+    EXPECT_EQ(made, 1);
+    ASSERT_TRUE(Module::matches(first)) << tala::display(first).toStdString();
+    EXPECT_EQ(Module(tala::internal::unchecked, first).name().toStdString(), "mt_lazy.child");
+    (void)memberOf(parent, "child");
+    EXPECT_EQ(made, 2);
+}
+
+TEST(Module, LazyModuleNamesKeepTheirFirstOrderAndADeclarationAgainReplacesTheMaker) {
+    const Module parent = Module::create("mt_lazy_names");
+    EXPECT_TRUE(parent.lazyModuleNames().empty());
+    parent.addLazyModule(String("mt_lazy_names.b"), [] { return Any(Integer(1)); });
+    parent.addLazyModule(String("mt_lazy_names.a.inner"), [] { return Any(Integer(2)); });
+    // A name outside the module's own is the member's whole name.
+    parent.addLazyModule(String("elsewhere"), [] { return Any(Integer(3)); });
+    parent.addLazyModule(String("mt_lazy_names.b"), [] { return Any(Integer(4)); });
+    std::vector<std::string> names;
+    for (const String& name : parent.lazyModuleNames()) names.push_back(name.toStdString());
+    EXPECT_EQ(names, (std::vector<std::string>{"mt_lazy_names.b", "mt_lazy_names.a.inner", "elsewhere"}));
+    EXPECT_EQ(memberOf(parent, "b").rawInteger(), 4);
+    EXPECT_EQ(memberOf(parent, "a.inner").rawInteger(), 2);
+    EXPECT_EQ(memberOf(parent, "elsewhere").rawInteger(), 3);
+    // A declared module is no registered module.
+    EXPECT_FALSE(Module::find("mt_lazy_names.b").has_value());
+}
+
 TEST(Globals, OneMapForTheWholeProcess) {
     tala::globals().set(String("mt_global"), Integer(11));
     auto value = tala::globals().get(String("mt_global"));

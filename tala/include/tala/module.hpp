@@ -1,6 +1,7 @@
 // tala/module.hpp: modules, the registry of modules, and the process-wide globals.
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string_view>
@@ -20,10 +21,11 @@ class ModuleCell final : public ObjectCell {
 public:
     ModuleCell(const ClassCell* moduleClass, String name, String doc);
     const String name;
-    mutable std::mutex mutex;  // guards doc, classes and functions
+    mutable std::mutex mutex;  // guards doc, classes, functions and lazyModules
     String doc;
     HashMap<String, Class_Generic> classes;
     HashMap<String, I_Invokable_Generic> functions;
+    std::vector<String> lazyModules;  // full names, in the order they were first declared
 };
 }  // namespace internal
 
@@ -40,6 +42,11 @@ public:
     // parent exists) when there is none yet.
     static Module create(std::string_view name, String doc = String());
     static std::optional<Module> find(std::string_view name);
+    // A module whose class is `moduleClass` (a class derived from Module's, which holds what
+    // addClass, addFunction, addProperty and setValue add, so give each module a class of its
+    // own), kept out of the registry: a language bridge makes such modules for the modules of its
+    // language, and the host reaches them as members of a registered module rather than by name.
+    static Module makeUnregistered(String name, const Class_Generic& moduleClass, String doc = String());
 
     String name() const;
     String doc() const;
@@ -53,6 +60,15 @@ public:
     // Adds a property computed on each read, or a value property.
     void addProperty(const Property& property) const;
     void setValue(Identifier name, Any value) const;
+
+    // Declares the child module `name` without making it: the member named after what follows
+    // this module's name and "." (the whole name when it does not begin so) is a property that
+    // calls `make` on each read, so nothing is made or loaded before someone reads it. A maker
+    // that must answer the same module every time keeps what it made. Declaring a name again
+    // replaces its maker.
+    void addLazyModule(String name, std::function<Any()> make) const;
+    // The names given to addLazyModule, in the order they were first declared.
+    std::vector<String> lazyModuleNames() const;
 
     // Marker properties read by language bridges: an internal module is hidden from scripts;
     // an inlined module's classes and functions are visible by their own names.

@@ -1,6 +1,7 @@
 // tests/python/extension/foreign_start_test.cpp: an interpreter that someone else started is left
 // as it is: the extension does not initialise it again, does not drain its pending search paths
-// into it and does not give up the lock that the starting thread holds.
+// into it, does not give up the lock that the starting thread holds and does not describe the
+// language on host module "python"; it only registers the class LanguagePython.
 //
 // This program has its own main(): it starts Python itself, the way another component of the host
 // process would, before any test runs.
@@ -11,6 +12,7 @@
 #include "extension/gil.hpp"
 #include "extension/interpreter.hpp"
 #include "extension/sys_path.hpp"
+#include "language/language_python.hpp"
 
 namespace {
 
@@ -45,6 +47,20 @@ TEST(ForeignStart, EnsurePythonOnceLeavesTheInterpreterAsItIs) {
     ASSERT_EQ(pending.size(), 1u);
     EXPECT_EQ(pending[0], kQueuedPath);
     EXPECT_FALSE(sysPathContains(kQueuedPath));
+}
+
+TEST(ForeignStart, OnlyTheLanguageClassIsRegistered) {
+    const auto before = tala::Module::find("tala.python");
+    EXPECT_FALSE(before && before->classes().contains(tala::String("LanguagePython")));
+    ASSERT_TRUE(tala::python::ensurePythonOnce());
+    const auto after = tala::Module::find("tala.python");
+    ASSERT_TRUE(after.has_value());
+    EXPECT_TRUE(after->classes().contains(tala::String("LanguagePython")));
+    EXPECT_FALSE(tala::Module::find("python").has_value()) << "the language description belongs to our own start";
+    // A direct second run changes nothing either.
+    EXPECT_TRUE(tala::python::ensurePythonInitialized());
+    EXPECT_EQ(tala::python::testing::interpreterStarts(), 0);
+    EXPECT_FALSE(tala::Module::find("python").has_value());
 }
 
 TEST(ForeignStart, LockHolderCanStillUseTheExtension) {

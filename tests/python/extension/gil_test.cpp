@@ -317,10 +317,22 @@ TEST_F(InterpreterStartTest, StartedOnceAndLockGivenUp) {
     EXPECT_EQ(tala::python::testing::interpreterStarts(), 1);
 }
 
+TEST_F(InterpreterStartTest, OwnStartDescribesTheLanguageAndRegistersItsClass) {
+    const auto language = tala::Module::find("python");
+    ASSERT_TRUE(language.has_value());
+    EXPECT_TRUE(language->doc().startsWith("Python is an easy to learn, powerful programming language."));
+    EXPECT_EQ(language->lazyModuleNames().size(), 8u);
+    const auto extension = tala::Module::find("tala.python");
+    ASSERT_TRUE(extension.has_value());
+    EXPECT_TRUE(extension->classes().contains(tala::String("LanguagePython")));
+}
+
 TEST_F(InterpreterStartTest, DirectSecondRunDoesNotInitialiseAgain) {
     EXPECT_TRUE(tala::python::ensurePythonInitialized());
     EXPECT_TRUE(tala::python::ensurePythonInitialized());
     EXPECT_EQ(tala::python::testing::interpreterStarts(), 1);
+    // Nor did it describe the language again.
+    EXPECT_EQ(tala::Module::find("python")->lazyModuleNames().size(), 8u);
     // Nor did it take or give up the lock on this thread.
     EXPECT_EQ(PyGILState_Check(), 0);
     GilGuard gil;

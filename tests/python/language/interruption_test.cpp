@@ -9,6 +9,7 @@
 
 #include "language/evaluate.hpp"
 #include "language/interruption.hpp"
+#include "language/language_python.hpp"
 #include "language_test_support.hpp"
 
 namespace {
@@ -142,22 +143,21 @@ TEST_F(InterruptionTest, OnlyTheTargetThreadStops) {
     EXPECT_EQ(text(other.result), "3000000");
 }
 
-TEST_F(InterruptionTest, TheModuleFunctionsStopAnEvaluation) {
+TEST_F(InterruptionTest, LanguagePythonStopsAnEvaluation) {
     tala_python_test::Watchdog watchdog(std::chrono::seconds(60));
-    const tala::Module module = *tala::Module::find("tala.python");
-    auto function = [&](const char* name) {
-        return tala::I_Invokable_Generic(tala::internal::unchecked,
-                                         tala::property_of(module, std::string_view(name)).as<tala::Property>().get(module));
+    const tala::Class_Generic language = tala::LanguagePython::getClass();
+    auto method = [&](const char* name) {
+        return tala::definedMethod(language, tala::Identifier::intern(name)).as<tala::I_Invokable_Generic>();
     };
     Runner runner("started()\nwhile True:\n    pass");
     runner.waitUntilStarted();
-    const Any interrupted = function("python_interrupt")(Integer(runner.threadId));
+    const Any interrupted = method("interrupt")(Integer(runner.threadId));
     runner.join();
     EXPECT_EQ(text(interrupted), "True");
     EXPECT_EQ(errorMessage(runner.result), "The evaluation was interrupted.");
-    const Any ownId = function("python_thread_id")();
+    const Any ownId = method("threadId")();
     EXPECT_EQ(ownId.rawInteger(), currentThreadId());
-    EXPECT_EQ(text(function("python_interrupt")(ownId)), "False");
+    EXPECT_EQ(text(method("interrupt")(ownId)), "False");
 }
 
 }  // namespace
