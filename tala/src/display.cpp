@@ -480,8 +480,17 @@ std::uint64_t hashObject(const Any& value) {
         }
         case internal::NativeTag::Decimal: return Decimal(internal::unchecked, value).hash();
         case internal::NativeTag::StringObject: return String(internal::unchecked, value).hash();
-        default: return mix(object_id(value));
+        default: break;
     }
+    // A class whose instances compare by value (__compare__) hashes them by value too, through
+    // its __hash__, so that equal values hash equal; any other object hashes by identity.
+    if (const internal::ClassCell* cls = value.cellAs<internal::ObjectCell>()->objectClass()) {
+        if (const Any* method = cls->findMethod(Any::$__hash__)) {
+            Any answer = resolve(I_Invokable_Generic(internal::unchecked, *method)(value));
+            if (answer.kind() == Kind::Integer) return static_cast<std::uint64_t>(answer.rawInteger());
+        }
+    }
+    return mix(object_id(value));
 }
 
 }  // namespace

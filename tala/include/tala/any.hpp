@@ -201,6 +201,7 @@ public:
     static inline const Identifier $__removeMethod__{"$__removeMethod__"};
     static inline const Identifier $__display__{"$__display__"};
     static inline const Identifier $__compare__{"$__compare__"};
+    static inline const Identifier $__hash__{"$__hash__"};
     static inline const Identifier $at{"$at"};
     static inline const Identifier $atOr{"$atOr"};
     static inline const Identifier $set{"$set"};
