@@ -1,5 +1,7 @@
 // tests/sqlite/errors_test.cpp: SqlError: SQLite's own messages and result codes, misuse of the
 // module, a closed database, and the same errors raised into Python and back.
+#include <vector>
+
 #include "errors.hpp"
 #include "sqlite_module.hpp"
 #include "sqlite_test_support.hpp"
@@ -95,6 +97,13 @@ TEST_F(ErrorsTest, ARowIsNoDatabase) {
     const auto query = tala::method_of(database, "query").as<tala::I_Invokable_Generic>();
     EXPECT_EQ(errorMessage(query(row, String("SELECT 1"))), "Wrong type of argument 0: expected Database, got sqlite.Row.");
     EXPECT_EQ(errorMessage(query(database)), "Wrong number of arguments: expected 2, got 0.");
+}
+
+TEST_F(ErrorsTest, TheClassOpensADatabaseWhenGivenAPath) {
+    const Any opened = tala::sqlite::Database::getClass().instantiate(std::vector<Any>{String(":memory:")});
+    EXPECT_EQ(text(opened), "Database(':memory:')");
+    EXPECT_EQ(described(tala::sqlite::Database::getClass().instantiate({})),
+              "sqlite.SqlError: A database is opened with Database.open(path), or Database(path). (code 21)");
 }
 
 // ---- In Python ------------------------------------------------------------------------------------

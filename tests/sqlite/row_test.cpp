@@ -160,6 +160,14 @@ return outcomes
     EXPECT_EQ(text(result), "[\"KeyError 'weight'\", 'KeyError 5', 'RuntimeError']");
 }
 
+TEST_F(RowTest, PythonListsTheColumnsAmongTheRowsNames) {
+    const Any result = python(R"PY(
+row = db.query("SELECT id, name FROM products WHERE id = 1")[0]
+return sorted(name for name in row.__dir__ if name in ("id", "name", "keys", "price"))
+)PY");
+    EXPECT_EQ(text(result), "['id', 'keys', 'name']");
+}
+
 TEST_F(RowTest, RowsCannotBeChangedFromPython) {
     const Any result = python(R"PY(
 row = db.query("SELECT id, name FROM products WHERE id = 1")[0]
