@@ -182,15 +182,18 @@ Any constructDatabase(std::span<const Any> arguments) {
 Class_Generic buildDatabaseClass() {
     const Class_Generic cls =
         ClassBuilder("Database")
-            .doc("A connection to an SQLite database file (or an in-memory database). Open one with "
-                 "Database.open(path). Statements take their parameters by position, as a list for the "
-                 "\"?\" placeholders, or by name, as a map for \":name\" placeholders; without parameters "
-                 "they may be left out or None. Values come back as Integer, Float, String, ByteArray or "
-                 "None by their storage class, and as Decimal, Date, DateTime or Boolean where the "
-                 "column is declared DECIMAL or NUMERIC, DATE, DATETIME or TIMESTAMP, BOOLEAN. "
-                 "Decimals, dates and times are stored as their exact text. Any number of threads may "
-                 "use one database: each call runs alone on the connection. Every failure is an "
-                 "SqlError, and every call on a closed database fails with \"The database is closed.\".")
+            .doc("A connection to an SQLite database file (or an in-memory database).\n"
+                 "\n"
+                 "Open one with Database.open(path). Statements take their parameters by position, a\n"
+                 "list for \"?\" placeholders, or by name, a map for \":name\" placeholders; a statement\n"
+                 "without parameters takes None, or nothing. Values come back as Integer, Float,\n"
+                 "String, ByteArray or None by their storage class, and as Decimal, Date, DateTime or\n"
+                 "Boolean where the column is declared DECIMAL or NUMERIC, DATE, DATETIME or\n"
+                 "TIMESTAMP, BOOLEAN. Decimals, dates and times are stored as their exact text.\n"
+                 "\n"
+                 "Any number of threads may use one database: each call runs alone on the connection.\n"
+                 "Every failure is an SqlError; every call on a closed database fails with \"The\n"
+                 "database is closed.\".")
             .declaringContext(sqliteModule())
             .constructor(constructDatabase)
             .method(kQuery, statementMethod("query", query, List<Row>::getType(),

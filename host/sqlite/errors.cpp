@@ -15,10 +15,10 @@ const Identifier kCode{"$$code"};
 Class_Generic sqlErrorClass() {
     static const ClassRegistration registration("SqlError", [] {
         return ClassBuilder("SqlError")
-            .doc("An error of the database: its message is SQLite's own (\"no such table: x\", \"UNIQUE "
-                 "constraint failed: products.sku\"), or for a misuse of the module a sentence saying what "
-                 "was wrong. Raised in Python as the exception type sqlite.SqlError, derived from "
-                 "RuntimeError, which carries this error in its attribute `tala`.")
+            .doc("An error of the database: its message is SQLite's own (\"no such table: x\",\n"
+                 "\"UNIQUE constraint failed: products.sku\"), or for a misuse of the module a sentence\n"
+                 "saying what was wrong. Raised in Python as the exception type sqlite.SqlError,\n"
+                 "derived from RuntimeError, which carries this error in its attribute `tala`.")
             .declaringContext(sqliteModule())
             .parent(Error::getClass())
             .field(kCodeField, Integer::getType())

@@ -2,6 +2,7 @@
 // sequence by position, immutable, displayed like a record.
 #include "row.hpp"
 
+#include <algorithm>
 #include <atomic>
 
 #include "sqlite_module.hpp"
@@ -14,6 +15,8 @@ std::atomic<std::int64_t> g_liveRows{0};
 
 const Identifier kToMap{"$toMap"};
 
+// The columns of rows made by invoking the class. Never freed: a row may outlive static
+// destruction (a host may keep values until the very end).
 const std::shared_ptr<const Columns>& noColumns() {
     static const auto* columns = new std::shared_ptr<const Columns>(std::make_shared<const Columns>());
     return *columns;
@@ -148,12 +151,13 @@ Class_Generic buildRowClass() {
     // Members take the receiver as a Row: a call with anything else is refused by the argument
     // check before the body runs.
     return ClassBuilder("Row")
-        .doc("One row of a query result: an immutable map from column name to value that is also a "
-             "sequence of the values by position. From Python, read a column as an attribute "
-             "(row.price), by name (row[\"price\"]) or by position (row[0], row[-1]); len(row) is the "
-             "number of columns, iterating gives the values in column order, dict(row) a dictionary. "
-             "Rows with the same columns and equal values are equal and hash equal. Shown as "
-             "Row(id=1, name='Tea').")
+        .doc("One row of a query result: an immutable map from column name to value that is also\n"
+             "a sequence of the values by position.\n"
+             "\n"
+             "From Python, read a column as an attribute (row.price), by name (row[\"price\"]) or by\n"
+             "position (row[0], row[-1]); len(row) is the number of columns, iterating gives the\n"
+             "values in column order, dict(row) a dictionary. Rows with the same columns and equal\n"
+             "values are equal and hash equal. Shown as Row(id=1, name='Tea').")
         .declaringContext(sqliteModule())
         .parent(I_Map_Generic::getClass())
         .parent(I_Sequence_Generic::getClass())
