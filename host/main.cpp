@@ -19,16 +19,17 @@
 namespace {
 
 const char* const kUsageText = R"(Usage:
-  tala [--extension PATH] eval EXPR [NAME=VALUE ...] [OPTIONS]
-  tala [--extension PATH] run FILE [NAME=VALUE ...] [--out NAME ...] [OPTIONS]
-  tala [--extension PATH] import PATH
-  tala [--extension PATH] modules [--all]
-  tala [--extension PATH] stubs MODULE [--out DIR]
-  tala [--extension PATH] [prompt]
+  tala [OPTIONS] eval EXPR [NAME=VALUE ...] [EVALUATION OPTIONS]
+  tala [OPTIONS] run FILE [NAME=VALUE ...] [--out NAME ...] [EVALUATION OPTIONS]
+  tala [OPTIONS] import PATH
+  tala [OPTIONS] modules [--all]
+  tala [OPTIONS] stubs MODULE [--out DIR]
+  tala [OPTIONS] [prompt]
   tala --help
 
 Loads the Python extension that lies beside the program (lib/libtala_python.so next to
-bin/, or the library given by --extension), runs its start-up, then:
+bin/, or the library given by --extension), then the libraries given by --load, runs
+their start-up, then:
 
   eval EXPR [NAME=VALUE ...]
       Evaluates the Python expression EXPR with the given locals and prints the display
@@ -55,7 +56,16 @@ bin/, or the library given by --extension), runs its start-up, then:
       ~/.tala_history. Ctrl-C stops the running line, or clears the line being typed.
       Ctrl-D leaves.
 
-OPTIONS of eval and run:
+OPTIONS, before the command:
+  --extension PATH
+      Loads the Python extension from PATH instead.
+  --load NAME|PATH
+      Loads another extension library with host modules. A bare NAME is libNAME.so, or
+      else libtala_NAME.so, beside the Python extension (--load sqlite gives the module
+      sqlite). Anything with a "/" or ending in ".so" is a path. May be given more than
+      once: the libraries load in the order given.
+
+EVALUATION OPTIONS of eval and run:
   --timeout SECONDS   stop the evaluation when it runs longer (exit status 124)
   --quiet-traceback   report a failure with the last line of its traceback only
 
@@ -79,6 +89,27 @@ std::optional<double> secondsOf(const std::string& text) {
     return seconds;
 }
 
+// The library of `--load NAME|PATH`: a path as given; for a bare name, libNAME.so beside the
+// Python extension, or else the project's own libtala_NAME.so there.
+std::string loadedLibraryPath(const std::string& nameOrPath, const std::string& pythonExtension) {
+    if (nameOrPath.find('/') != std::string::npos || nameOrPath.ends_with(".so")) return nameOrPath;
+    const std::filesystem::path folder = std::filesystem::path(pythonExtension).parent_path();
+    const std::filesystem::path plain = folder / ("lib" + nameOrPath + ".so");
+    const std::filesystem::path own = folder / ("libtala_" + nameOrPath + ".so");
+    return (std::filesystem::exists(plain) || !std::filesystem::exists(own) ? plain : own).string();
+}
+
+// Loads one extension library and runs its start-up; the exit status of a failure, or nothing.
+std::optional<int> loadLibrary(const std::string& path, const std::string& missingSentence) {
+    if (!std::filesystem::exists(path)) return usageError(missingSentence);
+    tala::Any loaded = tala::load_extension(path);
+    if (tala::is_error_result(loaded)) {
+        std::fprintf(stderr, "%s\n", tala::Error(tala::internal::unchecked, loaded).message().c_str());
+        return tala::host::kUsage;
+    }
+    return std::nullopt;
+}
+
 std::string defaultExtension() {
     std::error_code error;
     const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
@@ -99,9 +130,15 @@ int main(int argc, char** argv) {
         std::fputs(kUsageText, stdout);
         return tala::host::kOk;
     }
-    if (next < arguments.size() && arguments[next] == "--extension") {
-        if (next + 1 >= arguments.size()) return usageError("--extension needs a path.");
-        extension = arguments[next + 1];
+    std::vector<std::string> libraries;
+    while (next < arguments.size() && (arguments[next] == "--extension" || arguments[next] == "--load")) {
+        const bool load = arguments[next] == "--load";
+        if (next + 1 >= arguments.size()) return usageError(load ? "--load needs a name or a path." : "--extension needs a path.");
+        if (load) {
+            libraries.push_back(arguments[next + 1]);
+        } else {
+            extension = arguments[next + 1];
+        }
         next += 2;
     }
     const std::string command = next < arguments.size() ? arguments[next++] : std::string();
@@ -117,13 +154,10 @@ int main(int argc, char** argv) {
         return usageError("No command given, and standard input is not a terminal for the prompt.");
     }
 
-    if (!std::filesystem::exists(extension)) {
-        return usageError("The Python extension was not found at '" + extension + "'.");
-    }
-    tala::Any loaded = tala::load_extension(extension);
-    if (tala::is_error_result(loaded)) {
-        std::fprintf(stderr, "%s\n", tala::Error(tala::internal::unchecked, loaded).message().c_str());
-        return tala::host::kUsage;
+    if (auto failed = loadLibrary(extension, "The Python extension was not found at '" + extension + "'.")) return *failed;
+    for (const std::string& library : libraries) {
+        const std::string path = loadedLibraryPath(library, extension);
+        if (auto failed = loadLibrary(path, "The extension '" + library + "' was not found at '" + path + "'.")) return *failed;
     }
 
     std::vector<std::string> rest(arguments.begin() + static_cast<std::ptrdiff_t>(next), arguments.end());

@@ -22,6 +22,7 @@ TALA_PACKAGES=(
     libgmock-dev
     libbenchmark-dev
     libreadline-dev
+    libsqlite3-dev
 )
 
 # tala_die "one clear sentence": print it to stderr and exit 1.

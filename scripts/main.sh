@@ -15,15 +15,19 @@ main() {
 }
 
 # ---------------------------------------------------------------------------
-# The main job: the host program runs an example script, with host values going in as locals,
-# the result and an out-local coming back, and a Python logging line reaching the host logger.
-# Arguments given to this script are passed on to `tala run`.
+# The main job: the host program loads its sqlite module and runs the restock rule of the example
+# shop: host rows (products queried through the module) go into Python, the rule is evaluated for
+# each, and the results come back (the cost as the result, the SKUs as an out-local) with a
+# logging line for the host's log. The build made the database from examples/shop.sql.
+# Arguments given to this script are passed on to `tala run` (rule="stock < 5", for one).
 # ---------------------------------------------------------------------------
 run_main_job() {
     local program="build/bin/tala"
+    local database="build/examples/shop.db"
     [[ -x "$program" ]] || tala_die "the main job's program $program was not built."
-    tala_log "running $program run examples/orders.py"
-    "$program" run examples/orders.py price=19.99 quantity=12 customer=ACME --out summary "$@"
+    [[ -f "$database" ]] || tala_die "the example database $database was not built."
+    tala_log "running $program --load sqlite run examples/restock.py db=$database --out reorders"
+    "$program" --load sqlite run examples/restock.py db="$database" --out reorders "$@"
 }
 
 main "$@"

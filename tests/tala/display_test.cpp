@@ -320,6 +320,40 @@ TEST(Hash, DifferentSimpleValuesHashDifferently) {
     EXPECT_NE(tala::hash_of(decimal("1.1")), tala::hash_of(decimal("1.2")));
 }
 
+// A class whose instances compare by a field, and hash by it through __hash__.
+tala::Class_Generic rankedClass(bool withHash) {
+    static const tala::Identifier kRank("$rank");
+    tala::ClassBuilder builder(withHash ? "RankedWithHash" : "RankedWithoutHash");
+    builder.field(kRank)
+        .method(tala::Any::$__compare__, [](const tala::Any& self, const tala::Any& other) -> std::int64_t {
+            const std::int64_t mine = self.fieldValue(kRank).rawInteger();
+            const std::int64_t theirs = other.fieldValue(kRank).rawInteger();
+            return (mine > theirs) - (mine < theirs);
+        }, {"other"});
+    if (withHash) {
+        builder.method(tala::Any::$__hash__, [](const tala::Any& self) { return self.fieldValue(kRank).rawInteger() * 7; });
+    }
+    static std::vector<tala::Class_Generic>* kept = new std::vector<tala::Class_Generic>();
+    kept->push_back(builder.build());
+    return kept->back();
+}
+
+tala::Any ranked(const tala::Class_Generic& cls, std::int64_t rank) {
+    tala::Any instance = tala::make_instance(cls);
+    (void)instance.setFieldValue(tala::Identifier("$rank"), tala::Integer(rank));
+    return instance;
+}
+
+TEST(Hash, ObjectsWithAHashMethodHashByIt) {
+    const tala::Class_Generic cls = rankedClass(true);
+    const tala::Any first = ranked(cls, 3);
+    const tala::Any second = ranked(cls, 3);
+    ASSERT_EQ(tala::compare_objects(first, second), 0);
+    EXPECT_EQ(tala::hash_of(first), 21u);
+    EXPECT_EQ(tala::hash_of(first), tala::hash_of(second));
+    EXPECT_NE(tala::hash_of(first), tala::hash_of(ranked(cls, 4)));
+}
+
 TEST(Hash, ListThatContainsItselfHashesAndComparesInFiniteTime) {
     const tala::List<tala::Any> first{tala::Integer(1)};
     const tala::List<tala::Any> second{tala::Integer(1)};

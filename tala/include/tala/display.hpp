@@ -20,7 +20,8 @@ void display_to(string_builder& out, const Any& value);
 std::int64_t compare_objects(const Any& a, const Any& b);
 
 // Hash of a value; values that compare equal hash equal. Mutable containers and objects hash
-// by identity.
+// by identity, except objects whose class has a __hash__ (to go with its __compare__), which
+// answer that.
 std::uint64_t hash_of(const Any& value);
 
 inline bool operator==(const Any& a, const Any& b) { return compare_objects(a, b) == 0; }

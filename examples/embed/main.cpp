@@ -1,0 +1,102 @@
+// examples/embed/main.cpp: a host that embeds the Python extension: it registers a class of its
+// own, loads the extension with one call and evaluates a script against host values.
+#include <csignal>
+#include <cstdio>
+#include <vector>
+
+#include "tala/tala.hpp"
+
+namespace {
+
+const tala::Identifier kWeightField("$_weight");
+const tala::Identifier kDestinationField("$_destination");
+
+// A host class, described once with the class builder and declared in the host module "shipping".
+tala::Class_Generic parcelClass() {
+    static const tala::ClassRegistration registration("Parcel", [] {
+        return tala::ClassBuilder("Parcel")
+            .doc("A parcel to ship: a weight in kilograms and a destination country.")
+            .declaringContext(tala::Module::create("shipping", "Parcels of the embedding example."))
+            .field(kWeightField, tala::Float::getType())
+            .field(kDestinationField, tala::String::getType())
+            .method(tala::Any::$__init__, [](const tala::Any& self, double weight, const tala::String& destination) {
+                (void)self.setFieldValue(kWeightField, tala::Float(weight));
+                (void)self.setFieldValue(kDestinationField, destination);
+            }, {"weight", "destination"}, "A parcel of a weight (kg) to a destination.")
+            .property(tala::Identifier("$$weight"), [](const tala::Any& self) { return self.fieldValue(kWeightField); },
+                      "The weight in kilograms.")
+            .property(tala::Identifier("$$destination"),
+                      [](const tala::Any& self) { return self.fieldValue(kDestinationField); },
+                      "The destination country code.")
+            .method(tala::Any::$__display__, [](const tala::Any& self) {
+                return tala::String("Parcel({} kg to {})").arg(self.fieldValue(kWeightField), self.fieldValue(kDestinationField));
+            })
+            .build();
+    });
+    return registration.get();
+}
+
+// The script: host parcels and a host decimal rate come in as locals; the postage per country
+// goes back as the result, the heaviest parcel through an output local.
+const char* const kScript = R"PY(
+from decimal import Decimal
+import logging
+
+postage = {}
+for parcel in parcels:
+    cost = (Decimal(str(parcel.weight)) * rate).quantize(Decimal("0.01"))
+    postage[parcel.destination] = postage.get(parcel.destination, Decimal(0)) + cost
+heaviest = max(parcels, key=lambda parcel: parcel.weight)
+logging.warning("%d parcels, heaviest %s", len(parcels), heaviest)
+return sorted(postage.items())
+)PY";
+
+// A module function of "tala.python", found by the ordinary member look-up; None when absent.
+tala::Any pythonFunction(const char* name) {
+    const auto module = tala::Module::find("tala.python");
+    if (!module) return tala::Any();
+    const auto property = tala::property_of(*module, name);
+    if (property.isEmpty()) return tala::Any();
+    return property.as<tala::Property>().get(*module);
+}
+
+}  // namespace
+
+int main() {
+    // As CPython's own program does: a write to a closed pipe raises BrokenPipeError in Python
+    // instead of ending the process.
+    std::signal(SIGPIPE, SIG_IGN);
+    tala::Module::create("shipping").addClass(parcelClass());
+
+    // One call: opens the library, calls its entry point and runs the start-up handlers.
+    if (tala::Any loaded = tala::load_extension(TALA_PYTHON_EXTENSION); tala::is_error_result(loaded)) {
+        std::fprintf(stderr, "%s\n", tala::display(loaded).c_str());
+        return 1;
+    }
+
+    tala::List<tala::Any> parcels;
+    for (auto [weight, destination] : std::vector<std::pair<double, const char*>>{{2.5, "FR"}, {0.8, "DE"}, {4.0, "FR"}}) {
+        parcels.append(parcelClass().instantiate(std::vector<tala::Any>{tala::Float(weight), tala::String(destination)}));
+    }
+    const tala::HashMap<tala::String, tala::Any> locals{
+        {tala::String("parcels"), parcels},
+        {tala::String("rate"), tala::Decimal::fromString("4.20")},
+    };
+    const tala::HashMap<tala::String, tala::Any> outLocals{{tala::String("heaviest"), tala::Any()}};
+
+    // evaluate(code, locals, globals, outLocals): any thread may call it; it takes the
+    // interpreter lock itself.
+    const auto evaluate = tala::I_Invokable_Generic::cast(pythonFunction("evaluate"));
+    if (!evaluate) {
+        std::fprintf(stderr, "The extension offers no function tala.python.evaluate.\n");
+        return 1;
+    }
+    const tala::Any result = tala::resolve((*evaluate)(tala::String(kScript), locals, tala::Any(), outLocals));
+    if (tala::is_error_result(result)) {
+        std::fprintf(stderr, "%s\n", tala::display(result).c_str());
+        return 1;
+    }
+    std::printf("postage: %s\n", tala::display(result).c_str());
+    std::printf("heaviest: %s\n", tala::display(*outLocals.get(tala::String("heaviest"))).c_str());
+    return 0;
+}

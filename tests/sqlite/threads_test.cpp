@@ -1,0 +1,119 @@
+// tests/sqlite/threads_test.cpp: one Database used by several host threads at once, directly and
+// from Python code that each thread evaluates, and closed while others use it.
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sqlite_test_support.hpp"
+
+namespace {
+
+using namespace tala_sqlite_test;
+
+class ThreadsTest : public SqliteTest {
+protected:
+    void SetUp() override {
+        database = memory();
+        script(database, "CREATE TABLE events (id INTEGER PRIMARY KEY, thread INTEGER, n INTEGER)");
+    }
+
+    tala::sqlite::Database database{tala::internal::unchecked, Any()};
+};
+
+TEST_F(ThreadsTest, ThreadsWritingAndReadingOneDatabase) {
+    constexpr int kWriters = 4;
+    constexpr int kInserts = 250;
+    std::atomic<int> failures{0};
+    std::atomic<bool> writing{true};
+    std::atomic<int> reads{0};
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kWriters; ++thread) {
+        threads.emplace_back([&, thread] {
+            // Writing starts once the readers are reading, so that the two overlap.
+            while (reads.load() < 2) std::this_thread::yield();
+            for (int n = 0; n < kInserts; ++n) {
+                const Any changed = call(database, "execute", {String("INSERT INTO events (thread, n) VALUES (?, ?)"),
+                                                               List<Any>{Integer(thread), Integer(n)}});
+                if (text(changed) != "1") ++failures;
+            }
+        });
+    }
+    // Readers meanwhile: every count they see is a whole number of rows, never an error.
+    for (int reader = 0; reader < 2; ++reader) {
+        threads.emplace_back([&] {
+            do {
+                const Any rows = call(database, "query", {String("SELECT count(*) AS n FROM events")});
+                if (!List<Any>::matches(rows)) ++failures;
+                ++reads;
+            } while (writing.load());
+        });
+    }
+    for (int index = 0; index < kWriters; ++index) threads[static_cast<std::size_t>(index)].join();
+    writing = false;
+    for (std::size_t index = kWriters; index < threads.size(); ++index) threads[index].join();
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_GE(reads.load(), 2);
+    EXPECT_EQ(text(call(database, "query", {String("SELECT count(*) AS n, count(DISTINCT thread) AS threads FROM events")})),
+              "[Row(n=1000, threads=4)]");
+    // Each thread's own rows went in in its own order.
+    EXPECT_EQ(text(call(database, "query", {String("SELECT count(*) AS n FROM events a JOIN events b ON a.thread = b.thread "
+                                                   "AND a.n < b.n AND a.id > b.id")})),
+              "[Row(n=0)]");
+}
+
+TEST_F(ThreadsTest, ThreadsEvaluatingPythonWithOneDatabase) {
+    constexpr int kThreads = 4;
+    std::vector<std::string> results(kThreads);
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([&, thread] {
+            const Any result = evaluate(R"PY(
+db.executeMany("INSERT INTO events (thread, n) VALUES (?, ?)", [(me, n) for n in range(100)])
+total = 0
+for row in db.query("SELECT n FROM events WHERE thread = ?", [me]):
+    total += row.n
+return total
+)PY", Map{{String("db"), database}, {String("me"), Integer(thread)}});
+            results[static_cast<std::size_t>(thread)] = tala::is_error_result(result) ? errorMessage(result) : text(result);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    for (const std::string& result : results) EXPECT_EQ(result, "4950");
+    EXPECT_EQ(text(call(database, "query", {String("SELECT count(*) AS n FROM events")})), "[Row(n=400)]");
+}
+
+TEST_F(ThreadsTest, ClosingWhileOtherThreadsQueryFailsTheirLaterCallsCleanly) {
+    script(database, "INSERT INTO events (thread, n) VALUES (0, 1)");
+    constexpr int kReaders = 3;
+    std::atomic<int> unexpected{0};
+    std::atomic<int> closedSeen{0};
+    std::atomic<int> reads{0};
+    std::vector<std::thread> threads;
+    for (int reader = 0; reader < kReaders; ++reader) {
+        threads.emplace_back([&] {
+            // Until this thread sees the database closed (bounded, should the close never come).
+            for (int round = 0; round < 1000000; ++round) {
+                const Any rows = call(database, "query", {String("SELECT n FROM events")});
+                ++reads;
+                if (!tala::is_error_result(rows)) {
+                    if (text(rows) != "[Row(n=1)]") ++unexpected;
+                    continue;
+                }
+                if (errorMessage(rows) == "The database is closed.") {
+                    ++closedSeen;
+                } else {
+                    ++unexpected;
+                }
+                return;
+            }
+        });
+    }
+    while (reads.load() < 30) std::this_thread::yield();
+    EXPECT_TRUE(call(database, "close").isEmpty());
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(unexpected.load(), 0);
+    EXPECT_EQ(closedSeen.load(), kReaders);
+}
+
+}  // namespace
