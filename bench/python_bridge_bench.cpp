@@ -10,11 +10,13 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include "bridge/from_python.hpp"
 #include "extension/gil.hpp"
 #include "extension/interpreter.hpp"
 #include "functions/function_python.hpp"
+#include "ratio_reporter.hpp"
 #include "tala/tala.hpp"
 
 namespace {
@@ -164,6 +166,56 @@ void BM_BarePyObjectCallOneArg(benchmark::State& state) {
 }
 BENCHMARK(BM_BarePyObjectCallOneArg);
 
+// ---- calls from host threads ------------------------------------------------------------------
+//
+// Each iteration starts a thread that makes kCallsPerThread calls of a Python function and ends.
+// A host thread that Python has never seen makes its interpreter state on its first call and
+// keeps it until it ends; the floor is the same thread giving itself a state before the calls,
+// as a thread that Python already knows has one.
+
+constexpr int kCallsPerThread = 1000;
+
+const tala::I_Invokable_Generic& incrementFunction() {
+    static const tala::I_Invokable_Generic* function = [] {
+        auto made = tala::FunctionPython::fromSource(tala::String("lambda x: x + 1"));
+        if (!made.is<tala::FunctionPython>()) std::abort();
+        return new tala::I_Invokable_Generic(tala::internal::unchecked, made);
+    }();
+    return *function;
+}
+
+void callsOnAThread(benchmark::State& state, bool stateFirst) {
+    const tala::I_Invokable_Generic& function = incrementFunction();
+    const Any arguments[] = {tala::Integer(2)};
+    for (auto _ : state) {
+        std::thread caller([&] {
+            PyThreadState* own = nullptr;
+            if (stateFirst) {
+                own = PyThreadState_New(PyInterpreterState_Main());
+                PyEval_RestoreThread(own);
+                (void)PyEval_SaveThread();
+            }
+            for (int call = 0; call < kCallsPerThread; ++call) {
+                Any result = function.invokeWith(std::span<const Any>(arguments));
+                benchmark::DoNotOptimize(result);
+            }
+            if (own != nullptr) {
+                PyEval_RestoreThread(own);
+                PyThreadState_Clear(own);
+                PyThreadState_DeleteCurrent();
+            }
+        });
+        caller.join();
+    }
+    state.SetItemsProcessed(state.iterations() * kCallsPerThread);
+}
+
+void BM_CallsFromANewHostThread(benchmark::State& state) { callsOnAThread(state, false); }
+BENCHMARK(BM_CallsFromANewHostThread)->UseRealTime();
+
+void BM_CallsFromAThreadWithAState(benchmark::State& state) { callsOnAThread(state, true); }
+BENCHMARK(BM_CallsFromAThreadWithAState)->UseRealTime();
+
 // ---- walking a list of 1,000,000 elements -------------------------------------------------------
 
 constexpr std::int64_t kLongListSize = 1'000'000;
@@ -212,6 +264,19 @@ void BM_LongListBarePyListGetItem(benchmark::State& state) {
 }
 BENCHMARK(BM_LongListBarePyListGetItem)->Unit(benchmark::kMillisecond);
 
+void BM_LongListBarePyIterNext(benchmark::State& state) {
+    GilGuard gil;
+    PyObjectPtr list = longList();
+    for (auto _ : state) {
+        std::int64_t sum = 0;
+        PyObjectPtr iterator = PyObjectPtr::steal(PyObject_GetIter(list.get()));
+        while (PyObjectPtr item = PyObjectPtr::steal(PyIter_Next(iterator.get()))) sum += PyLong_AsLongLong(item.get());
+        benchmark::DoNotOptimize(sum);
+    }
+    state.SetItemsProcessed(state.iterations() * kLongListSize);
+}
+BENCHMARK(BM_LongListBarePyIterNext)->Unit(benchmark::kMillisecond);
+
 }  // namespace
 
 // The interpreter is started before any benchmark takes the lock.
@@ -219,7 +284,14 @@ int main(int argc, char** argv) {
     tala::python::ensurePythonOnce();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
+    tala_bench::RatioReporter reporter("Time of the bridge as a multiple of CPython doing the same:");
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    reporter.printRatio("BM_FromPythonInt", "BM_BarePyLongAsLongLong");
+    reporter.printRatio("BM_FromPythonStr100", "BM_BareUtf8AndSizeCopy");
+    reporter.printRatio("BM_FunctionPythonCall", "BM_BarePyObjectCallOneArg");
+    reporter.printRatio("BM_CallsFromANewHostThread/real_time", "BM_CallsFromAThreadWithAState/real_time", true);
+    reporter.printRatio("BM_LongListThroughProxyIterNext", "BM_LongListBarePyIterNext");
+    reporter.printRatio("BM_LongListThroughProxyAt", "BM_LongListBarePyListGetItem");
     benchmark::Shutdown();
     return 0;
 }

@@ -13,13 +13,20 @@
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <map>
+#include <thread>
+#include <vector>
 #include <string>
 
 #include "extension/gil.hpp"
 #include "extension/interpreter.hpp"
 #include "language/evaluate.hpp"
+#include "language/interruption.hpp"
 #include "language/namespace.hpp"
+#include "ratio_reporter.hpp"
 #include "tala/tala.hpp"
 
 namespace {
@@ -261,6 +268,107 @@ void BM_ResidentMemory_100kEvaluations(benchmark::State& state) {
 }
 BENCHMARK(BM_ResidentMemory_100kEvaluations)->Iterations(1)->Unit(benchmark::kMillisecond);
 
+// 1,000,000 evaluations of 1,000 distinct texts, which the cache of compiled texts cannot all
+// keep: resident memory after the first 100,000 and after all must stay flat.
+void BM_ResidentMemory_1MEvaluationsOf1000Texts(benchmark::State& state) {
+    startPython();
+    const HashMap<String, Any> locals{{String("x"), Integer(1)}};
+    const MapArgument localsArgument(tala::internal::unchecked, locals);
+    std::vector<String> texts;
+    for (int index = 0; index < 1000; ++index) texts.emplace_back("x + " + std::to_string(index));
+    for (auto _ : state) {
+        double residentAfter100k = 0;
+        for (int index = 0; index < 1000000; ++index) {
+            Any result = tala::python::evaluate_expr(texts[static_cast<std::size_t>(index) % texts.size()], localsArgument,
+                                                     MapArgument(tala::None()));
+            benchmark::DoNotOptimize(result);
+            if (index == 100000) residentAfter100k = residentKiB();
+        }
+        const double residentAfter1M = residentKiB();
+        state.counters["rss_100k_KiB"] = residentAfter100k;
+        state.counters["rss_1M_KiB"] = residentAfter1M;
+        state.counters["rss_growth_KiB"] = residentAfter1M - residentAfter100k;
+    }
+}
+BENCHMARK(BM_ResidentMemory_1MEvaluationsOf1000Texts)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// 100,000 evaluations from 1,000 threads that each make 100 and end: every thread makes its
+// interpreter state and drops it when it ends, so memory and the number of states stay flat.
+void BM_ResidentMemory_100kEvaluationsFrom1000Threads(benchmark::State& state) {
+    startPython();
+    const HashMap<String, Any> locals{{String("x"), Integer(1)}};
+    const MapArgument localsArgument(tala::internal::unchecked, locals);
+    const String code("x + 1");
+    auto threadStates = [] {
+        GilGuard gil;
+        int count = 0;
+        for (PyThreadState* thread = PyInterpreterState_ThreadHead(PyInterpreterState_Main()); thread != nullptr;
+             thread = PyThreadState_Next(thread)) {
+            ++count;
+        }
+        return count;
+    };
+    auto runThreads = [&](int threads) {
+        for (int thread = 0; thread < threads; ++thread) {
+            std::thread([&] {
+                for (int evaluation = 0; evaluation < 100; ++evaluation) {
+                    Any result = tala::python::evaluate_expr(code, localsArgument, MapArgument(tala::None()));
+                    benchmark::DoNotOptimize(result);
+                }
+            }).join();
+        }
+    };
+    for (auto _ : state) {
+        const int statesBefore = threadStates();
+        runThreads(100);
+        const double residentAfter100 = residentKiB();
+        runThreads(900);
+        const double residentAfter1000 = residentKiB();
+        state.counters["rss_100_threads_KiB"] = residentAfter100;
+        state.counters["rss_1000_threads_KiB"] = residentAfter1000;
+        state.counters["rss_growth_KiB"] = residentAfter1000 - residentAfter100;
+        state.counters["thread_states_left"] = threadStates() - statesBefore;
+    }
+}
+BENCHMARK(BM_ResidentMemory_100kEvaluationsFrom1000Threads)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// ---- Stopping an evaluation --------------------------------------------------------------------
+
+// 100 tries: a thread runs `while True: pass`, another stops it; the time from the call of
+// interruptEvaluation to the end of the evaluation, median and maximum.
+void BM_InterruptionLatency(benchmark::State& state) {
+    startPython();
+    std::vector<double> latencies;
+    for (auto _ : state) {
+        latencies.clear();
+        for (int attempt = 0; attempt < 100; ++attempt) {
+            std::atomic<bool> started{false};
+            std::atomic<std::int64_t> threadId{0};
+            std::chrono::steady_clock::time_point ended;
+            const HashMap<String, Any> locals{{String("started"), tala::native_function([&started] { started = true; }, "started")}};
+            std::thread runner([&] {
+                threadId = tala::python::currentThreadId();
+                Any result = tala::python::evaluate(String("started()\nwhile True:\n    pass"),
+                                                    MapArgument(tala::internal::unchecked, locals), MapArgument(tala::None()),
+                                                    MutableMapArgument(tala::None()));
+                ended = std::chrono::steady_clock::now();
+                benchmark::DoNotOptimize(result);
+            });
+            while (!started.load()) std::this_thread::sleep_for(std::chrono::microseconds(200));
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            const auto asked = std::chrono::steady_clock::now();
+            (void)tala::python::interruptEvaluation(threadId);
+            runner.join();
+            latencies.push_back(std::chrono::duration<double, std::milli>(ended - asked).count());
+        }
+    }
+    std::sort(latencies.begin(), latencies.end());
+    state.counters["median_ms"] = latencies[latencies.size() / 2];
+    state.counters["max_ms"] = latencies.back();
+    if (latencies.back() >= 100.0) state.SkipWithError("an interruption took 100 ms or more");
+}
+BENCHMARK(BM_InterruptionLatency)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 // ---- The host namespace ------------------------------------------------------------------------
 
 // Registers plain top-level modules until the registry holds `count` modules.
@@ -284,53 +392,12 @@ void BM_BuildHostNamespace(benchmark::State& state) {
 }
 BENCHMARK(BM_BuildHostNamespace)->Arg(10)->Arg(100);
 
-// Keeps the CPU time per iteration of every run, to print the ratios after the run (CPU time,
-// since a busy machine stretches the real time of both sides unevenly).
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    // Colours only on a terminal, so that saved output stays plain text.
-    RatioReporter() : ConsoleReporter(isatty(STDOUT_FILENO) != 0 ? OO_Defaults : OO_Tabular) {}
-
-    void ReportRuns(const std::vector<Run>& runs) override {
-        // With repetitions, the median stands for the benchmark; otherwise its one run does.
-        for (const Run& run : runs) {
-            if (run.error_occurred) continue;
-            const std::string name = run.run_name.str();
-            if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
-                medians_[name] = run.GetAdjustedCPUTime();
-            } else if (run.run_type == Run::RT_Iteration) {
-                times_[name] = run.GetAdjustedCPUTime();
-            }
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    void printRatio(const char* evaluation, const char* raw) {
-        const double time = timeOf(evaluation);
-        const double baseline = timeOf(raw);
-        if (time <= 0 || baseline <= 0) return;
-        if (!headerPrinted_) std::printf("\nCPU time of an evaluation as a multiple of the raw C API doing the same:\n");
-        headerPrinted_ = true;
-        std::printf("%-36s / %-32s = %6.2f\n", evaluation, raw, time / baseline);
-    }
-
-private:
-    double timeOf(const std::string& name) const {
-        if (const auto median = medians_.find(name); median != medians_.end()) return median->second;
-        const auto time = times_.find(name);
-        return time == times_.end() ? 0.0 : time->second;
-    }
-
-    std::map<std::string, double> times_;
-    std::map<std::string, double> medians_;
-    bool headerPrinted_ = false;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    RatioReporter reporter;
+    tala_bench::RatioReporter reporter("CPU time of an evaluation as a multiple of the raw C API doing the same:");
     benchmark::RunSpecifiedBenchmarks(&reporter);
     reporter.printRatio("BM_EvaluateExpr_XPlusOne", "BM_Raw_EvalBuiltin_XPlusOne");
     reporter.printRatio("BM_EvaluateExpr_XPlusOne", "BM_Raw_PyRunString_XPlusOne");

@@ -227,6 +227,10 @@ Any fromPythonLocked(PyObject* object) {
 
 Any from_python_result(PyObject* object) {
     GilGuard gil;
+    return fromPythonResultLocked(object);
+}
+
+Any fromPythonResultLocked(PyObject* object) {
     Any value = fromPythonLocked(object);
     if (PyErr_Occurred() != nullptr) {
         auto pending = fetch_python_error();

@@ -26,6 +26,8 @@ Error errorFromException(PyObject* exception, const ExceptionOrigin* origin = nu
 // from_python for a final result: when the conversion leaves a Python error pending (an int
 // beyond 64 bits), that error is the answer instead of the wrong value.
 Any from_python_result(PyObject* object);
+// The same for a caller that holds the interpreter lock.
+Any fromPythonResultLocked(PyObject* object);
 
 // The host date and time read from a Python date or time (or date-time), when its fields are ints.
 std::optional<Date> date_from_python(PyObject* object);

@@ -21,7 +21,7 @@ struct KeptThreadState {
     }
 };
 
-thread_local KeptThreadState t_kept;
+TALA_HOT_THREAD_LOCAL KeptThreadState t_kept;
 
 }  // namespace
 

@@ -1,7 +1,9 @@
 // python/functions/function_python.cpp: FunctionPython: calls, names, defaults, signatures, and compilation from source.
 #include "functions/function_python.hpp"
 
+#include <array>
 #include <atomic>
+#include <vector>
 #include <mutex>
 
 #include "bridge/errors.hpp"
@@ -22,6 +24,38 @@ namespace {
 
 Class_Generic functionPythonClass();
 
+// Python objects made from host arguments, owned until the call is over, with a free slot in
+// front as the vectorcall protocol allows. The caller holds the interpreter lock.
+class ConvertedArguments {
+public:
+    explicit ConvertedArguments(std::size_t count) : count_(count) {
+        if (count + 1 > kInline) spilled_.resize(count + 1, nullptr);
+    }
+    ~ConvertedArguments() {
+        PyObject** all = slots();
+        for (std::size_t index = 1; index <= count_; ++index) {
+            if (all[index] != nullptr) Py_DecRef(all[index]);
+        }
+    }
+    ConvertedArguments(const ConvertedArguments&) = delete;
+    ConvertedArguments& operator=(const ConvertedArguments&) = delete;
+
+    // Takes over a new reference; false for a null one (a failed conversion).
+    bool set(std::size_t index, PyObject* object) {
+        slots()[index + 1] = object;
+        return object != nullptr;
+    }
+    PyObject* const* arguments() { return slots() + 1; }
+
+private:
+    static constexpr std::size_t kInline = 9;
+    PyObject** slots() { return spilled_.empty() ? inline_.data() : spilled_.data(); }
+
+    std::size_t count_;
+    std::array<PyObject*, kInline> inline_{};
+    std::vector<PyObject*> spilled_;
+};
+
 class FunctionPythonCell final : public internal::FunctionCell {
 public:
     explicit FunctionPythonCell(PyObject* callable) : FunctionCell(functionPythonClass().cell()), callable_(callable) {
@@ -37,15 +71,18 @@ public:
     Any call(std::span<const Any> arguments) const override {
         GilGuard gil;
         const python::EvaluationScope evaluation;
-        PyObjectPtr tuple = PyObjectPtr::steal(PyTuple_New(static_cast<Py_ssize_t>(arguments.size())));
+        // The arguments go by the vectorcall protocol, from the stack for the usual few: no
+        // argument tuple is made. The slot in front of them lets a bound method put its receiver.
+        ConvertedArguments converted(arguments.size());
         for (std::size_t index = 0; index < arguments.size(); ++index) {
-            PyObject* converted = python::toPythonLocked(arguments[index]);
-            if (converted == nullptr) return python::fetch_python_error_or("Unable to convert an argument.");
-            PyTuple_SET_ITEM(tuple.get(), static_cast<Py_ssize_t>(index), converted);
+            if (!converted.set(index, python::toPythonLocked(arguments[index]))) {
+                return python::fetch_python_error_or("Unable to convert an argument.");
+            }
         }
-        PyObjectPtr result = PyObjectPtr::steal(PyObject_Call(callable_, tuple.get(), nullptr));
+        PyObjectPtr result = PyObjectPtr::steal(
+            PyObject_Vectorcall(callable_, converted.arguments(), arguments.size() | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
         if (!result) return python::fetch_python_error_or("The Python call failed.");
-        return python::from_python_result(result.get());
+        return python::fromPythonResultLocked(result.get());
     }
 
     Signature signature() const override {

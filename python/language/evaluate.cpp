@@ -45,9 +45,10 @@ Any forEachEntry(const Any& map, Visit&& visit) {
     return Any();
 }
 
-// Converts each entry and stores it in `dictionary` under the key's text.
-Any storeEntries(PyObject* dictionary, const Any& map) {
-    return forEachEntry(map, [dictionary](const Any& key, const Any& value) -> Any {
+// Converts each entry and stores it in `dictionary` under the key's text; with `names`, also
+// collects the keys in their order.
+Any storeEntries(PyObject* dictionary, const Any& map, std::vector<String>* names = nullptr) {
+    return forEachEntry(map, [dictionary, names](const Any& key, const Any& value) -> Any {
         auto name = String::cast(key);
         if (!name) return Error(String("A name must be a string: {}.").arg(display(key)));
         PyObjectPtr converted = PyObjectPtr::steal(toPythonLocked(value));
@@ -56,17 +57,9 @@ Any storeEntries(PyObject* dictionary, const Any& map) {
         if (pythonKey == nullptr || PyDict_SetItem(dictionary, pythonKey, converted.get()) < 0) {
             return fetch_python_error_or("Unable to store a value.");
         }
+        if (names != nullptr) names->push_back(*name);
         return Any();
     });
-}
-
-std::vector<String> keysOf(const Any& map) {
-    std::vector<String> names;
-    (void)forEachEntry(map, [&names](const Any& key, const Any&) -> Any {
-        if (auto name = String::cast(key)) names.push_back(*name);
-        return Any();
-    });
-    return names;
 }
 
 StaticName g_fileName{"__file__"};
@@ -93,7 +86,7 @@ struct RunningCode {
     Any outLocals;  // the caller's mutable map, or empty
     RunningCode* outer;
 };
-thread_local RunningCode* t_runningCode = nullptr;
+TALA_HOT_THREAD_LOCAL RunningCode* t_runningCode = nullptr;
 
 class RunningCodeScope {
 public:
@@ -107,27 +100,67 @@ private:
     RunningCode running_;
 };
 
-// The locals every code evaluation starts from: tala_store_local and tala_store_result as
-// Python objects, made once and kept for the process; each evaluation takes a copy.
+// tala_store_local(name, value) and tala_store_result(value): fast-call functions of their own
+// (they run once per evaluation, on its hot path), writing into the innermost code evaluation
+// of the calling thread.
+PyObject* storeLocalFunction(PyObject*, PyObject* const* arguments, Py_ssize_t count) {
+    if (count != 2 || !PyUnicode_Check(arguments[0])) {
+        PyErr_SetString(PyExc_TypeError, "tala_store_local(name, value) takes a name and a value");
+        return nullptr;
+    }
+    RunningCode* running = t_runningCode;
+    if (running == nullptr || running->outLocals.isEmpty()) {
+        PyErr_SetString(PyExc_RuntimeError, "No code evaluation is running.");
+        return nullptr;
+    }
+    const Any name = fromPythonLocked(arguments[0]);
+    const Any value = fromPythonLocked(arguments[1]);
+    if (PyErr_Occurred() != nullptr) return nullptr;  // an int beyond 64 bits: nothing is stored
+    Any stored = HashMap_Generic::matches(running->outLocals)
+                     ? HashMap_Generic(internal::unchecked, running->outLocals).setChecked(name, value)
+                     : resolve(I_MutableMap_Generic(internal::unchecked, running->outLocals).setChecked(name, value));
+    if (auto error = Error::cast(stored)) {
+        raise_host_error(*error);
+        return nullptr;
+    }
+    Py_RETURN_NONE;
+}
+
+PyObject* storeResultFunction(PyObject*, PyObject* const* arguments, Py_ssize_t count) {
+    if (count != 1) {
+        PyErr_SetString(PyExc_TypeError, "tala_store_result(value) takes one value");
+        return nullptr;
+    }
+    Any value = fromPythonLocked(arguments[0]);
+    if (PyErr_Occurred() != nullptr) {
+        auto pending = fetch_python_error();
+        value = pending.as<Error>();
+    }
+    if (RunningCode* running = t_runningCode) running->result = std::move(value);
+    Py_RETURN_NONE;
+}
+
+// A fast-call function in the slot of a plain one, as METH_FASTCALL says; cast through a function
+// type that takes nothing, which converts to any other.
+template <class Function>
+PyCFunction fastCall(Function function) {
+    return reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function));
+}
+
+PyMethodDef g_storeLocal{"tala_store_local", fastCall(storeLocalFunction), METH_FASTCALL,
+                         "Writes an output local of the running evaluation back to the host."};
+PyMethodDef g_storeResult{"tala_store_result", fastCall(storeResultFunction), METH_FASTCALL,
+                          "Keeps the result of the running evaluation for the host."};
+
+// The locals every code evaluation starts from: the two callables, made once and kept for the
+// process; each evaluation takes a copy.
 PyObject* codeLocalsTemplate() {
     static MadeOnce made;
     static PyObject* locals = nullptr;
     makeOnce(made, [] {
-        const I_Invokable_Generic storeLocal = native_function(
-            [](const String& name, const Any& value) -> Any {
-                RunningCode* running = t_runningCode;
-                if (running == nullptr || running->outLocals.isEmpty()) return Error(String("No code evaluation is running."));
-                return I_MutableMap_Generic(internal::unchecked, running->outLocals).setChecked(name, value);
-            },
-            "tala_store_local", {"name", "value"});
-        const I_Invokable_Generic storeResult = native_function(
-            [](const Any& value) {
-                if (RunningCode* running = t_runningCode) running->result = value;
-            },
-            "tala_store_result", {"value"});
         PyObjectPtr dictionary = PyObjectPtr::steal(PyDict_New());
-        PyObjectPtr local = PyObjectPtr::steal(toPythonLocked(storeLocal));
-        PyObjectPtr result = PyObjectPtr::steal(toPythonLocked(storeResult));
+        PyObjectPtr local = PyObjectPtr::steal(PyCFunction_New(&g_storeLocal, nullptr));
+        PyObjectPtr result = PyObjectPtr::steal(PyCFunction_New(&g_storeResult, nullptr));
         if (dictionary && local && result && PyDict_SetItemString(dictionary.get(), "tala_store_local", local.get()) == 0 &&
             PyDict_SetItemString(dictionary.get(), "tala_store_result", result.get()) == 0) {
             locals = dictionary.release();
@@ -189,12 +222,14 @@ Union<Any, Lazy<Any>, Error> language_python_evaluate_method(const Any& self, co
     GilGuard gil;
     const EvaluationScope evaluation;
     PyObjectPtr globalNames = evaluationGlobals();
+    // Globals, then output locals (whose names the program is made for), then locals: a later
+    // map wins a name.
+    std::vector<String> outNames;
     for (const Any* map : {static_cast<const Any*>(&globals), static_cast<const Any*>(&outLocals), static_cast<const Any*>(&locals)}) {
         if (map->isEmpty()) continue;
-        Any stored = storeEntries(globalNames.get(), *map);
+        Any stored = storeEntries(globalNames.get(), *map, map == &outLocals ? &outNames : nullptr);
         if (auto error = Error::cast(stored)) return *error;
     }
-    const std::vector<String> outNames = outLocals.isEmpty() ? std::vector<String>() : keysOf(outLocals);
     PyObjectPtr program = compiledProgram(ProgramKind::Code, code.view(), outNames, fileNameOf(globalNames.get()));
     if (!program) return fetch_python_error_or("Unable to compile the code.");
     PyObjectPtr localNames = codeLocals();

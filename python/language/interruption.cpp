@@ -51,7 +51,7 @@ struct OwnRecord {
     }
 };
 
-thread_local OwnRecord t_record;
+TALA_HOT_THREAD_LOCAL OwnRecord t_record;
 
 // ---- Raising again until the evaluation ends ---------------------------------------------------
 //

@@ -15,12 +15,14 @@ namespace {
 
 // Enough for every script of a database's rules, small enough to bound what a host that
 // generates texts without end can pin: an entry keeps its text and its code object.
-constexpr std::size_t kMaxPrograms = 512;
+constexpr std::size_t kMaxPrograms = 2048;
 constexpr std::size_t kMaxProgramBytes = 8 * 1024 * 1024;
 
-// The output names joined by NULs (which no name can hold): one text to hash and compare.
-std::string joinedNames(std::span<const String> names) {
-    std::string joined;
+// The output names joined by NULs (which no name can hold): one text to hash and compare. Made
+// in a buffer of the thread's, which keeps its room from one evaluation to the next.
+std::string_view joinedNames(std::span<const String> names) {
+    static thread_local std::string joined;
+    joined.clear();
     for (const String& name : names) {
         joined.append(name.view());
         joined.push_back('\0');
@@ -153,7 +155,7 @@ PyObjectPtr compile(ProgramKind kind, std::string_view text, std::span<const Str
 
 PyObjectPtr compiledProgram(ProgramKind kind, std::string_view text, std::span<const String> outNames,
                             std::string_view filename) {
-    const std::string names = outNames.empty() ? std::string() : joinedNames(outNames);
+    const std::string_view names = outNames.empty() ? std::string_view() : joinedNames(outNames);
     const Key key(kind, text, names, filename);
     if (PyObject* code = cache().find(key)) return PyObjectPtr::borrow(code);
     PyObjectPtr code = compile(kind, text, outNames, filename);

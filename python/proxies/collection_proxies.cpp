@@ -49,10 +49,81 @@ Union<List<Any>, Lazy<List<Any>>, Error> listOf(const Any& self, const char* met
     return items;
 }
 
+// ---- Python's own containers -------------------------------------------------------------------
+//
+// An object whose type is exactly list, tuple, dict or set (not a subclass, which may override
+// any method) is read through the C API: the same answers as its methods give, without looking a
+// method up by name and calling it.
+
+bool isExactSequence(PyObject* object) { return PyList_CheckExact(object) || PyTuple_CheckExact(object); }
+bool isExactContainer(PyObject* object) {
+    return isExactSequence(object) || PyDict_CheckExact(object) || PySet_CheckExact(object);
+}
+
+// The item at `index` (negative from the end) of an exact list or tuple, or the IndexError
+// that its __getitem__ raises.
+Any itemOfSequence(PyObject* sequence, std::int64_t index) {
+    const bool list = PyList_CheckExact(sequence);
+    const Py_ssize_t size = list ? PyList_GET_SIZE(sequence) : PyTuple_GET_SIZE(sequence);
+    if (index < 0) index += size;
+    if (index < 0 || index >= size) {
+        PyErr_SetString(PyExc_IndexError, list ? "list index out of range" : "tuple index out of range");
+        return fetch_python_error_or("Index out of range.");
+    }
+    // Held while it converts: converting may run Python code that changes the list.
+    PyObjectPtr item = PyObjectPtr::borrow(list ? PyList_GET_ITEM(sequence, index) : PyTuple_GET_ITEM(sequence, index));
+    return fromPythonResultLocked(item.get());
+}
+
+// The value of `key` in an exact dict: `fallback`, or the KeyError of a missing key.
+Any valueOfDict(PyObject* dictionary, const Any& key, const std::optional<Any>& fallback) {
+    PyObjectPtr pythonKey = PyObjectPtr::steal(toPythonLocked(key));
+    if (!pythonKey) return fetch_python_error_or("Unable to convert an argument.");
+    PyObjectPtr value = PyObjectPtr::borrow(PyDict_GetItemWithError(dictionary, pythonKey.get()));
+    if (value) return from_python_result(value.get());
+    if (PyErr_Occurred() != nullptr) return fetch_python_error_or("Unable to read the dict.");
+    if (fallback) return *fallback;
+    PyErr_SetObject(PyExc_KeyError, pythonKey.get());
+    return fetch_python_error_or("Key not found.");
+}
+
+// len() and `in` of an exact container; an error for anything else is the caller's to handle.
+Union<Integer, Lazy<Integer>, Error> lengthOf(const Any& self) {
+    GilGuard gil;
+    PyObject* object = pyobjectOf(self);
+    if (object == nullptr || !isExactContainer(object)) return typed<Integer>(call(self, "__len__"), "an integer");
+    return Integer(PyObject_Size(object));
+}
+
+Union<Boolean, Lazy<Boolean>, Error> containsOf(const Any& self, const Any& value) {
+    GilGuard gil;
+    PyObject* object = pyobjectOf(self);
+    if (object == nullptr || !isExactContainer(object)) return typed<Boolean>(call(self, "__contains__", {value}), "a boolean");
+    PyObjectPtr converted = PyObjectPtr::steal(toPythonLocked(value));
+    if (!converted) return fetch_python_error_or("Unable to convert an argument.");
+    const int found = PySequence_Contains(object, converted.get());
+    if (found < 0) return fetch_python_error_or("Unable to test membership.");
+    return Boolean(found == 1);
+}
+
+Any itemAt(const Any& self, const Integer& index) {
+    {
+        GilGuard gil;
+        PyObject* object = pyobjectOf(self);
+        if (object != nullptr && isExactSequence(object)) return itemOfSequence(object, index.value());
+    }
+    return call(self, "__getitem__", {index});
+}
+
 Union<PythonProxyIterator, Lazy<PythonProxyIterator>, Error> iterate(const Any& self) {
     GilGuard gil;
     PyObject* object = pyobjectOf(self);
     if (object == nullptr) return Error(String("Invalid object."));
+    if (isExactContainer(object)) {
+        PyObjectPtr iterator = PyObjectPtr::steal(PyObject_GetIter(object));
+        if (!iterator) return fetch_python_error_or("Missing '__iter__' method.");
+        return PythonProxyIterator(internal::unchecked, makeCollectionProxy(CollectionKind::Iterator, iterator.get()));
+    }
     PyObjectPtr method = PyObjectPtr::steal(PyObject_GetAttrString(object, "__iter__"));
     if (!method || !PyCallable_Check(method.get())) {
         PyErr_Clear();
@@ -79,7 +150,7 @@ Any next(const Any& self) {
         return fetch_python_error_or("The object is not an iterator.");
     }
     PyObjectPtr item = PyObjectPtr::steal(PyIter_Next(object));
-    if (item) return from_python_result(item.get());
+    if (item) return fromPythonResultLocked(item.get());
     if (PyErr_Occurred() != nullptr) return fetch_python_error_or("Unknown error.");
     return StopIteration();
 }
@@ -146,7 +217,7 @@ Any extendFrom(const Any& self, const Any& values, const char* method) {
 Class_Generic proxyClass(const char* name, const char* doc, const Class_Generic& interface,
                          const std::function<void(ClassBuilder&)>& members) {
     ClassBuilder builder{String(name)};
-    builder.doc(doc).parent(PythonProxy::getClass()).parent(interface);
+    builder.doc(doc).flags(class_flags::MembersFirst).parent(PythonProxy::getClass()).parent(interface);
     members(builder);
     const Class_Generic cls = builder.build();
     Module::create("tala.python").addClass(cls);
@@ -161,7 +232,7 @@ Class_Generic PythonProxyIterable::getClass() {
                           [](ClassBuilder& builder) {
                               builder.method(Any::$iter, [](const PythonProxy& self) { return iterate(self); })
                                   .method(Any::$contains, [](const PythonProxy& self, const Any& value) {
-                                      return typed<Boolean>(call(self, "__contains__", {value}), "a boolean");
+                                      return containsOf(self, value);
                                   }, {"value"});
                           });
     });
@@ -192,6 +263,13 @@ Class_Generic PythonProxyMapping::getClass() {
                     // Without a default, as every host reader of a map calls it: the item, or
                     // the KeyError of a missing key as an error.
                     .method(Any::$get, [](const PythonProxy& self, const Any& key, const std::optional<Any>& fallback) -> Result {
+                        {
+                            GilGuard gil;
+                            PyObject* object = pyobjectOf(self);
+                            if (object != nullptr && PyDict_CheckExact(object)) {
+                                return Result(internal::unchecked, valueOfDict(object, key, fallback));
+                            }
+                        }
                         if (fallback) {
                             Any present = call(self, "__contains__", {key});
                             if (is_error_result(present)) return Result(internal::unchecked, present);
@@ -202,13 +280,12 @@ Class_Generic PythonProxyMapping::getClass() {
                     .method(Any::$setChecked, [](const PythonProxy& self, const Any& key, const Any& value) {
                         return nothing(call(self, "__setitem__", {key, value}));
                     }, {"key", "value"})
-                    .method(Any::$contains, [](const PythonProxy& self, const Any& key) {
-                        return typed<Boolean>(call(self, "__contains__", {key}), "a boolean");
-                    }, {"key"})
+                    .method(Any::$contains, [](const PythonProxy& self, const Any& key) { return containsOf(self, key); },
+                            {"key"})
                     .method(Any::$clear, [](const PythonProxy& self) { return nothing(call(self, "clear")); })
                     .property(Any::$$valuesType, [](const PythonProxy&) { return Type::any(); }, "Values are of any type.")
                     .method(Any::$values, [](const PythonProxy& self) { return listOf(self, "values"); })
-                    .method(Any::$$length, [](const PythonProxy& self) { return typed<Integer>(call(self, "__len__"), "an integer"); })
+                    .method(Any::$$length, [](const PythonProxy& self) { return lengthOf(self); })
                     .property(Any::$$keysType, [](const PythonProxy&) { return Type::any(); }, "Keys are of any type.")
                     .method(Any::$keys, [](const PythonProxy& self) { return listOf(self, "keys"); })
                     // I_Iterable's: the keys, as Python iterates a dict.
@@ -259,17 +336,16 @@ Class_Generic PythonProxySequence::getClass() {
                     .method(Any::$indexOf, [](const PythonProxy& self, const Any& value, std::optional<int> start) {
                         return indexOf(self, value, start);
                     }, {"value", "start"})
-                    .method(Any::$contains, [](const PythonProxy& self, const Any& value) {
-                        return typed<Boolean>(call(self, "__contains__", {value}), "a boolean");
-                    }, {"value"})
+                    .method(Any::$contains, [](const PythonProxy& self, const Any& value) { return containsOf(self, value); },
+                            {"value"})
                     .method(Any::$atOr, [](const PythonProxy& self, const Integer& index, const Any& fallback) -> Any {
-                        Any item = call(self, "__getitem__", {index});
+                        Any item = itemAt(self, index);
                         return is_error_result(item) ? fallback : item;
                     }, {"index", "default"})
                     .method(Any::$at, [](const PythonProxy& self, const Integer& index) -> Result {
-                        return Result(internal::unchecked, call(self, "__getitem__", {index}));
+                        return Result(internal::unchecked, itemAt(self, index));
                     }, {"index"})
-                    .method(Any::$$length, [](const PythonProxy& self) { return typed<Integer>(call(self, "__len__"), "an integer"); })
+                    .method(Any::$$length, [](const PythonProxy& self) { return lengthOf(self); })
                     // I_Iterable's.
                     .method(Any::$iter, [](const PythonProxy& self) { return iterate(self); });
             });
@@ -293,11 +369,10 @@ Class_Generic PythonProxySet::getClass() {
                         return None();
                     }, {"values"})
                     .method(Any::$clear, [](const PythonProxy& self) { return nothing(call(self, "clear")); })
-                    .method(Any::$$length, [](const PythonProxy& self) { return typed<Integer>(call(self, "__len__"), "an integer"); })
+                    .method(Any::$$length, [](const PythonProxy& self) { return lengthOf(self); })
                     // I_Set's and I_Iterable's.
-                    .method(Any::$contains, [](const PythonProxy& self, const Any& value) {
-                        return typed<Boolean>(call(self, "__contains__", {value}), "a boolean");
-                    }, {"value"})
+                    .method(Any::$contains, [](const PythonProxy& self, const Any& value) { return containsOf(self, value); },
+                            {"value"})
                     .method(Any::$iter, [](const PythonProxy& self) { return iterate(self); });
             });
     });

@@ -119,7 +119,7 @@ Any makeModule(const String& name, PyObject* object, bool ownClass) {
         // The class properties go in while the class is described: added to a published class,
         // each would make every class rebuild its member tables.
         ClassBuilder builder{String("Module")};
-        builder.parent(moduleClass);
+        builder.parent(moduleClass).flags(class_flags::MembersFirst);
         for (const Export& entry : exports) builder.classProperty(entry.name, entry.member);
         moduleClass = keptForGood(builder.build());
     }
@@ -165,6 +165,7 @@ Class_Generic ModulePython::getClass() {
         const Class_Generic cls =
             ClassBuilder("ModulePython")
                 .doc("Class to export a python module.")
+                .flags(class_flags::MembersFirst)
                 .parent(Module::getClass())
                 .parent(python::PythonProxy::getClass())
                 // Member look-up is the proxy's: the module's own members first, then the Python

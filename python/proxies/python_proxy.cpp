@@ -177,8 +177,15 @@ Union<Integer, Lazy<Integer>, Error> compareProxy(const Any& self, const Any& ot
 bool PythonProxy::matches(const Any& value) { return internal::is_instance_of(value, getClass()); }
 
 PyObject* pyobjectOf(const Any& proxy) {
-    Any stored = proxy.fieldValue($_pyobj);
-    while (stored.kind() == Kind::Lazy) stored = Lazy_Generic(internal::unchecked, stored).resolve();
+    // Read in place (every proxy operation starts here): no copy of the box, so no shared count moves.
+    const internal::ObjectCell* object = internal::objectCellOf(proxy);
+    if (object == nullptr || object->objectClass() == nullptr) return nullptr;
+    const std::int64_t slot = object->objectClass()->fieldSlot($_pyobj);
+    if (slot < 0 || static_cast<std::size_t>(slot) >= object->fieldCount()) return nullptr;
+    const Any& field = object->fieldSlots()[slot];
+    if (Box::matches(field)) return field.cellAs<Box::Cell>()->value_;
+    if (field.kind() != Kind::Lazy) return nullptr;
+    const Any stored = resolve(field);
     if (!Box::matches(stored)) return nullptr;
     return Box(internal::unchecked, stored).value();
 }
@@ -224,8 +231,11 @@ Class_Generic PythonProxy::getClass() {
         auto removeNothing = [](const PythonProxy&, const ByteArray&) -> Union<Boolean, Lazy<Boolean>, Error> {
             return Boolean(false);
         };
+        // The look-ups ask the class's own members first anyway (see methodLookup), so the
+        // object model may answer those without calling them.
         const Class_Generic cls = ClassBuilder("PythonProxy")
             .doc("Proxy wrapper around of 'PyObject'.")
+            .flags(class_flags::MembersFirst)
             .parent(I_RuntimeOnly::getClass())
             .field($_pyobj)
             .finalizer(releaseObject)

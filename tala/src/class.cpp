@@ -384,14 +384,22 @@ Union<I_Invokable_Generic, None> raw_method_of(const Any& value, Identifier name
 }
 
 Union<Property, None> property_of(const Any& value, Identifier name) {
-    if (const Any* reflective = internal::classCellOf(value)->reflective(internal::ReflectiveProperty)) {
+    const internal::ClassCell* cls = internal::classCellOf(value);
+    if (const Any* reflective = cls->reflective(internal::ReflectiveProperty)) {
+        if (cls->flags & class_flags::MembersFirst) {
+            if (const Any* member = cls->findProperty(name)) return Property(internal::unchecked, *member);
+        }
         return askReflective<Property>(reflective, {value, String(name.text())});
     }
     return raw_property_of(value, name);
 }
 
 Union<I_Invokable_Generic, None> method_of(const Any& value, Identifier name) {
-    if (const Any* reflective = internal::classCellOf(value)->reflective(internal::ReflectiveMethod)) {
+    const internal::ClassCell* cls = internal::classCellOf(value);
+    if (const Any* reflective = cls->reflective(internal::ReflectiveMethod)) {
+        if (cls->flags & class_flags::MembersFirst) {
+            if (const Any* member = cls->findMethod(name)) return I_Invokable_Generic(internal::unchecked, *member);
+        }
         return askReflective<I_Invokable_Generic>(reflective, {value, String(name.text())});
     }
     return raw_method_of(value, name);

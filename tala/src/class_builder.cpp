@@ -140,8 +140,25 @@ ClassBuilder& ClassBuilder::nativePayload(Any payload) {
     return *this;
 }
 
+namespace {
+// A published class lives for ever, and so do the members it was described with: copying one
+// (every call through a member look-up does) then touches no shared counter.
+void makeLasting(const Any& member) {
+    if (internal::Cell* cell = member.cell()) cell->makeImmortal();
+    if (Property::matches(member)) {
+        const Property property(internal::unchecked, member);
+        makeLasting(property.cell()->getter);
+        makeLasting(property.setter());
+    }
+}
+}  // namespace
+
 Class_Generic ClassBuilder::build() {
     internal::ClassCell* cell = std::exchange(cell_, nullptr);
+    for (const auto& member : cell->methods()) makeLasting(member.member);
+    for (const auto& member : cell->properties()) makeLasting(member.member);
+    for (const auto& member : cell->abstractMethods()) makeLasting(member.member);
+    for (const auto& member : cell->abstractProperties()) makeLasting(member.member);
     cell->setObjectClass(Class_Generic::getClass().cell());
     // No other class's tables change: nothing derives from this class yet.
     cell->publish();

@@ -1,4 +1,6 @@
 // tala/src/value_classes.cpp: the standard interfaces and the classes of the host's own values.
+#include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 
@@ -24,6 +26,15 @@ Any callMember(const Any& target, Identifier name, std::initializer_list<Any> ar
     }
     const auto invokable = method.as<I_Invokable_Generic>();
     if (invokable.isIndependent()) return invokable.invokeWith(std::span<const Any>(arguments.begin(), arguments.size()));
+    // The receiver first, then the arguments; on the stack for the calls of the interfaces.
+    if (arguments.size() == 0) return invokable.invokeWith(std::span<const Any>(&target, 1));
+    constexpr std::size_t kInline = 4;
+    if (arguments.size() < kInline) {
+        std::array<Any, kInline> all;
+        all[0] = target;
+        std::copy(arguments.begin(), arguments.end(), all.begin() + 1);
+        return invokable.invokeWith(std::span<const Any>(all.data(), arguments.size() + 1));
+    }
     std::vector<Any> all;
     all.reserve(arguments.size() + 1);
     all.push_back(target);

@@ -34,6 +34,9 @@ inline constexpr std::uint32_t SetLike = 0x80000;
 // The object model's own.
 inline constexpr std::uint32_t Abstract = 0x1;  // interfaces and abstract classes: no instances
 inline constexpr std::uint32_t Generic = 0x2;   // a generic definition (I_Sequence_Generic)
+// The class's look-up methods (__method__, __property__) only add names to the members the class
+// defines or inherits: those are answered without asking them (proxies of foreign objects).
+inline constexpr std::uint32_t MembersFirst = 0x4;
 }  // namespace class_flags
 
 namespace internal {

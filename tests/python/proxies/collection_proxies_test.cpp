@@ -202,6 +202,51 @@ TEST_F(CollectionProxyTest, IndexOfWhoseIndexAnswersNoIntegerIsAnError) {
     EXPECT_EQ(messageOf(call(proxyOf("huge"), Any::$indexOf, {Integer(1)})), "int too big to convert");
 }
 
+TEST_F(CollectionProxyTest, ListsTuplesAndDictsAnswerAsTheirMethodsDo) {
+    GilGuard gil;
+    run("items = [10, 20, 30]\npair = (1, 'two')\ntable = {'a': 1}\nchosen = {3, 4}\n");
+    const Any items = proxyOf("items");
+    EXPECT_EQ(integerOf(call(items, Any::$at, {Integer(-1)})), 30);
+    EXPECT_EQ(messageOf(call(items, Any::$at, {Integer(3)})), "list index out of range");
+    EXPECT_EQ(integerOf(call(items, Any::$$length)), 3);
+    EXPECT_TRUE(booleanOf(call(items, Any::$contains, {Integer(20)})));
+    const Any pair = proxyOf("pair");
+    EXPECT_EQ(messageOf(call(pair, Any::$at, {Integer(-3)})), "tuple index out of range");
+    EXPECT_EQ(tala::String::cast(call(pair, Any::$at, {Integer(1)})).value_or(String()).view(), "two");
+    const Any table = proxyOf("table");
+    EXPECT_EQ(messageOf(call(table, Any::$get, {String("b")})), "'b'");
+    EXPECT_EQ(integerOf(call(table, Any::$get, {String("b"), Integer(7)})), 7);
+    EXPECT_EQ(integerOf(call(table, Any::$$length)), 1);
+    EXPECT_FALSE(booleanOf(call(proxyOf("chosen"), Any::$contains, {Integer(5)})));
+    // Iterating an exact list while it grows follows the list, as Python's own iterator does.
+    const Any iterator = call(items, Any::$iter);
+    EXPECT_EQ(integerOf(call(iterator, Any::$next)), 10);
+    run("items.append(40)\n");
+    for (std::int64_t expected : {20, 30, 40}) EXPECT_EQ(integerOf(call(iterator, Any::$next)), expected);
+    EXPECT_TRUE(tala::StopIteration::matches(call(iterator, Any::$next)));
+}
+
+TEST_F(CollectionProxyTest, ASubclassThatOverridesItsMethodsIsCalledThroughThem) {
+    GilGuard gil;
+    run("class Doubled(list):\n"
+        "    def __getitem__(self, index):\n"
+        "        return 2 * list.__getitem__(self, index)\n"
+        "    def __len__(self):\n"
+        "        return 99\n"
+        "    def __contains__(self, value):\n"
+        "        return value == 'always'\n"
+        "class Defaulting(dict):\n"
+        "    def __getitem__(self, key):\n"
+        "        return 'default'\n"
+        "doubled = Doubled([1, 2])\n"
+        "defaulting = Defaulting()\n");
+    const Any doubled = proxyOf("doubled");
+    EXPECT_EQ(integerOf(call(doubled, Any::$at, {Integer(1)})), 4);
+    EXPECT_EQ(integerOf(call(doubled, Any::$$length)), 99);
+    EXPECT_TRUE(booleanOf(call(doubled, Any::$contains, {String("always")})));
+    EXPECT_EQ(tala::String::cast(call(proxyOf("defaulting"), Any::$get, {String("k")})).value_or(String()).view(), "default");
+}
+
 TEST_F(CollectionProxyTest, NextAfterTheEndIsAStopIterationOnEveryCall) {
     GilGuard gil;
     run("gen = (x * 10 for x in range(2))\n");
