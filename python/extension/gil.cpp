@@ -1,6 +1,8 @@
 // python/extension/gil.cpp: entering Python from host threads, with interpreter thread states kept per thread.
 #include "extension/gil.hpp"
 
+#include "extension/stack.hpp"
+
 namespace tala::python {
 
 namespace {
@@ -28,6 +30,7 @@ TALA_HOT_THREAD_LOCAL KeptThreadState t_kept;
 void GilGuard::enter() noexcept {
     if (t_kept.state != nullptr) {
         PyEval_RestoreThread(t_kept.state);
+        fitRecursionToStack(t_kept.state);
         mode_ = Mode::Kept;
         return;
     }
@@ -37,6 +40,8 @@ void GilGuard::enter() noexcept {
         // belongs to them and goes when they say).
         (void)PyGILState_Ensure();
         t_kept.state = PyThreadState_Get();
+        // A host thread's stack may be smaller than Python's C recursion limit assumes.
+        fitRecursionToStack(t_kept.state);
         mode_ = Mode::Kept;
         return;
     }

@@ -11,6 +11,7 @@
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
 #include "extension/interpreter.hpp"
+#include "extension/stack.hpp"
 #include "language/interruption.hpp"
 
 namespace tala {
@@ -69,6 +70,7 @@ public:
     PyObject* callable() const noexcept { return callable_; }
 
     Any call(std::span<const Any> arguments) const override {
+        if (auto shortage = python::stackShortage()) return *shortage;
         GilGuard gil;
         const python::EvaluationScope evaluation;
         // The arguments go by the vectorcall protocol, from the stack for the usual few: no

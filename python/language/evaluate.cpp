@@ -9,6 +9,7 @@
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
 #include "extension/interpreter.hpp"
+#include "extension/stack.hpp"
 #include "language/interruption.hpp"
 #include "language/namespace.hpp"
 #include "language/program_cache.hpp"
@@ -183,6 +184,7 @@ PyObjectPtr codeLocals() {
 
 Any evaluate_expr(const String& code, const Union<I_Map<String, Any>, None>& locals,
                   const Union<I_Map<String, Any>, None>& globals) {
+    if (auto shortage = stackShortage()) return *shortage;
     (void)ensurePythonOnce();
     GilGuard gil;
     const EvaluationScope evaluation;
@@ -218,6 +220,9 @@ Union<Any, Lazy<Any>, Error> language_python_evaluate_method(const Any& self, co
                                                              const Union<I_Map<String, Any>, None>& globals,
                                                              const Union<I_MutableMap<String, Any>, None>& outLocals) {
     using namespace python;
+    // Host code that re-enters Python from Python uses the stack at every level: it stops with
+    // an error before the stack runs out.
+    if (auto shortage = stackShortage()) return *shortage;
     (void)ensurePythonOnce();
     GilGuard gil;
     const EvaluationScope evaluation;
