@@ -154,7 +154,7 @@ String displayDatabase(const Database& database) {
 // functions have no default values, so the body accepts the call with or without it.
 I_Invokable_Generic statementMethod(const char* name, Any (*operation)(const Database&, const String&, const Any&),
                                     Type resultType, const char* doc) {
-    return make_function(
+    return blocking(make_function(
         String(name),
         [operation](std::span<const Any> arguments) -> Any {
             if (arguments.size() != 2 && arguments.size() != 3) {
@@ -169,7 +169,7 @@ I_Invokable_Generic statementMethod(const char* name, Any (*operation)(const Dat
         },
         Signature({Parameter{String("sql"), String::getType()}, Parameter{String("parameters"), Type::any().asOptional()}},
                   std::move(resultType)),
-        false, String(doc));
+        false, String(doc)));
 }
 
 Any constructDatabase(std::span<const Any> arguments) {
@@ -204,16 +204,24 @@ Class_Generic buildDatabaseClass() {
                                               "Runs one statement and gives the number of rows it inserted, "
                                               "changed or deleted (0 for any other statement). Parameters as "
                                               "for query."))
-            .method(kExecuteMany, [](const Database& database, const String& sql, const Any& rows) {
-                return Union<Integer, Error>(internal::unchecked, executeMany(database, sql, rows));
-            }, {"sql", "rows"}, "Runs one statement once for each parameter list or map of rows and gives the "
-                                "total number of rows changed. All or nothing: a failure undoes the runs before it.")
-            .method(kExecuteScript, [](const Database& database, const String& sql) {
-                return Union<None, Error>(internal::unchecked, executeScript(database, sql));
-            }, {"sql"}, "Runs any number of statements separated by semicolons, without parameters (a schema, "
-                        "a batch of inserts).")
-            .method(kClose, [](const Database& database) { close(database); }, {},
-                    "Closes the connection. Closing a closed database does nothing; anything else on it fails.")
+            .method(kExecuteMany, blocking(native_function(
+                [](const Database& database, const String& sql, const Any& rows) {
+                    return Union<Integer, Error>(internal::unchecked, executeMany(database, sql, rows));
+                },
+                String("executeMany"), {"sql", "rows"},
+                "Runs one statement once for each parameter list or map of rows and gives the total number of "
+                "rows changed. All or nothing: a failure undoes the runs before it.", false)))
+            .method(kExecuteScript, blocking(native_function(
+                [](const Database& database, const String& sql) {
+                    return Union<None, Error>(internal::unchecked, executeScript(database, sql));
+                },
+                String("executeScript"), {"sql"},
+                "Runs any number of statements separated by semicolons, without parameters (a schema, a batch "
+                "of inserts).", false)))
+            .method(kClose, blocking(native_function([](const Database& database) { close(database); },
+                                                     String("close"), {},
+                                                     "Closes the connection. Closing a closed database does "
+                                                     "nothing; anything else on it fails.", false)))
             .property(kTables, [](const Database& database) {
                 return Union<List<String>, Error>(internal::unchecked, tables(database));
             },

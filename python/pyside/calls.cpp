@@ -38,7 +38,15 @@ std::optional<HashMap<String, Any>> namedArguments(PyObject* keywords) {
 // Invokes with the arguments as they are: a function's cell is called in place (no copy of the
 // wrapped value, so no shared count moves); a class is invoked as itself.
 Any invoke(const Any& value, std::span<const Any> arguments) {
-    if (value.kind() == Kind::Function) return value.cellAs<internal::FunctionCell>()->call(arguments);
+    if (value.kind() == Kind::Function) {
+        const auto* function = value.cellAs<internal::FunctionCell>();
+        if (function->isBlocking()) {
+            // Other threads run Python meanwhile; a thread this call waits for may need it too.
+            const GilReleased released;
+            return function->call(arguments);
+        }
+        return function->call(arguments);
+    }
     return I_Invokable_Generic(internal::unchecked, value).invokeWith(arguments);
 }
 
@@ -79,7 +87,17 @@ PyObject* call(PyObject* self, PyObject* arguments, PyObject* keywords) {
     if (keywords != nullptr) {
         auto named = namedArguments(keywords);
         if (!named) return nullptr;
-        if (!named->isEmpty()) return toPythonLocked(I_Invokable_Generic(internal::unchecked, value).invokeWith(*named));
+        if (!named->isEmpty()) {
+            const I_Invokable_Generic invokable(internal::unchecked, value);
+            Any result;
+            if (invokable.isBlocking()) {
+                const GilReleased released;
+                result = invokable.invokeWith(*named);
+            } else {
+                result = invokable.invokeWith(*named);
+            }
+            return toPythonLocked(result);
+        }
     }
     return callPositional(value, arguments);
 }

@@ -100,6 +100,7 @@ public:
     String doc() const override { return target_.doc(); }
     bool isIndependent() const override { return !leading_.empty() || target_.isIndependent(); }
     FunctionKind functionKind() const override { return FunctionKind::Bound; }
+    bool isBlocking() const override { return target_.isBlocking(); }
     std::size_t parameterCount() const override {
         const std::size_t full = target_.parameterCount();
         return full > leading_.size() ? full - leading_.size() : 0;
@@ -294,6 +295,11 @@ Any Property::set(const Any& target, const Any& content) const {
     const I_Invokable_Generic write(internal::unchecked, setter());
     if (write.isIndependent()) return write(content);
     return write(target, content);
+}
+
+I_Invokable_Generic blocking(I_Invokable_Generic function) {
+    if (const internal::FunctionCell* cell = function.function()) const_cast<internal::FunctionCell*>(cell)->markBlocking();
+    return function;
 }
 
 }  // namespace tala

@@ -116,4 +116,31 @@ TEST_F(ThreadsTest, ClosingWhileOtherThreadsQueryFailsTheirLaterCallsCleanly) {
     EXPECT_EQ(closedSeen.load(), kReaders);
 }
 
+TEST_F(ThreadsTest, StatementsLetOtherPythonThreadsRunWhileTheyWork) {
+    // The statement methods are blocking functions: Python lets go of its lock while they run.
+    for (const char* name : {"query", "execute", "executeMany", "executeScript", "close"}) {
+        const Any method = tala::method_of(database, tala::Identifier::intern(name));
+        ASSERT_FALSE(method.isEmpty()) << name;
+        EXPECT_TRUE(tala::I_Invokable_Generic(tala::internal::unchecked, method).isBlocking()) << name;
+    }
+    // A Python thread counts while a slow query (a recursive count to two million) runs on the
+    // thread that started it.
+    const Any result = evaluate(R"PY(
+import threading
+state = {'count': 0, 'stop': False}
+def counter(state):
+    while not state['stop']:
+        state['count'] += 1
+t = threading.Thread(target=counter, args=(state,))
+t.start()
+before = state['count']
+rows = db.query("WITH RECURSIVE c(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM c WHERE n < 2000000) SELECT count(*) AS n FROM c")
+during = state['count'] - before
+state['stop'] = True
+t.join()
+return (rows[0].n, during > 1000)
+)PY", Map{{String("db"), database}});
+    EXPECT_EQ(text(result), "(2000000, True)") << errorMessage(result);
+}
+
 }  // namespace

@@ -43,6 +43,13 @@ public:
     virtual FunctionKind functionKind() const { return FunctionKind::Native; }
     // The number of positional arguments `call` expects, receiver included.
     virtual std::size_t parameterCount() const;
+    // A blocking function may wait a long time (for I/O, a lock, another thread): a language
+    // runtime that calls it lets go of its own lock meanwhile, so that its other threads run.
+    virtual bool isBlocking() const { return blocking_; }
+    void markBlocking() noexcept { blocking_ = true; }
+
+private:
+    bool blocking_ = false;
 };
 
 }  // namespace internal
@@ -82,6 +89,11 @@ public:
     String name() const;
     String doc() const;
     FunctionKind functionKind() const;
+    // Whether the function may block (see FunctionCell::isBlocking).
+    bool isBlocking() const {
+        const internal::FunctionCell* fn = function();
+        return fn != nullptr && fn->isBlocking();
+    }
     // For a constant function, its value.
     Any constantValue() const;
 
@@ -90,6 +102,12 @@ public:
     }
     static Class_Generic getClass();
 };
+
+// Marks a function as one that may block for long (I/O, a lock, another thread) and answers it:
+// a language runtime lets go of its own lock while it runs, so that a blocking host call never
+// keeps that runtime's other threads waiting, nor waits for one of them while it holds the lock.
+// Mark a function before it is shared.
+I_Invokable_Generic blocking(I_Invokable_Generic function);
 
 // A function that answers `value` whatever it is given.
 I_Invokable_Generic constant_function(Any value, Type resultType = Type::any());
