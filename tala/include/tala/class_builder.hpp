@@ -97,6 +97,10 @@ private:
 // Registers a class once per process, on first use, from any thread. A registration that asks
 // for its own class while it runs (on the same thread) throws the object model's error
 // "Recursive call detected while initializing class: <name>".
+//
+// Registrations are function-local statics, destroyed at exit while other threads may still ask
+// for their class: the class is therefore kept where no destructor reaches it (it is immortal
+// anyway), and what is read after the first registration is only a pointer to it.
 class ClassRegistration {
 public:
     ClassRegistration(std::string name, std::function<Class_Generic()> build);
@@ -107,8 +111,7 @@ private:
     std::string name_;
     std::function<Class_Generic()> build_;
     mutable std::mutex mutex_;
-    mutable std::atomic<const Class_Generic*> ready_{nullptr};
-    mutable std::optional<Class_Generic> value_;
+    mutable std::atomic<const Class_Generic*> ready_{nullptr};  // never freed
 };
 
 // A plain instance of `cls` with its fields empty.
