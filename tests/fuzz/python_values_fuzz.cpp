@@ -105,6 +105,8 @@ def hostile(mask, base_index, mode, payload):
             members['__new__'] = lambda cls, mode=0, *args: base.__new__(cls, *args)
         cls = classes[key] = type('Hostile%d_%d' % (mask, base_index), (base,), members)
     base = cls.__bases__[0]
+    if isinstance(payload, int) and base in (bytes, bytearray):
+        payload %= 64  # bytes(n) allocates n bytes: keep it small
     try:
         if payload is not None and base in (tuple, frozenset, str, bytes, int, float):
             made = base.__new__(cls, payload)
