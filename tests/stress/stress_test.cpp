@@ -35,8 +35,7 @@ class Stress : public LanguageTest {};
 
 TEST_F(Stress, EightThreadsTenThousandEvaluationsEachWithExactTotals) {
     constexpr int kThreads = 8;
-    // Sanitizers make each evaluation many times slower; the shape of the test stays the same.
-    constexpr std::int64_t kRounds = tala_stress::kSanitized ? 1500 : 10000;
+    constexpr std::int64_t kRounds = 10000;
     std::atomic<std::int64_t> hostCalls{0};
     const Any count = tala::native_function([&hostCalls](std::int64_t by) { return hostCalls += by; }, String("count"),
                                             {String("by")});
@@ -125,7 +124,7 @@ TEST_F(Stress, ReentryFiftyDeepCarriesTheBottomErrorUp) {
 
 TEST_F(Stress, ReentryFiftyDeepFromFourThreadsAtOnce) {
     constexpr int kThreads = 4;
-    constexpr int kRounds = tala_stress::kSanitized ? 3 : 20;
+    constexpr int kRounds = 20;
     const Watchdog watchdog(std::chrono::seconds(120), "Re-entry from four threads did not finish within 120 s.");
     Reentry reentry;
     std::vector<std::int64_t> wrong(kThreads, 0);
@@ -223,7 +222,7 @@ std::int64_t countedField(const Any& counted, const char* field) {
 TEST_F(Stress, ProxiesMadeOnOneThreadAreUsedAndDroppedOnOthers) {
     constexpr int kMakers = 2;
     constexpr int kDroppers = 2;
-    constexpr int kPerMaker = tala_stress::kSanitized ? 1000 : 5000;
+    constexpr int kPerMaker = 5000;
     const Watchdog watchdog(std::chrono::seconds(180), "Proxies across threads did not finish within 180 s.");
     const Any counted = tala::python::evaluate(String(kCountedClass), noMap(), noMap(), tala_language_test::noMutableMap());
     ASSERT_FALSE(tala::is_error_result(counted)) << text(counted);
@@ -237,7 +236,7 @@ TEST_F(Stress, ProxiesMadeOnOneThreadAreUsedAndDroppedOnOthers) {
 
     std::vector<std::thread> threads;
     for (int maker = 0; maker < kMakers; ++maker) {
-        threads.emplace_back([&, maker] {
+        threads.emplace_back([&] {
             for (int index = 0; index < kPerMaker; ++index) {
                 const HashMap<String, Any> locals{{String("Counted"), counted}, {String("n"), Integer(index % 7)}};
                 // A plain proxy, a sequence proxy and a mapping proxy, each holding counted objects.
@@ -253,7 +252,6 @@ TEST_F(Stress, ProxiesMadeOnOneThreadAreUsedAndDroppedOnOthers) {
             }
             std::lock_guard lock(mutex);
             if (--makersLeft == 0) ready.notify_all();
-            (void)maker;
         });
     }
     for (int dropper = 0; dropper < kDroppers; ++dropper) {
