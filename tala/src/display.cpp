@@ -121,7 +121,8 @@ void appendTime(string_builder& out, const internal::TimeFields& time) {
         }
     }
     if (time.offsetSeconds) {
-        std::int32_t offset = *time.offsetSeconds;
+        // Wide enough to negate the lowest 32-bit offset.
+        std::int64_t offset = *time.offsetSeconds;
         out << (offset < 0 ? '-' : '+');
         if (offset < 0) offset = -offset;
         appendPadded(out, offset / 3600, 2);

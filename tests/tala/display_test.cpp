@@ -354,3 +354,9 @@ TEST(Display, ContainersHoldingThemselvesShowAnEllipsis) {
     list.clear();
     map.clear();
 }
+
+// The lowest offset a time can carry is shown without overflow (it once negated INT32_MIN).
+TEST(Display, LowestTimeOffsetIsShown) {
+    const tala::Time time(12, 30, 15, 0, std::numeric_limits<std::int32_t>::min());
+    EXPECT_EQ(tala::display(time).toStdString(), "12:30:15-596523:14:08");
+}
