@@ -23,6 +23,11 @@ TALA_PACKAGES=(
     libbenchmark-dev
     libreadline-dev
     libsqlite3-dev
+    # The fuzz and ThreadSanitizer presets: clang, its sanitizer and libFuzzer runtimes, and
+    # llvm-symbolizer for readable reports.
+    clang
+    libclang-rt-dev
+    llvm
 )
 
 # tala_die "one clear sentence": print it to stderr and exit 1.

@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # Build everything and pass every test: the "default" preset, then the
-# "asan" preset (AddressSanitizer, LeakSanitizer and UBSan).
+# "asan" preset (AddressSanitizer, LeakSanitizer and UBSan), then the fuzz
+# targets for a bounded number of inputs each ("fuzz" preset: libFuzzer with
+# ASan and UBSan), then the thread and stress tests under ThreadSanitizer
+# ("tsan" preset). Prints how long each stage took.
 # Installs missing Debian packages with apt-get and finds CPython 3.13 under
 # the pyenv root or the system. Prints "N passed, 0 failed" when all pass.
 # TALA_TEST_JOBS sets the number of tests ctest runs at once (default 2).
@@ -38,19 +41,47 @@ run_ctest() {
     total_passed=$((total_passed + total - failed))
 }
 
+# stage NAME COMMAND...: runs one stage and notes how long it took.
+stage_times=()
+stage() {
+    local name="$1" started
+    shift
+    started=$(date +%s)
+    "$@"
+    stage_times+=("$(printf '%-24s %5d s' "$name" $(( $(date +%s) - started )))")
+}
+
+run_asan_tests() {
+    export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:strict_string_checks=1:detect_stack_use_after_return=1"
+    export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+    export LSAN_OPTIONS="suppressions=$TALA_REPO_ROOT/tests/lsan.supp:print_suppressions=0"
+    # Python objects from the system allocator: LeakSanitizer then scans them, and host values that
+    # live Python objects hold are not reported as leaks.
+    export PYTHONMALLOC=malloc
+    run_ctest asan build-asan
+    unset ASAN_OPTIONS UBSAN_OPTIONS LSAN_OPTIONS PYTHONMALLOC
+}
+
+started_all=$(date +%s)
 tala_ensure_packages
 tala_find_python
 
-tala_configure default
-run_ctest default build
+stage "build default" tala_configure default
+stage "test default" run_ctest default build
 
-tala_configure asan
-export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:strict_string_checks=1:detect_stack_use_after_return=1"
-export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
-export LSAN_OPTIONS="suppressions=$TALA_REPO_ROOT/tests/lsan.supp:print_suppressions=0"
-# Python objects from the system allocator: LeakSanitizer then scans them, and host values that
-# live Python objects hold are not reported as leaks.
-export PYTHONMALLOC=malloc
-run_ctest asan build-asan
+stage "build asan" tala_configure asan
+stage "test asan" run_asan_tests
 
+# Each fuzz target runs for a bounded number of inputs (tests/fuzz/CMakeLists.txt); its test
+# prints the input it failed on.
+stage "build fuzz" tala_configure fuzz
+stage "fuzz" run_ctest fuzz build-fuzz
+
+# The thread and stress tests under ThreadSanitizer (tests/tsan.supp names what is suppressed).
+stage "build tsan" tala_configure tsan
+stage "test tsan" run_ctest tsan build-tsan
+
+echo "Time per stage:"
+printf '  %s\n' "${stage_times[@]}"
+printf '  %-24s %5d s\n' "all" $(( $(date +%s) - started_all ))
 echo "$total_passed passed, 0 failed"

@@ -161,6 +161,9 @@ std::optional<Time> time_from_python(PyObject* object) {
 
 namespace {
 
+// How many exceptions deep this thread follows the `tala` attribute right now.
+thread_local int t_carriedDepth = 0;
+
 Error hostErrorOf(PyObject* exception) {
     const Class_Generic errorClass = host_error_class_for(reinterpret_cast<PyObject*>(Py_TYPE(exception)));
     const String message = exceptionMessage(exception);
@@ -177,9 +180,15 @@ Error hostErrorOf(PyObject* exception) {
 
 Error errorFromException(PyObject* exception, const ExceptionOrigin* origin) {
     GilGuard gil;
-    // An exception raised from a host error carries it: the same error comes back.
-    if (PyObjectPtr carried = attributeOrNull(exception, "tala"); carried && carried.get() != Py_None) {
+    // An exception raised from a host error carries it: the same error comes back. Scripts can
+    // set the attribute too, to another exception or to the exception itself (e.tala = e), so a
+    // chain of carried exceptions is followed a few links deep only, never round a loop.
+    constexpr int kMostCarriedLinks = 8;
+    if (PyObjectPtr carried = attributeOrNull(exception, "tala");
+        carried && carried.get() != Py_None && t_carriedDepth < kMostCarriedLinks) {
+        ++t_carriedDepth;
         Any original = from_python(carried.get());
+        --t_carriedDepth;
         if (auto error = Error::cast(original)) return *error;
     }
     Error error = hostErrorOf(exception);

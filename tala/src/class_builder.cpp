@@ -190,8 +190,7 @@ const Class_Generic& ClassRegistration::slowGet() const {
     struct Leave {
         ~Leave() { t_registering.pop_back(); }
     } leave;
-    value_.emplace(build_());
-    const Class_Generic* ready = &*value_;
+    const Class_Generic* ready = new (class_) Class_Generic(build_());
     ready_.store(ready, std::memory_order_release);
     return *ready;
 }

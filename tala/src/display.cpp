@@ -1,11 +1,13 @@
 // tala/src/display.cpp: display text, comparison and hashing of values, one switch over kinds each.
 #include "tala/display.hpp"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <vector>
 
 #include "string_object.hpp"
 #include "tala/boxed.hpp"
@@ -119,7 +121,8 @@ void appendTime(string_builder& out, const internal::TimeFields& time) {
         }
     }
     if (time.offsetSeconds) {
-        std::int32_t offset = *time.offsetSeconds;
+        // Wide enough to negate the lowest 32-bit offset.
+        std::int64_t offset = *time.offsetSeconds;
         out << (offset < 0 ? '-' : '+');
         if (offset < 0) offset = -offset;
         appendPadded(out, offset / 3600, 2);
@@ -133,6 +136,7 @@ void appendTime(string_builder& out, const internal::TimeFields& time) {
 }
 
 void displayInto(string_builder& out, const Any& value, int depth);
+void displayContents(string_builder& out, const Any& value, int depth);
 
 void displayObject(string_builder& out, const Any& value, int depth) {
     switch (value.cellAs<internal::ObjectCell>()->tag()) {
@@ -172,11 +176,44 @@ void displayObject(string_builder& out, const Any& value, int depth) {
     out << cls->qualname;
 }
 
+// The containers whose display this thread is writing right now. A container met again inside
+// itself shows as "..." in its brackets, as Python shows a list that holds itself: following it
+// down to the depth limit would multiply the text by its number of self-references at every
+// level (a list holding itself twice gives 2^64 copies).
+thread_local std::vector<const internal::Cell*> t_displaying;
+
+struct Displaying {
+    explicit Displaying(const Any& container) : cell(container.cell()) {
+        again = std::find(t_displaying.begin(), t_displaying.end(), cell) != t_displaying.end();
+        if (!again) t_displaying.push_back(cell);
+    }
+    ~Displaying() {
+        if (!again) t_displaying.pop_back();
+    }
+    Displaying(const Displaying&) = delete;
+    Displaying& operator=(const Displaying&) = delete;
+    const internal::Cell* cell;
+    bool again;
+};
+
 void displayInto(string_builder& out, const Any& value, int depth) {
     if (depth > kMaximumDepth) {
         out << "...";
         return;
     }
+    if (value.kind() == Kind::List || value.kind() == Kind::HashMap || value.kind() == Kind::Set) {
+        const Displaying displaying(value);
+        if (displaying.again) {
+            out << (value.kind() == Kind::List ? "[...]" : value.kind() == Kind::HashMap ? "{...}" : "Set([...])");
+            return;
+        }
+        displayContents(out, value, depth);
+        return;
+    }
+    displayContents(out, value, depth);
+}
+
+void displayContents(string_builder& out, const Any& value, int depth) {
     switch (value.kind()) {
         case Kind::Empty: out << "None"; return;
         case Kind::Boolean: out << (value.rawBoolean() ? "True" : "False"); return;

@@ -155,12 +155,13 @@ inline bool pythonEqual(PyObject* a, PyObject* b) {
 // test until the runner kills it, without saying why.
 class Watchdog {
 public:
-    explicit Watchdog(std::chrono::seconds limit)
-        : thread_([this, limit] {
+    explicit Watchdog(std::chrono::seconds limit,
+                      const char* message = "The threads did not finish: they wait for each other.")
+        : thread_([this, limit, message] {
               const auto deadline = std::chrono::steady_clock::now() + limit;
               while (!done_.load()) {
                   if (std::chrono::steady_clock::now() > deadline) {
-                      std::fprintf(stderr, "The threads did not finish: they wait for each other.\n");
+                      std::fprintf(stderr, "%s\n", message);
                       std::_Exit(1);
                   }
                   std::this_thread::sleep_for(std::chrono::milliseconds(20));

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <mutex>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -97,6 +98,11 @@ private:
 // Registers a class once per process, on first use, from any thread. A registration that asks
 // for its own class while it runs (on the same thread) throws the object model's error
 // "Recursive call detected while initializing class: <name>".
+//
+// Registrations are function-local statics, destroyed at exit while other threads may still ask
+// for their class: the class is therefore made in place in storage that no destructor touches
+// (classes are immortal, so there is nothing to release), and what is read after the first
+// registration is only a pointer to it.
 class ClassRegistration {
 public:
     ClassRegistration(std::string name, std::function<Class_Generic()> build);
@@ -107,8 +113,8 @@ private:
     std::string name_;
     std::function<Class_Generic()> build_;
     mutable std::mutex mutex_;
-    mutable std::atomic<const Class_Generic*> ready_{nullptr};
-    mutable std::optional<Class_Generic> value_;
+    mutable std::atomic<const Class_Generic*> ready_{nullptr};  // points into class_ once made
+    alignas(Class_Generic) mutable unsigned char class_[sizeof(Class_Generic)];
 };
 
 // A plain instance of `cls` with its fields empty.

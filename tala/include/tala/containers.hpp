@@ -290,6 +290,8 @@ public:
 
 }  // namespace tala
 
+// The definitions below call getClass(); clang wants Class_Generic complete where they stand.
+#include "tala/class.hpp"
 #include "tala/type.hpp"
 
 namespace tala {

@@ -118,6 +118,29 @@ TEST_F(ErrorRoundTripTest, HostErrorCaughtAndReraisedByPythonComesBackAsItself) 
     EXPECT_EQ(PyErr_Occurred(), nullptr);
 }
 
+// A script may set the attribute `tala` itself, also to the exception (or a ring of exceptions):
+// the conversion must not follow it round for ever (it did, until the stack ran out).
+TEST_F(ErrorRoundTripTest, ExceptionCarryingItselfBecomesAnErrorWithItsOwnMessage) {
+    GilGuard gil;
+    PyObjectPtr globals = newGlobals();
+    ASSERT_TRUE(runPython("itself = ValueError('carries itself')\n"
+                          "itself.tala = itself\n"
+                          "first = KeyError('first')\n"
+                          "second = KeyError('second')\n"
+                          "first.tala = second\n"
+                          "second.tala = first\n",
+                          globals.get()));
+    const Any itself = from_python(PyDict_GetItemString(globals.get(), "itself"));
+    ASSERT_TRUE(tala::Error::matches(itself)) << tala::display(itself).toStdString();
+    EXPECT_EQ(tala::Error(tala::internal::unchecked, itself).message(), "carries itself");
+    const Any ring = from_python(PyDict_GetItemString(globals.get(), "first"));
+    ASSERT_TRUE(tala::Error::matches(ring)) << tala::display(ring).toStdString();
+    // Which exception of the ring the error is made from is left open; that it ends is not.
+    const std::string message = tala::Error(tala::internal::unchecked, ring).message().toStdString();
+    EXPECT_TRUE(message == "'first'" || message == "'second'") << message;
+    EXPECT_EQ(PyErr_Occurred(), nullptr);
+}
+
 TEST_F(ErrorRoundTripTest, ExceptionOfAHostTypeRaisedByPythonBecomesAnInstanceOfThatClass) {
     GilGuard gil;
     PyObject* type = exception_type_for(roundTripErrorClass());

@@ -20,11 +20,11 @@ using tala_language_test::mapArgument;
 using tala_language_test::noMap;
 using tala_language_test::text;
 
-// Fewer rounds under AddressSanitizer, which makes each evaluation many times slower.
-#if defined(__SANITIZE_ADDRESS__)
+// Fewer rounds under the sanitizers, which make each evaluation many times slower.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr int kRounds = 1000;
 #elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
 constexpr int kRounds = 1000;
 #else
 constexpr int kRounds = 10000;
