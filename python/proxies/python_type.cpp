@@ -183,6 +183,9 @@ const std::unordered_map<PyObject*, const internal::ClassCell*>& builtinTable() 
 struct ClassViews {
     spinlock lock;
     std::unordered_map<PyObject*, const internal::ClassCell*> classes;
+    // Classes made by a thread that lost the race to another: classes live for ever, so the
+    // loser is kept here, reachable, instead of being lost.
+    std::vector<const internal::ClassCell*> discarded;
 };
 
 ClassViews& classViews() {
@@ -232,8 +235,9 @@ Union<Class_Generic, Error> classOfPythonType(PyObject* type) {
     const object_value_python_type made{String(typeName), PyObjectPtr_Borrowed(type)};
     std::lock_guard lock(views.lock);
     // Another thread may have made one meanwhile: the first stays, so each type has one class.
-    auto [entry, inserted] = views.classes.emplace(type, Class_Generic(internal::unchecked, made).cell());
-    (void)inserted;
+    const internal::ClassCell* madeCell = Class_Generic(internal::unchecked, made).cell();
+    auto [entry, inserted] = views.classes.emplace(type, madeCell);
+    if (!inserted) views.discarded.push_back(madeCell);
     return Class_Generic(entry->second);
 }
 

@@ -172,16 +172,24 @@ std::vector<FieldDef> ClassCell::fields() const {
 
 namespace {
 // Replaces the member of that name or appends it.
-void putMember(std::vector<MemberDef>& members, Identifier name, Any member) {
+// A lasting (immortal) member that leaves its class goes to `replaced`, where it stays reachable.
+void keepIfLasting(std::vector<Any>& replaced, Any& member) {
+    if (const internal::Cell* cell = member.cell(); cell != nullptr && cell->isImmortal()) replaced.push_back(std::move(member));
+}
+void putMember(std::vector<MemberDef>& members, std::vector<Any>& replaced, Identifier name, Any member) {
     for (auto& existing : members) {
         if (existing.name == name) {
+            keepIfLasting(replaced, existing.member);
             existing.member = std::move(member);
             return;
         }
     }
     members.push_back(MemberDef{name, std::move(member)});
 }
-bool eraseMember(std::vector<MemberDef>& members, Identifier name) {
+bool eraseMember(std::vector<MemberDef>& members, std::vector<Any>& replaced, Identifier name) {
+    for (MemberDef& member : members) {
+        if (member.name == name) keepIfLasting(replaced, member.member);
+    }
     return std::erase_if(members, [&](const MemberDef& member) { return member.name == name; }) != 0;
 }
 }  // namespace
@@ -208,33 +216,33 @@ void ClassCell::addField(Identifier name, Any type) {
 }
 void ClassCell::addMethod(Identifier name, Any invokable) {
     changeMembers([&] {
-        putMember(methods_, name, std::move(invokable));
+        putMember(methods_, replaced_, name, std::move(invokable));
         return true;
     });
 }
 void ClassCell::addProperty(Identifier name, Any property) {
     changeMembers([&] {
-        putMember(properties_, name, std::move(property));
+        putMember(properties_, replaced_, name, std::move(property));
         return true;
     });
 }
 void ClassCell::addAbstractMethod(Identifier name, Any invokable) {
     changeMembers([&] {
-        putMember(abstractMethods_, name, std::move(invokable));
+        putMember(abstractMethods_, replaced_, name, std::move(invokable));
         return true;
     });
 }
 void ClassCell::addAbstractProperty(Identifier name, Any property) {
     changeMembers([&] {
-        putMember(abstractProperties_, name, std::move(property));
+        putMember(abstractProperties_, replaced_, name, std::move(property));
         return true;
     });
 }
 bool ClassCell::removeMethod(Identifier name) {
-    return changeMembers([&] { return eraseMember(methods_, name); });
+    return changeMembers([&] { return eraseMember(methods_, replaced_, name); });
 }
 bool ClassCell::removeProperty(Identifier name) {
-    return changeMembers([&] { return eraseMember(properties_, name); });
+    return changeMembers([&] { return eraseMember(properties_, replaced_, name); });
 }
 
 const Any* ClassCell::findMethod(Identifier name) const { return tables().methods.find(name.node()); }

@@ -745,6 +745,29 @@ TEST(ClassTables, MemberAddedToAParentLaterIsSeenByBuiltDescendants) {
     EXPECT_TRUE(tala::method_of(leaf, late).is<tala::None>());
 }
 
+TEST(ClassTables, MembersReplacedAfterPublishingStayUsable) {
+    // Members a class was built with last for ever, and readers copy them without counting: one
+    // that a later change replaces or removes stays valid for whoever copied it (and the
+    // sanitizer run sees it kept, not leaked).
+    const Identifier name("$replacedLater");
+    const Identifier method("$removedLater");
+    const Class_Generic cls = kept(ClassBuilder("Replaced")
+                                       .property(name, [](const Any&) { return String("first"); })
+                                       .method(method, [](const Any&) { return String("method"); })
+                                       .build());
+    auto* cell = const_cast<tala::internal::ClassCell*>(cls.cell());
+    // Copied from the member lists themselves: no look-up tables exist yet to hold them too.
+    const tala::Property before(tala::internal::unchecked, cell->properties().front().member);
+    const tala::I_Invokable_Generic methodBefore(tala::internal::unchecked, cell->methods().front().member);
+    cell->addProperty(name, tala::Property::value(name, String("second")));
+    EXPECT_TRUE(cell->removeMethod(method));
+    const Any instance = tala::make_instance(cls);
+    EXPECT_EQ(text(tala::property_of(instance, name).as<tala::Property>().get(instance)), "'second'");
+    EXPECT_EQ(text(before.get(instance)), "'first'");
+    EXPECT_EQ(text(methodBefore(instance)), "'method'");
+    EXPECT_TRUE(tala::method_of(instance, method).is<tala::None>());
+}
+
 TEST(ClassTables, OverrideAddedLaterToAMiddleClassShadowsTheRoot) {
     const Lineage lineage = makeLineage("Shadow");
     const Any leaf = tala::make_instance(lineage.leaf);

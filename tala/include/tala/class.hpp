@@ -134,6 +134,9 @@ private:
     std::vector<MemberDef> abstractProperties_;
     mutable std::atomic<const ClassTables*> tables_{nullptr};
     mutable std::vector<std::unique_ptr<const ClassTables>> retired_;
+    // Lasting members that a later change replaced or removed: readers copy them without
+    // counting, so they are kept with the class (guarded by mutex_).
+    std::vector<Any> replaced_;
 };
 
 // Indexes of the reflective methods in the flattened tables.
