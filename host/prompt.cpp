@@ -50,6 +50,23 @@ class HostCompleter(rlcompleter.Completer):
                        if isinstance(name, str) and name.startswith(prefix) and not name.startswith('_')})
 
 
+def show_host_messages(report, error, seen):
+    """An exception raised from a host error has no text of its own: its report shows the host
+    error's message."""
+    if id(error) in seen:
+        return
+    seen.add(id(error))
+    carried = getattr(error, 'tala', None)
+    if carried is not None and getattr(report, '_str', None) == '':
+        try:
+            report._str = str(carried)
+        except Exception:
+            pass
+    for inner, cause in ((report.__cause__, error.__cause__), (report.__context__, error.__context__)):
+        if inner is not None and cause is not None:
+            show_host_messages(inner, cause, seen)
+
+
 class TalaSession:
     def __init__(self, namespace):
         self.namespace = namespace
@@ -89,7 +106,9 @@ class TalaSession:
         else:
             # The frame of push() itself is nobody's code.
             tb = error.__traceback__.tb_next if frames and error.__traceback__ else None
-            traceback.print_exception(type(error), error, tb, file=sys.stderr)
+            report = traceback.TracebackException(type(error), error, tb)
+            show_host_messages(report, error, set())
+            print(''.join(report.format()), end='', file=sys.stderr)
         sys.stderr.flush()
 
     def complete(self, text, state):
@@ -105,7 +124,7 @@ class TalaSession:
         return self.matches[state] if state < len(self.matches) else None
 
 
-namespace = {name: value for name, value in globals().items() if name not in ('self', 'TalaSession', 'HostCompleter')}
+namespace = {name: value for name, value in globals().items() if name not in ('self', 'TalaSession', 'HostCompleter', 'show_host_messages')}
 namespace['__name__'] = '__main__'
 namespace['__builtins__'] = builtins
 return TalaSession(namespace)

@@ -124,18 +124,31 @@ std::optional<std::int64_t> exitStatusOf(PyObject* exception) {
 
 }  // namespace
 
-void describeException(const Error& error, PyObject* exception, const ExceptionOrigin* origin) {
+namespace {
+
+std::shared_ptr<ExceptionRecord> describeTraceback(const Error& error, PyObject* exception, const ExceptionOrigin* origin) {
     const String typeName = qualifiedTypeName(exception);
     auto record = std::make_shared<ExceptionRecord>(exception, origin, typeName);
     (void)insert_property_value(error, kExceptionTypeProperty, typeName);
-    if (PyObject_TypeCheck(exception, reinterpret_cast<PyTypeObject*>(PyExc_SystemExit))) {
-        if (auto status = exitStatusOf(exception)) (void)insert_property_value(error, kExitStatusProperty, Integer(*status));
-    }
     (void)insert_property(error, Property(kTracebackProperty,
                                           native_function([record](const Any&) { return record->text(); },
                                                           "traceback", {}, String(), false),
                                           Any(), String("The report Python prints for the exception.")));
+    return record;
+}
+
+}  // namespace
+
+void describeException(const Error& error, PyObject* exception, const ExceptionOrigin* origin) {
+    auto record = describeTraceback(error, exception, origin);
+    if (PyObject_TypeCheck(exception, reinterpret_cast<PyTypeObject*>(PyExc_SystemExit))) {
+        if (auto status = exitStatusOf(exception)) (void)insert_property_value(error, kExitStatusProperty, Integer(*status));
+    }
     (void)insert_property_value(error, kRecordProperty, RecordBox(std::move(record)));
+}
+
+void describeCarriedException(const Error& error, PyObject* exception, const ExceptionOrigin* origin) {
+    (void)describeTraceback(error, exception, origin);
 }
 
 PyObject* originalException(const Error& error) {

@@ -32,6 +32,12 @@ extern const Identifier kExitStatusProperty;     // "exitStatus"
 // caller holds the lock.
 void describeException(const Error& error, PyObject* exception, const ExceptionOrigin* origin);
 
+// For a host error that Python code raised and did not catch (its exception carries the error):
+// gives it the `exceptionType` and `traceback` of the exception, so that the report shows where
+// the script was when the error came. The error stays the very host error; raised into Python
+// again, it makes a new exception. The caller holds the lock.
+void describeCarriedException(const Error& error, PyObject* exception, const ExceptionOrigin* origin);
+
 // The Python exception a host error was made from (borrowed: the error keeps it), or null.
 PyObject* originalException(const Error& error);
 

@@ -189,7 +189,11 @@ Error errorFromException(PyObject* exception, const ExceptionOrigin* origin) {
         ++t_carriedDepth;
         Any original = from_python(carried.get());
         --t_carriedDepth;
-        if (auto error = Error::cast(original)) return *error;
+        if (auto error = Error::cast(original)) {
+            // Leaving an evaluation, the error also tells where the script was.
+            if (origin != nullptr) describeCarriedException(*error, exception, origin);
+            return *error;
+        }
     }
     Error error = hostErrorOf(exception);
     describeException(error, exception, origin);

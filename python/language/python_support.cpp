@@ -78,6 +78,26 @@ def _codes_of(program):
     return codes
 
 
+def _host_messages(summary, exception, seen):
+    # An exception raised from a host error is made without arguments, so its own text is
+    # empty: the report's last line gives the host error's message instead.
+    if id(exception) in seen:
+        return
+    seen.add(id(exception))
+    if getattr(summary, '_str', None) == '':
+        carried = getattr(exception, 'tala', None)
+        if carried is not None:
+            try:
+                summary._str = str(carried)
+            except Exception:
+                pass
+    for inner, cause in ((summary.__cause__, exception.__cause__), (summary.__context__, exception.__context__)):
+        if inner is not None and cause is not None:
+            _host_messages(inner, cause, seen)
+    for inner, part in zip(summary.exceptions or (), getattr(exception, 'exceptions', ())):
+        _host_messages(inner, part, seen)
+
+
 def _fill_lines(summary, exception, codes, lines, seen):
     # The frames of the program are in no file that linecache could read: their lines come
     # from the source, frame by frame (the summary's frames follow the traceback's).
@@ -101,6 +121,7 @@ def _fill_lines(summary, exception, codes, lines, seen):
 
 def format_exception(exception, program, source, generated_top):
     summary = traceback.TracebackException.from_exception(exception, lookup_lines=False)
+    _host_messages(summary, exception, set())
     if program is not None:
         _fill_lines(summary, exception, _codes_of(program), source.splitlines(), set())
         entry = exception.__traceback__

@@ -159,4 +159,34 @@ TEST_F(EvaluateAsWrittenTest, AnErrorBackInPythonIsTheOriginalException) {
     EXPECT_EQ(text(caught), "('KeyError', ('k',))");
 }
 
+TEST_F(EvaluateAsWrittenTest, AHostErrorThatLeavesTheCodeIsItselfAndTellsWhereTheCodeWas) {
+    // A host error of a class of its own, raised by a host function the code calls.
+    static const tala::Class_Generic errorClass =
+        tala::ClassBuilder("StockError").parent(tala::Error::getClass()).build();
+    const tala::Error original(errorClass, String("Out of tea."));
+    const tala::I_Invokable_Generic reserve = tala::native_function([original]() -> Any { return original; }, "reserve");
+    const Any failed = run("def order():\n    return reserve()\n\norder()", mapArgument(Map{{String("reserve"), reserve}}));
+    // The very host error comes back ...
+    ASSERT_TRUE(tala::Error::matches(failed)) << text(failed);
+    EXPECT_EQ(tala::Error(tala::internal::unchecked, failed).cell(), original.cell());
+    EXPECT_EQ(errorMessage(failed), "Out of tea.");
+    // ... with the report of where it went through the code; its last line gives the host
+    // error's message (the exception's own text is empty).
+    EXPECT_EQ(property(failed, "exceptionType"), "tala.StockError");
+    EXPECT_EQ(property(failed, "traceback"),
+              "Traceback (most recent call last):\n"
+              "  File \"<string>\", line 4, in tala_outer\n"
+              "    order()\n"
+              "    ~~~~~^^\n"
+              "  File \"<string>\", line 2, in order\n"
+              "    return reserve()\n"
+              "tala.StockError: Out of tea.\n");
+    // Raised into Python again, it makes an exception of its own, whose report is new.
+    const Any again = run("try:\n    reserve()\nexcept RuntimeError as error:\n    raise", mapArgument(Map{{String("reserve"), reserve}}));
+    ASSERT_TRUE(tala::Error::matches(again)) << text(again);
+    EXPECT_EQ(tala::Error(tala::internal::unchecked, again).cell(), original.cell());
+    EXPECT_NE(property(again, "traceback").find("line 2, in tala_outer\n    reserve()\n"), std::string::npos)
+        << property(again, "traceback");
+}
+
 }  // namespace
