@@ -1,14 +1,14 @@
 // host/main.cpp: the host program `tala`: loads the Python extension the way the host does, then runs a command.
+#include <pthread.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <csignal>
-#include <optional>
-
 #include <cstdio>
 #include <cstring>
-#include <algorithm>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -117,12 +117,33 @@ std::string defaultExtension() {
     return (self.parent_path().parent_path() / "lib" / "libtala_python.so").string();
 }
 
+// Every thread of the program gets the stack Python needs: its deepest recursion in C (the json
+// encoder at its limit) takes about 1.8 MiB. The main thread, which runs the scripts, may grow to
+// the stack limit (`ulimit -s`), raised here as far as the hard limit allows; the threads made
+// later (the program's own, Python's threading) get it as their default size.
+void giveThreadsEnoughStack() {
+    constexpr std::size_t kStack = 8 * 1024 * 1024;
+    rlimit limit{};
+    if (getrlimit(RLIMIT_STACK, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY && limit.rlim_cur < kStack) {
+        limit.rlim_cur = limit.rlim_max == RLIM_INFINITY ? kStack : std::min<rlim_t>(kStack, limit.rlim_max);
+        (void)setrlimit(RLIMIT_STACK, &limit);
+    }
+    pthread_attr_t defaults;
+    if (pthread_getattr_default_np(&defaults) != 0) return;
+    std::size_t size = 0;
+    if (pthread_attr_getstacksize(&defaults, &size) == 0 && size < kStack && pthread_attr_setstacksize(&defaults, kStack) == 0) {
+        (void)pthread_setattr_default_np(&defaults);
+    }
+    pthread_attr_destroy(&defaults);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     // Like Python's own program: a write to a closed pipe or socket raises BrokenPipeError in the
     // script instead of killing the process.
     std::signal(SIGPIPE, SIG_IGN);
+    giveThreadsEnoughStack();
     std::vector<std::string> arguments(argv + 1, argv + argc);
     std::string extension = defaultExtension();
     std::size_t next = 0;
