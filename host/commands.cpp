@@ -3,8 +3,10 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <mutex>
@@ -99,7 +101,13 @@ std::optional<std::int64_t> exitStatusOf(const Any& error) {
     return status.rawInteger();
 }
 
-// Stops the evaluation of the calling thread when the time is up, through LanguagePython.interrupt.
+// How long an interrupted evaluation may take to end before the program ends without it: a
+// call that waits inside C (time.sleep, a socket read) or a long loop in C sees the interruption
+// only once it returns.
+constexpr std::chrono::seconds kGraceAfterTimeout{2};
+
+// Stops the evaluation of the calling thread when the time is up, through LanguagePython.interrupt;
+// when it does not end within the grace period, ends the program.
 class Deadline {
 public:
     Deadline(std::optional<double> seconds) {
@@ -111,7 +119,13 @@ public:
             if (changed_.wait_for(lock, duration, [this] { return done_; })) return;
             lock.unlock();
             const Any stopped = callLanguageMethod("interrupt", {threadId});
+            lock.lock();
             expired_ = stopped.kind() == Kind::Boolean && stopped.rawBoolean();
+            if (!expired_ || changed_.wait_for(lock, kGraceAfterTimeout, [this] { return done_; })) return;
+            std::fflush(stdout);
+            std::fprintf(stderr, "Stopped after the timeout of %g seconds.\n", limit);
+            std::fflush(stderr);
+            std::_Exit(kTimedOut);
         });
     }
     ~Deadline() { finish(); }

@@ -129,16 +129,32 @@ void switchMonitoring(bool on) {
     if (!done) PyErr_Clear();
 }
 
-const char* const kInterruptedProgram = R"PY(
-class Interrupted(KeyboardInterrupt):
-    """Raised in an evaluation that the host stopped."""
+// The constructor of Interrupted, in C: an interruption is raised as the bare type, and Python
+// makes the instance at the point where the evaluation stops. Python code run there would be
+// stopped by the very interruption it is making. An instance method receives (self, *args).
+PyObject* initInterrupted(PyObject*, PyObject* arguments) {
+    const Py_ssize_t count = PyTuple_GET_SIZE(arguments);
+    if (count < 1) {
+        PyErr_SetString(PyExc_TypeError, "Interrupted.__init__ needs the instance.");
+        return nullptr;
+    }
+    PyObjectPtr given = count > 1 ? PyObjectPtr::steal(PyTuple_GetSlice(arguments, 1, count))
+                                  : PyObjectPtr::steal(Py_BuildValue("(s)", "The evaluation was interrupted."));
+    if (!given || PyObject_SetAttrString(PyTuple_GET_ITEM(arguments, 0), "args", given.get()) < 0) return nullptr;
+    Py_RETURN_NONE;
+}
 
-    def __init__(self, *args):
-        super().__init__(*(args or ("The evaluation was interrupted.",)))
+PyMethodDef g_initDefinition{"__init__", initInterrupted, METH_VARARGS, nullptr};
 
-
-Interrupted.__module__ = "tala.python"
-)PY";
+// tala.python.Interrupted, a KeyboardInterrupt, so that code that catches Exception lets it pass.
+PyObject* makeInterruptedType() {
+    PyObjectPtr function = PyObjectPtr::steal(PyCFunction_New(&g_initDefinition, nullptr));
+    PyObjectPtr method = function ? PyObjectPtr::steal(PyInstanceMethod_New(function.get())) : PyObjectPtr();
+    PyObjectPtr members = PyObjectPtr::steal(PyDict_New());
+    if (!method || !members || PyDict_SetItemString(members.get(), "__init__", method.get()) < 0) return nullptr;
+    return PyErr_NewExceptionWithDoc("tala.python.Interrupted", "Raised in an evaluation that the host stopped.",
+                                     PyExc_KeyboardInterrupt, members.get());
+}
 
 }  // namespace
 
@@ -159,14 +175,7 @@ PyObject* interruptedType() {
     static MadeOnce state;
     static PyObject* type = nullptr;
     makeOnce(state, [] {
-        PyObjectPtr globals = PyObjectPtr::steal(PyDict_New());
-        PyObjectPtr name = PyObjectPtr::steal(PyUnicode_FromString("tala.python"));
-        if (globals && name && PyDict_SetItemString(globals.get(), "__builtins__", PyEval_GetBuiltins()) == 0 &&
-            PyDict_SetItemString(globals.get(), "__name__", name.get()) == 0) {
-            PyObjectPtr ran = PyObjectPtr::steal(PyRun_String(kInterruptedProgram, Py_file_input, globals.get(), globals.get()));
-            if (ran) type = PyDict_GetItemString(globals.get(), "Interrupted");
-            if (type != nullptr) Py_IncRef(type);  // kept for the life of the process
-        }
+        type = makeInterruptedType();  // kept for the life of the process
         if (type == nullptr) {
             PyErr_Clear();
             type = PyExc_KeyboardInterrupt;

@@ -7,6 +7,7 @@
 #include <string>
 #include <thread>
 
+#include "bridge/from_python.hpp"
 #include "language/evaluate.hpp"
 #include "language/interruption.hpp"
 #include "language/language_python.hpp"
@@ -66,6 +67,11 @@ TEST_F(InterruptionTest, ARunawayLoopEndsWithAnInterruptedError) {
     runner.join();
     EXPECT_EQ(errorMessage(runner.result), "The evaluation was interrupted.");
     EXPECT_EQ(property(runner.result, "exceptionType"), "tala.python.Interrupted");
+    // The report shows the code where it stopped, and nothing of the interruption's own making.
+    const std::string traceback = property(runner.result, "traceback");
+    EXPECT_EQ(traceback.find("__init__"), std::string::npos) << traceback;
+    EXPECT_NE(traceback.find("line 2, in tala_outer\n"), std::string::npos) << traceback;
+    EXPECT_TRUE(traceback.ends_with("\ntala.python.Interrupted: The evaluation was interrupted.\n")) << traceback;
     // The interpreter is usable afterwards, on that thread's successors and here.
     EXPECT_EQ(text(tala::python::evaluate_expr(String("6 * 7"), noMap(), noMap())), "42");
 }
@@ -102,6 +108,18 @@ TEST_F(InterruptionTest, AFunctionCalledFromTheHostCanBeStoppedToo) {
     EXPECT_TRUE(interruptEvaluation(threadId));
     caller.join();
     EXPECT_EQ(errorMessage(result), "The evaluation was interrupted.");
+}
+
+TEST_F(InterruptionTest, TheInterruptionIsAKeyboardInterruptWithAMessage) {
+    tala::python::GilGuard gil;
+    PyObject* type = tala::python::interruptedType();
+    EXPECT_EQ(PyObject_IsSubclass(type, PyExc_KeyboardInterrupt), 1);
+    EXPECT_EQ(PyObject_IsSubclass(type, PyExc_Exception), 0);
+    const Map locals{{String("Interrupted"), tala::python::from_python(type)}};
+    EXPECT_EQ(text(tala::python::evaluate_expr(
+                  String("(str(Interrupted()), Interrupted('at row 7').args, Interrupted.__module__, Interrupted.__name__)"),
+                  mapArgument(locals), noMap())),
+              "('The evaluation was interrupted.', ('at row 7',), 'tala.python', 'Interrupted')");
 }
 
 TEST_F(InterruptionTest, AnIdleThreadIsNotTouched) {
