@@ -487,6 +487,43 @@ std::uint64_t combine(std::uint64_t seed, std::uint64_t value) {
 
 std::uint64_t hashInteger(std::int64_t value) { return mix(static_cast<std::uint64_t>(value)); }
 
+// Hashing walks into containers, and a value built of shared parts (a list holding another twice,
+// at every level, or holding itself) has exponentially many paths through it. One hash counts
+// the items it visits; past the budget it gives up and the value hashes by its kind and size
+// alone. Equal values visit the same number of items, so they still hash equal.
+constexpr std::size_t kMaximumHashedItems = 1'000'000;
+thread_local int t_hashDepth = 0;
+thread_local std::size_t t_hashedItems = 0;
+
+struct HashWalk {
+    HashWalk() noexcept {
+        if (t_hashDepth++ == 0) t_hashedItems = 0;
+    }
+    ~HashWalk() { --t_hashDepth; }
+    HashWalk(const HashWalk&) = delete;
+    HashWalk& operator=(const HashWalk&) = delete;
+    bool outermost() const noexcept { return t_hashDepth == 1; }
+    // Counts a container's items before they are visited; false once over the budget.
+    static bool visit(std::size_t items) noexcept {
+        t_hashedItems += items;
+        return t_hashedItems <= kMaximumHashedItems;
+    }
+    static bool overBudget() noexcept { return t_hashedItems > kMaximumHashedItems; }
+};
+
+// The hash of a value whose walk went over the budget.
+std::uint64_t shallowHash(const Any& value) {
+    std::size_t size = 0;
+    switch (value.kind()) {
+        case Kind::List: size = List_Generic(internal::unchecked, value).size(); break;
+        case Kind::Tuple: size = Tuple(internal::unchecked, value).items().size(); break;
+        case Kind::HashMap: size = HashMap_Generic(internal::unchecked, value).size(); break;
+        case Kind::Set: size = Set_Generic(internal::unchecked, value).size(); break;
+        default: break;
+    }
+    return combine(0x5A11ull + static_cast<std::uint64_t>(value.kind()), size);
+}
+
 std::uint64_t hashFloat(double value) {
     if (std::isnan(value)) return 0x7FF8000000000000ull;
     // A whole float hashes as the integer it equals, since the two compare equal.
@@ -521,6 +558,7 @@ std::uint64_t hashByClass(const Any& value) {
         return 0x4A54ull;  // a failed hash: one bucket for all, which is slow but never wrong
     }
     if (cls->reflective(internal::ReflectiveCompare) == nullptr) return mix(object_id(value));
+    if (!HashWalk::visit(object->fieldCount())) return 0;
     std::uint64_t hash = 0xC1A55ull;
     for (std::size_t slot = 0; slot < object->fieldCount(); ++slot) hash = combine(hash, hash_of(object->fieldSlots()[slot]));
     return hash;
@@ -542,7 +580,20 @@ std::uint64_t hashObject(const Any& value) {
 
 }  // namespace
 
+namespace {
+std::uint64_t hashWalk(const Any& value);
+}  // namespace
+
 std::uint64_t hash_of(const Any& value) {
+    const HashWalk walk;
+    if (HashWalk::overBudget()) return 0;  // the outermost call answers for the whole value
+    const std::uint64_t hash = hashWalk(value);
+    return walk.outermost() && HashWalk::overBudget() ? shallowHash(value) : hash;
+}
+
+namespace {
+
+std::uint64_t hashWalk(const Any& value) {
     const WalkDepth depth;
     if (WalkDepth::tooDeep()) return 0x7A11ull;
     switch (value.kind()) {
@@ -554,27 +605,33 @@ std::uint64_t hash_of(const Any& value) {
         case Kind::String: return String(internal::unchecked, value).hash();
         case Kind::ByteArray: return value.cellAs<internal::BytesCell>()->hash() ^ 0xB17E5ull;
         case Kind::List: {
+            const List_Generic list(internal::unchecked, value);
+            if (!HashWalk::visit(list.size())) return 0;
             std::uint64_t hash = 0x1157ull;
-            for (const Any& item : List_Generic(internal::unchecked, value)) hash = combine(hash, hash_of(item));
+            for (const Any& item : list) hash = combine(hash, hash_of(item));
             return hash;
         }
         case Kind::Tuple: {
+            const auto items = Tuple(internal::unchecked, value).items();
+            if (!HashWalk::visit(items.size())) return 0;
             std::uint64_t hash = 0x7C9ull;
-            for (const Any& item : Tuple(internal::unchecked, value).items()) hash = combine(hash, hash_of(item));
+            for (const Any& item : items) hash = combine(hash, hash_of(item));
             return hash;
         }
         case Kind::HashMap: {
             // Order-independent, like sets: equal maps may have been filled in different orders.
+            const HashMap_Generic map(internal::unchecked, value);
+            if (!HashWalk::visit(2 * map.size())) return 0;
             std::uint64_t hash = 0x4A5ull;
-            for (const auto& entry : HashMap_Generic(internal::unchecked, value)) {
-                hash += mix(combine(hash_of(entry.key), hash_of(entry.value)));
-            }
+            for (const auto& entry : map) hash += mix(combine(hash_of(entry.key), hash_of(entry.value)));
             return hash;
         }
         case Kind::Set: {
             // Order-independent: equal sets may have been filled in different orders.
+            const Set_Generic set(internal::unchecked, value);
+            if (!HashWalk::visit(set.size())) return 0;
             std::uint64_t hash = 0x5E7ull;
-            for (const auto& entry : Set_Generic(internal::unchecked, value)) hash += mix(hash_of(entry.key));
+            for (const auto& entry : set) hash += mix(hash_of(entry.key));
             return hash;
         }
         case Kind::Object: return hashObject(value);
@@ -586,5 +643,7 @@ std::uint64_t hash_of(const Any& value) {
     }
     return 0;
 }
+
+}  // namespace
 
 }  // namespace tala

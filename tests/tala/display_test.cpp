@@ -272,6 +272,33 @@ tala::Any compared(const tala::Class_Generic& cls, std::int64_t amount, const ch
 }
 }  // namespace
 
+TEST(Hash, ContainersThatHoldThemselvesOrSharedPartsHashInBoundedTime) {
+    // A list holding itself twice: without a bound, 2^256 paths down to the depth limit.
+    const tala::List<tala::Any> twice;
+    twice.append(twice);
+    twice.append(twice);
+    const std::uint64_t hash = tala::hash_of(twice);
+    EXPECT_EQ(tala::hash_of(twice), hash);
+    // A list built of one part shared at every level (no cycle): 2^60 paths.
+    tala::List<tala::Any> shared;
+    for (int level = 0; level < 60; ++level) shared = tala::List<tala::Any>{shared, shared};
+    tala::List<tala::Any> sameShape;
+    for (int level = 0; level < 60; ++level) sameShape = tala::List<tala::Any>{sameShape, sameShape};
+    EXPECT_EQ(tala::hash_of(shared), tala::hash_of(sameShape));  // equal values, equal hashes
+    // A map holding itself as a value, a set of such lists.
+    const tala::HashMap<tala::String, tala::Any> map;
+    map.set(tala::String("self"), map);
+    map.set(tala::String("list"), twice);
+    EXPECT_EQ(tala::hash_of(map), tala::hash_of(map));
+    tala::Set<tala::Any> set;
+    set.insert(shared);
+    EXPECT_TRUE(set.contains(shared));
+    // Small values still hash by their content.
+    EXPECT_NE(tala::hash_of(tala::List<tala::Any>{tala::Integer(1)}), tala::hash_of(tala::List<tala::Any>{tala::Integer(2)}));
+    twice.clear();  // breaks the reference cycles
+    map.clear();
+}
+
 TEST(Hash, AClassThatComparesItsInstancesHashesThemByTheirFields) {
     static const tala::Class_Generic cls = comparedClass(false);
     const tala::Any first = compared(cls, 5);
