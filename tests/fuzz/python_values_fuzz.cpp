@@ -124,7 +124,12 @@ def hostile(mask, base_index, mode, payload):
         return cls(mode)
 
 def decimal_of(text):
-    return decimal.Decimal(text)
+    made = decimal.Decimal(text)
+    # int() of a decimal whose exponent is near a billion runs for hours in any Python (the host
+    # walks values by calling classes such as int with them): exponents stay where that is quick.
+    if made.is_finite() and abs(made.adjusted()) > 100000:
+        made = made.scaleb((100000 if made.adjusted() > 0 else -100000) - made.adjusted())
+    return made
 
 def with_carried(exception, carried):
     exception.tala = carried
