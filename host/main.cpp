@@ -141,8 +141,10 @@ void giveThreadsEnoughStack() {
 
 int main(int argc, char** argv) {
     // Like Python's own program: a write to a closed pipe or socket raises BrokenPipeError in the
-    // script instead of killing the process.
+    // script, and one past the file size limit (ulimit -f) raises OSError, instead of killing the
+    // process.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     giveThreadsEnoughStack();
     std::vector<std::string> arguments(argv + 1, argv + argc);
     std::string extension = defaultExtension();

@@ -63,9 +63,10 @@ tala::Any pythonFunction(const char* name) {
 }  // namespace
 
 int main() {
-    // As CPython's own program does: a write to a closed pipe raises BrokenPipeError in Python
-    // instead of ending the process.
+    // As CPython's own program does: a write to a closed pipe raises BrokenPipeError in Python,
+    // and one past the file size limit OSError, instead of ending the process.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     tala::Module::create("shipping").addClass(parcelClass());
 
     // One call: opens the library, calls its entry point and runs the start-up handlers.
