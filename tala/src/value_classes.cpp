@@ -13,33 +13,70 @@
 #include "tala/interfaces.hpp"
 #include "tala/module.hpp"
 
+#include "class_tables.hpp"
+
 namespace tala {
 
 // ---- Calling members through interfaces -----------------------------------------------------
 
 namespace internal {
 
-Any callMember(const Any& target, Identifier name, std::initializer_list<Any> arguments) {
-    auto method = method_of(target, name);
-    if (method.isEmpty()) {
-        return Error(String("None method '{}' in: {}.").arg(String(name.text()), target));
+namespace {
+
+// The function that the class of `target` gives for `name`, read in place from the class's
+// tables, when method_of would answer it too: the class has no reflective look-up and the object
+// no members of its own, or the class's members come before its reflective look-up. Null when
+// the caller must ask method_of. The tables keep their entries for as long as the class lives,
+// and the target keeps its class.
+const FunctionCell* classFunctionOf(const Any& target, Identifier name) {
+    const ClassCell* cls = classCellOf(target);
+    const ClassTables& tables = cls->tables();
+    if (tables.reflective[ReflectiveMethod] != nullptr) {
+        if ((cls->flags & class_flags::MembersFirst) == 0) return nullptr;
+    } else if (const ObjectCell* object = objectCellOf(target); object != nullptr && object->ownMembers() != nullptr) {
+        return nullptr;
     }
-    const auto invokable = method.as<I_Invokable_Generic>();
-    if (invokable.isIndependent()) return invokable.invokeWith(std::span<const Any>(arguments.begin(), arguments.size()));
-    // The receiver first, then the arguments; on the stack for the calls of the interfaces.
-    if (arguments.size() == 0) return invokable.invokeWith(std::span<const Any>(&target, 1));
+    const Any* member = tables.methods.find(name.node());
+    if (member == nullptr || member->kind() != Kind::Function) return nullptr;
+    return member->cellAs<FunctionCell>();
+}
+
+// Calls `invoke` with the receiver first, then the arguments (only the arguments for an
+// independent function); on the stack for the few arguments of the interfaces.
+template <class Invoke>
+Any callWithReceiver(const Any& target, std::initializer_list<Any> arguments, bool independent, Invoke&& invoke) {
+    if (independent) return invoke(std::span<const Any>(arguments.begin(), arguments.size()));
+    if (arguments.size() == 0) return invoke(std::span<const Any>(&target, 1));
     constexpr std::size_t kInline = 4;
     if (arguments.size() < kInline) {
         std::array<Any, kInline> all;
         all[0] = target;
         std::copy(arguments.begin(), arguments.end(), all.begin() + 1);
-        return invokable.invokeWith(std::span<const Any>(all.data(), arguments.size() + 1));
+        return invoke(std::span<const Any>(all.data(), arguments.size() + 1));
     }
     std::vector<Any> all;
     all.reserve(arguments.size() + 1);
     all.push_back(target);
     all.insert(all.end(), arguments.begin(), arguments.end());
-    return invokable.invokeWith(all);
+    return invoke(std::span<const Any>(all));
+}
+
+}  // namespace
+
+Any callMember(const Any& target, Identifier name, std::initializer_list<Any> arguments) {
+    // Most calls of an interface reach a function of the receiver's class: call it where it is,
+    // without copying it out of the tables.
+    if (const FunctionCell* function = classFunctionOf(target, name)) {
+        return callWithReceiver(target, arguments, function->isIndependent(),
+                                [function](std::span<const Any> all) { return function->call(all); });
+    }
+    auto method = method_of(target, name);
+    if (method.isEmpty()) {
+        return Error(String("None method '{}' in: {}.").arg(String(name.text()), target));
+    }
+    const auto invokable = method.as<I_Invokable_Generic>();
+    return callWithReceiver(target, arguments, invokable.isIndependent(),
+                            [&invokable](std::span<const Any> all) { return invokable.invokeWith(all); });
 }
 
 Any readMember(const Any& target, Identifier name) {

@@ -649,6 +649,45 @@ TEST(ReflectiveMembers, DerivedClassInheritsTheTakeover) {
     EXPECT_EQ(text(instance), "Reflective of rank 9");
 }
 
+// ---- Calls through interfaces ------------------------------------------------------------------
+
+// Interfaces call members by name on their receiver: what they reach must be what method_of gives.
+TEST(InterfaceCalls, AMethodInsertedIntoTheObjectComesBeforeTheClassMethod) {
+    const Any plain = point(classes().derived, 2, 0);
+    const Any changed = point(classes().derived, 2, 0);
+    EXPECT_EQ(text(tala::internal::callMember(plain, kDescribe, {})), "'a derived'");
+    ASSERT_TRUE(tala::insert_method(changed, kDescribe,
+                                    tala::native_function([](const Any&) { return String("own"); }, "describe", {},
+                                                          String(), false))
+                    .isEmpty());
+    EXPECT_EQ(text(tala::internal::callMember(changed, kDescribe, {})), "'own'");
+    EXPECT_EQ(text(tala::internal::callMember(plain, kDescribe, {})), "'a derived'");
+}
+
+TEST(InterfaceCalls, AClassThatAnswersMethodsItselfIsAskedEvenForItsOrdinaryMethods) {
+    const Any instance = reflectiveInstance(1);
+    EXPECT_EQ(text(tala::internal::callMember(instance, Identifier("$greet"), {String("you")})), "'hello you'");
+    EXPECT_EQ(errorText(tala::internal::callMember(instance, kPlain, {})), "None method 'plain' in: Reflective of rank 1.");
+}
+
+TEST(InterfaceCalls, WithMembersFirstTheClassMethodComesBeforeTheClassAnswer) {
+    static const Class_Generic cls = kept(
+        ClassBuilder("MembersFirstReflective")
+            .flags(tala::class_flags::MembersFirst)
+            .method(kPlain, [](const Any&, std::int64_t step) { return Integer(step + 1); }, {"step"})
+            .method(
+                Any::$__method__,
+                [](const Any&, const String&) -> tala::Union<I_Invokable_Generic, None> {
+                    return tala::native_function([](const Any&, const Any&) { return String("answered"); }, "any",
+                                                 {"step"}, String(), false);
+                },
+                {"name"})
+            .build());
+    const Any instance = tala::make_instance(cls);
+    EXPECT_EQ(tala::internal::callMember(instance, kPlain, {Integer(4)}).rawInteger(), 5);
+    EXPECT_EQ(text(tala::internal::callMember(instance, Identifier("$other"), {Integer(4)})), "'answered'");
+}
+
 // ---- Several threads --------------------------------------------------------------------------
 
 TEST(MemberThreads, FourThreadsReadPropertiesAndCallMethodsOfOneObject) {
