@@ -243,7 +243,9 @@ Class_Generic PythonProxyIterator::getClass() {
     static const ClassRegistration registration("PythonProxyIterator", [] {
         return proxyClass("PythonProxyIterator", "Proxy of a Python iterator.", I_Iterator_Generic::getClass(),
                           [](ClassBuilder& builder) {
-                              builder.method(Any::$next, [](const PythonProxy& self) { return next(self); });
+                              // The receiver as it comes (the hot calls take no typed copy of it):
+                              // a value that is no proxy has no Python object, which next reports.
+                              builder.method(Any::$next, [](const Any& self) { return next(self); });
                           });
     });
     return registration.get();
@@ -342,7 +344,8 @@ Class_Generic PythonProxySequence::getClass() {
                         Any item = itemAt(self, index);
                         return is_error_result(item) ? fallback : item;
                     }, {"index", "default"})
-                    .method(Any::$at, [](const PythonProxy& self, const Integer& index) -> Result {
+                    // The receiver as it comes, as for next.
+                    .method(Any::$at, [](const Any& self, const Integer& index) -> Result {
                         return Result(internal::unchecked, itemAt(self, index));
                     }, {"index"})
                     .method(Any::$$length, [](const PythonProxy& self) { return lengthOf(self); })

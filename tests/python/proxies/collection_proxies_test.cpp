@@ -315,6 +315,25 @@ TEST_F(CollectionProxyTest, NextWithoutAnObjectIsNull) {
     EXPECT_EQ(messageOf(call(empty, Any::$next)), "The object is null.");
 }
 
+// The methods called on every item take their receiver as it comes: given a value that is no
+// proxy (their function called directly), they answer with an error, as for a proxy without an
+// object.
+TEST_F(CollectionProxyTest, NextAndAtOfAReceiverThatIsNoProxyAreErrors) {
+    const Any* next = PythonProxyIterator::getClass().cell()->findMethod(Any::$next);
+    const Any* at = PythonProxySequence::getClass().cell()->findMethod(Any::$at);
+    ASSERT_NE(next, nullptr);
+    ASSERT_NE(at, nullptr);
+    const tala::List<Any> notAProxy{Integer(1), Integer(2)};
+    const Any nextArguments[] = {notAProxy};
+    const Any atArguments[] = {notAProxy, Integer(0)};
+    GilGuard gil;
+    const tala::I_Invokable_Generic nextFunction(tala::internal::unchecked, *next);
+    const tala::I_Invokable_Generic atFunction(tala::internal::unchecked, *at);
+    EXPECT_EQ(messageOf(tala::resolve(nextFunction.invokeWith(std::span<const Any>(nextArguments)))), "The object is null.");
+    EXPECT_EQ(messageOf(tala::resolve(atFunction.invokeWith(std::span<const Any>(atArguments)))), "The object is null.");
+    EXPECT_EQ(PyErr_Occurred(), nullptr) << takePendingError();
+}
+
 TEST_F(CollectionProxyTest, IterableContains) {
     GilGuard gil;
     run("items = frozenset([1, 'two'])\n");
