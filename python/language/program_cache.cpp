@@ -158,10 +158,13 @@ PyObjectPtr compiledProgram(ProgramKind kind, std::string_view text, std::span<c
     const std::string_view names = outNames.empty() ? std::string_view() : joinedNames(outNames);
     const Key key(kind, text, names, filename);
     if (PyObject* code = cache().find(key)) return PyObjectPtr::borrow(code);
+    // Compiling runs Python code, which may evaluate again on this thread (a gc callback, a
+    // __del__) and so reuse the thread's buffer of joined names: the key keeps a copy of its own.
+    const std::string ownNames(names);
     PyObjectPtr code = compile(kind, text, outNames, filename);
     if (!code) return code;
     ++cache().compilations;
-    cache().insert(key, code.get());
+    cache().insert(Key(kind, text, ownNames, filename), code.get());
     return code;
 }
 

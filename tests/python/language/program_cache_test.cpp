@@ -102,6 +102,49 @@ TEST_F(ProgramCacheTest, ATracebackOfACachedEvaluationHasTheRightLines) {
     }
 }
 
+// Compiling runs Python code, and Python's collector may run code of the user's meanwhile (a gc
+// callback, a __del__) that evaluates again on the same thread with other output names: the
+// outer evaluation still stores its own output locals, and its program is found again under its
+// own names.
+TEST_F(ProgramCacheTest, AnEvaluationMadeWhileATextCompilesLeavesThatTextItsOwnNames) {
+    ASSERT_EQ(text(run("import gc, sys\n"
+                       "def reenter(phase, info):\n"
+                       "    frame = sys._getframe(1)\n"
+                       "    while frame is not None and frame.f_code.co_name != 'build_program':\n"
+                       "        frame = frame.f_back\n"
+                       "    if frame is None or phase != 'start' or reenter.done:\n"
+                       "        return\n"
+                       "    reenter.done = True\n"
+                       "    out = {'a_much_longer_output_name_than_the_outer_one_' + str(n): None for n in range(8)}\n"
+                       "    tala.python.evaluate('return 6000002', None, None, out)\n"
+                       "reenter.done = False\n"
+                       "gc.callbacks.append(reenter)\n"
+                       "sys.modules['pc_reenter_state'] = reenter\n"
+                       "return 1",
+                       Map{})),
+              "1");
+    const auto threshold = run("import gc\nold = gc.get_threshold()\ngc.set_threshold(1)\nreturn old[0]", Map{});
+    const char* code = "y = 6000001\nreturn y";
+    const std::size_t before = programCompilations();
+    Map out{{String("y"), Any()}};
+    EXPECT_EQ(text(run(code, Map{}, &out)), "6000001");
+    const Any reentered = run("import gc, sys\n"
+                              "gc.set_threshold(" + text(threshold) + ")\n"
+                              "state = sys.modules.pop('pc_reenter_state')\n"
+                              "gc.callbacks.remove(state)\n"
+                              "return state.done",
+                              Map{});
+    EXPECT_EQ(text(reentered), "True");
+    EXPECT_EQ(text(*out.get(String("y"))), "6000001");
+    // Found again under its own names: not compiled a second time.
+    const std::size_t compiled = programCompilations();
+    Map again{{String("y"), Any()}};
+    EXPECT_EQ(text(run(code, Map{}, &again)), "6000001");
+    EXPECT_EQ(text(*again.get(String("y"))), "6000001");
+    EXPECT_EQ(programCompilations(), compiled);
+    EXPECT_GT(compiled, before);
+}
+
 TEST_F(ProgramCacheTest, TheCacheStaysWithinItsBounds) {
     for (int index = 0; index < 2500; ++index) {
         EXPECT_EQ(text(expression("n + " + std::to_string(5000000 + index), Map{{String("n"), Integer(0)}})),
