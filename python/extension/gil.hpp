@@ -151,4 +151,10 @@ void makeOnce(MadeOnce& state, Make&& make) {
     });
 }
 
+// A METH_FASTCALL function in the PyCFunction slot of a PyMethodDef, as CPython wants it: cast
+// through a function type that takes nothing, which converts to any other.
+inline PyCFunction fastCallFunction(PyObject* (*function)(PyObject*, PyObject* const*, Py_ssize_t)) {
+    return reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function));
+}
+
 }  // namespace tala::python

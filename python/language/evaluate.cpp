@@ -141,16 +141,9 @@ PyObject* storeResultFunction(PyObject*, PyObject* const* arguments, Py_ssize_t 
     Py_RETURN_NONE;
 }
 
-// A fast-call function in the slot of a plain one, as METH_FASTCALL says; cast through a function
-// type that takes nothing, which converts to any other.
-template <class Function>
-PyCFunction fastCall(Function function) {
-    return reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function));
-}
-
-PyMethodDef g_storeLocal{"tala_store_local", fastCall(storeLocalFunction), METH_FASTCALL,
+PyMethodDef g_storeLocal{"tala_store_local", fastCallFunction(storeLocalFunction), METH_FASTCALL,
                          "Writes an output local of the running evaluation back to the host."};
-PyMethodDef g_storeResult{"tala_store_result", fastCall(storeResultFunction), METH_FASTCALL,
+PyMethodDef g_storeResult{"tala_store_result", fastCallFunction(storeResultFunction), METH_FASTCALL,
                           "Keeps the result of the running evaluation for the host."};
 
 // The locals every code evaluation starts from: the two callables, made once and kept for the

@@ -63,6 +63,7 @@ TALA_HOT_THREAD_LOCAL OwnRecord t_record;
 
 int g_pendingInterruptions = 0;
 int g_monitoringTool = -1;  // the sys.monitoring tool id we hold, or -1
+long g_eventMask = 0;       // the events its callback is registered for
 
 PyObject* raiseIfInterrupted(PyObject*, PyObject* const*, Py_ssize_t) {
     if (t_record.listed && t_record.record.depth > 0 && t_record.record.interrupted) {
@@ -72,45 +73,35 @@ PyObject* raiseIfInterrupted(PyObject*, PyObject* const*, Py_ssize_t) {
     Py_RETURN_NONE;
 }
 
-// A fast-call function in the slot of a plain one, as METH_FASTCALL says; cast through a function
-// type that takes nothing, which converts to any other.
-PyMethodDef g_callbackDefinition{"tala_interruption_check", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(raiseIfInterrupted)),
-                                 METH_FASTCALL, "Raises the interruption in an evaluation that was told to stop."};
+PyMethodDef g_callbackDefinition{"tala_interruption_check", fastCallFunction(raiseIfInterrupted), METH_FASTCALL,
+                                 "Raises the interruption in an evaluation that was told to stop."};
 
 PyObjectPtr monitoring() {
     PyObjectPtr sys = PyObjectPtr::steal(PyImport_ImportModule("sys"));
     return sys ? PyObjectPtr::steal(PyObject_GetAttrString(sys.get(), "monitoring")) : PyObjectPtr();
 }
 
-long eventMask(PyObject* monitoringModule) {
-    PyObjectPtr events = PyObjectPtr::steal(PyObject_GetAttrString(monitoringModule, "events"));
-    long mask = 0;
-    for (const char* name : {"JUMP", "PY_START", "PY_RESUME"}) {
-        PyObjectPtr value = events ? PyObjectPtr::steal(PyObject_GetAttrString(events.get(), name)) : PyObjectPtr();
-        if (value) mask |= PyLong_AsLong(value.get());
-    }
-    return mask;
-}
-
 // Takes a free tool id (debuggers, coverage and profilers keep theirs) and registers the
-// callback for the events; the tool stays ours for the life of the process.
+// callback for the events it watches, whose mask it keeps; the tool stays ours for the life of
+// the process.
 bool claimTool(PyObject* monitoringModule) {
     if (g_monitoringTool >= 0) return true;
     PyObjectPtr callback = PyObjectPtr::steal(PyCFunction_New(&g_callbackDefinition, nullptr));
-    if (!callback) return false;
+    PyObjectPtr events = PyObjectPtr::steal(PyObject_GetAttrString(monitoringModule, "events"));
+    if (!callback || !events) return false;
     for (int tool : {4, 3}) {
         PyObjectPtr claimed = PyObjectPtr::steal(PyObject_CallMethod(monitoringModule, "use_tool_id", "is", tool, "tala"));
         if (!claimed) {
             PyErr_Clear();
             continue;
         }
-        PyObjectPtr events = PyObjectPtr::steal(PyObject_GetAttrString(monitoringModule, "events"));
         for (const char* name : {"JUMP", "PY_START", "PY_RESUME"}) {
-            PyObjectPtr event = events ? PyObjectPtr::steal(PyObject_GetAttrString(events.get(), name)) : PyObjectPtr();
+            PyObjectPtr event = PyObjectPtr::steal(PyObject_GetAttrString(events.get(), name));
             PyObjectPtr done = event ? PyObjectPtr::steal(PyObject_CallMethod(monitoringModule, "register_callback", "iOO", tool,
                                                                               event.get(), callback.get()))
                                      : PyObjectPtr();
-            if (!done) PyErr_Clear();
+            if (done) g_eventMask |= PyLong_AsLong(event.get());
+            PyErr_Clear();
         }
         g_monitoringTool = tool;
         return true;
@@ -124,8 +115,7 @@ void switchMonitoring(bool on) {
         PyErr_Clear();
         return;
     }
-    PyObjectPtr done = PyObjectPtr::steal(
-        PyObject_CallMethod(module.get(), "set_events", "il", g_monitoringTool, on ? eventMask(module.get()) : 0L));
+    PyObjectPtr done = PyObjectPtr::steal(PyObject_CallMethod(module.get(), "set_events", "il", g_monitoringTool, on ? g_eventMask : 0L));
     if (!done) PyErr_Clear();
 }
 

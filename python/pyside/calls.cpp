@@ -35,17 +35,21 @@ std::optional<HashMap<String, Any>> namedArguments(PyObject* keywords) {
     return named;
 }
 
+// Runs `call` with the interpreter lock let go when the function is a blocking one: other
+// threads run Python meanwhile, and a thread this call waits for may need it too.
+template <class Call>
+Any releasingIfBlocking(bool blocking, Call&& call) {
+    if (!blocking) return call();
+    const GilReleased released;
+    return call();
+}
+
 // Invokes with the arguments as they are: a function's cell is called in place (no copy of the
 // wrapped value, so no shared count moves); a class is invoked as itself.
 Any invoke(const Any& value, std::span<const Any> arguments) {
     if (value.kind() == Kind::Function) {
         const auto* function = value.cellAs<internal::FunctionCell>();
-        if (function->isBlocking()) {
-            // Other threads run Python meanwhile; a thread this call waits for may need it too.
-            const GilReleased released;
-            return function->call(arguments);
-        }
-        return function->call(arguments);
+        return releasingIfBlocking(function->isBlocking(), [&] { return function->call(arguments); });
     }
     return I_Invokable_Generic(internal::unchecked, value).invokeWith(arguments);
 }
@@ -89,14 +93,7 @@ PyObject* call(PyObject* self, PyObject* arguments, PyObject* keywords) {
         if (!named) return nullptr;
         if (!named->isEmpty()) {
             const I_Invokable_Generic invokable(internal::unchecked, value);
-            Any result;
-            if (invokable.isBlocking()) {
-                const GilReleased released;
-                result = invokable.invokeWith(*named);
-            } else {
-                result = invokable.invokeWith(*named);
-            }
-            return toPythonLocked(result);
+            return toPythonLocked(releasingIfBlocking(invokable.isBlocking(), [&] { return invokable.invokeWith(*named); }));
         }
     }
     return callPositional(value, arguments);
