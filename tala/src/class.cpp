@@ -391,6 +391,21 @@ Union<I_Invokable_Generic, None> raw_method_of(const Any& value, Identifier name
     return None();
 }
 
+namespace internal {
+
+const Any* classMethodInPlace(const Any& value, Identifier name) {
+    const ClassCell* cls = classCellOf(value);
+    const ClassTables& tables = cls->tables();
+    if (tables.reflective[ReflectiveMethod] != nullptr) {
+        if ((cls->flags & class_flags::MembersFirst) == 0) return nullptr;
+    } else if (const ObjectCell* object = objectCellOf(value); object != nullptr && object->ownMembers() != nullptr) {
+        return nullptr;
+    }
+    return tables.methods.find(name.node());
+}
+
+}  // namespace internal
+
 Union<Property, None> property_of(const Any& value, Identifier name) {
     const internal::ClassCell* cls = internal::classCellOf(value);
     if (const Any* reflective = cls->reflective(internal::ReflectiveProperty)) {
@@ -403,11 +418,8 @@ Union<Property, None> property_of(const Any& value, Identifier name) {
 }
 
 Union<I_Invokable_Generic, None> method_of(const Any& value, Identifier name) {
-    const internal::ClassCell* cls = internal::classCellOf(value);
-    if (const Any* reflective = cls->reflective(internal::ReflectiveMethod)) {
-        if (cls->flags & class_flags::MembersFirst) {
-            if (const Any* member = cls->findMethod(name)) return I_Invokable_Generic(internal::unchecked, *member);
-        }
+    if (const Any* member = internal::classMethodInPlace(value, name)) return I_Invokable_Generic(internal::unchecked, *member);
+    if (const Any* reflective = internal::classCellOf(value)->reflective(internal::ReflectiveMethod)) {
         return askReflective<I_Invokable_Generic>(reflective, {value, String(name.text())});
     }
     return raw_method_of(value, name);

@@ -13,8 +13,6 @@
 #include "tala/interfaces.hpp"
 #include "tala/module.hpp"
 
-#include "class_tables.hpp"
-
 namespace tala {
 
 // ---- Calling members through interfaces -----------------------------------------------------
@@ -22,24 +20,6 @@ namespace tala {
 namespace internal {
 
 namespace {
-
-// The function that the class of `target` gives for `name`, read in place from the class's
-// tables, when method_of would answer it too: the class has no reflective look-up and the object
-// no members of its own, or the class's members come before its reflective look-up. Null when
-// the caller must ask method_of. The tables keep their entries for as long as the class lives,
-// and the target keeps its class.
-const FunctionCell* classFunctionOf(const Any& target, Identifier name) {
-    const ClassCell* cls = classCellOf(target);
-    const ClassTables& tables = cls->tables();
-    if (tables.reflective[ReflectiveMethod] != nullptr) {
-        if ((cls->flags & class_flags::MembersFirst) == 0) return nullptr;
-    } else if (const ObjectCell* object = objectCellOf(target); object != nullptr && object->ownMembers() != nullptr) {
-        return nullptr;
-    }
-    const Any* member = tables.methods.find(name.node());
-    if (member == nullptr || member->kind() != Kind::Function) return nullptr;
-    return member->cellAs<FunctionCell>();
-}
 
 // Calls `invoke` with the receiver first, then the arguments (only the arguments for an
 // independent function); on the stack for the few arguments of the interfaces.
@@ -66,7 +46,8 @@ Any callWithReceiver(const Any& target, std::initializer_list<Any> arguments, bo
 Any callMember(const Any& target, Identifier name, std::initializer_list<Any> arguments) {
     // Most calls of an interface reach a function of the receiver's class: call it where it is,
     // without copying it out of the tables.
-    if (const FunctionCell* function = classFunctionOf(target, name)) {
+    if (const Any* member = classMethodInPlace(target, name); member != nullptr && member->kind() == Kind::Function) {
+        const auto* function = member->cellAs<FunctionCell>();
         return callWithReceiver(target, arguments, function->isIndependent(),
                                 [function](std::span<const Any> all) { return function->call(all); });
     }

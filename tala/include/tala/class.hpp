@@ -167,6 +167,12 @@ struct OwnMembers {
 // The class cell of any value (for scalars, the built-in class of their kind).
 const ClassCell* classCellOf(const Any& value) noexcept;
 
+// The method that method_of gives for `name` when it is a member of the value's class, read in
+// place from the class's tables (which keep it while the class lives): no copy, so no shared
+// count moves. Null when something may answer first (a member inserted into the object, the
+// class's own look-up method) or when the class has no such method; method_of then decides.
+const Any* classMethodInPlace(const Any& value, Identifier name);
+
 }  // namespace internal
 
 // A class, as a value (kind 8).
