@@ -3,6 +3,7 @@
 // forever; the others keep the lock.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -72,26 +73,32 @@ TEST_F(BlockingTest, OtherFunctionsKeepTheLockAndBlockingOnesLetItGo) {
 
 TEST_F(BlockingTest, PythonThreadsRunWhileABlockingFunctionWaits) {
     const Watchdog watchdog(std::chrono::seconds(30));
-    // The host function sleeps; a Python thread counts meanwhile. With the lock held for the
-    // whole sleep the thread would count nothing before the join.
+    // A Python thread ticks a host counter; the blocking function counts the ticks made during
+    // its own sleep. With the lock held for the whole sleep there would be none.
+    static std::atomic<std::int64_t> ticks{0};
+    const tala::I_Invokable_Generic tick = tala::native_function([] { ++ticks; }, "tick");
     const tala::I_Invokable_Generic pause = tala::blocking(tala::native_function(
-        [] { std::this_thread::sleep_for(std::chrono::milliseconds(300)); }, "pause"));
-    const Any counted = runWith(
-        "import threading\n"
-        "state = {'count': 0, 'stop': False}\n"
-        "def counter(state):\n"
-        "    while not state['stop']:\n"
-        "        state['count'] += 1\n"
-        "t = threading.Thread(target=counter, args=(state,))\n"
-        "t.start()\n"
-        "before = state['count']\n"
-        "pause()\n"
-        "during = state['count'] - before\n"
-        "state['stop'] = True\n"
-        "t.join()\n"
-        "return during > 1000",
-        "pause", pause);
-    EXPECT_EQ(text(counted), "True");
+        [] {
+            const std::int64_t before = ticks.load();
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            return ticks.load() - before;
+        },
+        "pause"));
+    const HashMap<String, Any> locals{{String("tick"), tick}, {String("pause"), pause}};
+    const Any during = tala::python::evaluate(String("import threading\n"
+                                                     "stop = threading.Event()\n"
+                                                     "def counter():\n"
+                                                     "    while not stop.is_set():\n"
+                                                     "        tick()\n"
+                                                     "t = threading.Thread(target=counter)\n"
+                                                     "t.start()\n"
+                                                     "during = pause()\n"
+                                                     "stop.set()\n"
+                                                     "t.join()\n"
+                                                     "return during"),
+                                              mapArgument(locals), noMap(), noMutableMap());
+    ASSERT_EQ(during.kind(), tala::Kind::Integer) << text(during);
+    EXPECT_GT(during.rawInteger(), 100);
 }
 
 TEST_F(BlockingTest, ABlockingFunctionThatFailsGivesItsErrorToPython) {
