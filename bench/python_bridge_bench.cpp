@@ -229,7 +229,14 @@ void BM_LongListThroughProxyAt(benchmark::State& state) {
     const tala::I_Sequence_Generic sequence(tala::internal::unchecked, proxy);
     for (auto _ : state) {
         std::int64_t sum = 0;
-        for (std::int64_t index = 0; index < kLongListSize; ++index) sum += sequence.at(index).rawInteger();
+        for (std::int64_t index = 0; index < kLongListSize; ++index) {
+            const Any item = sequence.at(index);
+            if (item.kind() != tala::Kind::Integer) {
+                state.SkipWithError("an item was no integer");
+                return;
+            }
+            sum += item.rawInteger();
+        }
         benchmark::DoNotOptimize(sum);
     }
     state.SetItemsProcessed(state.iterations() * kLongListSize);
@@ -243,8 +250,13 @@ void BM_LongListThroughProxyIterNext(benchmark::State& state) {
     const tala::I_Iterable_Generic iterable(tala::internal::unchecked, proxy);
     for (auto _ : state) {
         std::int64_t sum = 0;
+        std::int64_t count = 0;
         const tala::I_Iterator_Generic iterator(tala::internal::unchecked, iterable.iter());
-        for (Any item = iterator.next(); item.kind() == tala::Kind::Integer; item = iterator.next()) sum += item.rawInteger();
+        for (Any item = iterator.next(); item.kind() == tala::Kind::Integer; item = iterator.next(), ++count) sum += item.rawInteger();
+        if (count != kLongListSize) {
+            state.SkipWithError("the iteration ended early");
+            return;
+        }
         benchmark::DoNotOptimize(sum);
     }
     state.SetItemsProcessed(state.iterations() * kLongListSize);

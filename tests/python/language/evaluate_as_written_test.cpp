@@ -16,6 +16,7 @@ using tala::HashMap;
 using tala::Integer;
 using tala::String;
 using tala_language_test::errorMessage;
+using tala_language_test::errorProperty;
 using tala_language_test::LanguageTest;
 using tala_language_test::mapArgument;
 using tala_language_test::MapArgument;
@@ -34,14 +35,6 @@ protected:
         Any result = tala::python::evaluate(String(code), locals, noMap(), outLocals);
         EXPECT_FALSE(pythonErrorPending());
         return result;
-    }
-    // A property of an error value as text, or a marker.
-    static std::string property(const Any& error, const char* name) {
-        auto found = tala::property_of(error, std::string_view(name));
-        if (found.isEmpty()) return "<no property " + std::string(name) + ">";
-        const Any value = tala::resolve(found.as<tala::Property>().get(error));
-        auto asString = String::cast(value);
-        return asString ? asString->toStdString() : "<not text: " + text(value) + ">";
     }
 };
 
@@ -72,14 +65,14 @@ TEST_F(EvaluateAsWrittenTest, RuntimeErrorsNameTheLinesOfTheCodeAsGiven) {
     for (const bool withOutLocals : {false, true}) {
         Map out{{String("count"), Integer(0)}};
         const Any onFirst = run("return {}['k']", noMap(), withOutLocals ? mutableMapArgument(out) : noMutableMap());
-        EXPECT_EQ(property(onFirst, "traceback"),
+        EXPECT_EQ(errorProperty(onFirst, "traceback"),
                   "Traceback (most recent call last):\n"
                   "  File \"<string>\", line 1, in tala_outer\n"
                   "    return {}['k']\n"
                   "           ~~^^^^^\n"
                   "KeyError: 'k'\n");
         const Any onThird = run("count = 1\n\ncount = count / 0\nreturn count", noMap(), withOutLocals ? mutableMapArgument(out) : noMutableMap());
-        EXPECT_EQ(property(onThird, "traceback"),
+        EXPECT_EQ(errorProperty(onThird, "traceback"),
                   "Traceback (most recent call last):\n"
                   "  File \"<string>\", line 3, in tala_outer\n"
                   "    count = count / 0\n"
@@ -98,14 +91,14 @@ TEST_F(EvaluateAsWrittenTest, SyntaxErrorsNameTheLinesOfTheCodeAsGiven) {
         const Any onThird = run("x = 1\ny = 2\nz = 3 +\nreturn x", noMap(), outLocals);
         EXPECT_EQ(errorMessage(onThird),
                   "  File \"<string>\", line 3\n    z = 3 +\n           ^\nSyntaxError: invalid syntax\n");
-        EXPECT_EQ(property(onThird, "exceptionType"), "SyntaxError");
-        EXPECT_EQ(property(onThird, "traceback"), errorMessage(onThird));
+        EXPECT_EQ(errorProperty(onThird, "exceptionType"), "SyntaxError");
+        EXPECT_EQ(errorProperty(onThird, "traceback"), errorMessage(onThird));
     }
 }
 
 TEST_F(EvaluateAsWrittenTest, AFileNameGivenAsDunderFileNamesTheFrames) {
     const Any failed = run("x = 1\nraise ValueError('bad value')", mapArgument(Map{{String("__file__"), String("/scripts/rule.py")}}));
-    const std::string traceback = property(failed, "traceback");
+    const std::string traceback = errorProperty(failed, "traceback");
     EXPECT_NE(traceback.find("  File \"/scripts/rule.py\", line 2, in tala_outer\n    raise ValueError('bad value')\n"),
               std::string::npos)
         << traceback;
@@ -115,10 +108,10 @@ TEST_F(EvaluateAsWrittenTest, AFileNameGivenAsDunderFileNamesTheFrames) {
 // ---- What errors carry -------------------------------------------------------------------------
 
 TEST_F(EvaluateAsWrittenTest, AnErrorCarriesTheQualifiedTypeName) {
-    EXPECT_EQ(property(run("return {}['k']"), "exceptionType"), "KeyError");
-    EXPECT_EQ(property(run("import json\nreturn json.loads('{')"), "exceptionType"), "json.decoder.JSONDecodeError");
+    EXPECT_EQ(errorProperty(run("return {}['k']"), "exceptionType"), "KeyError");
+    EXPECT_EQ(errorProperty(run("import json\nreturn json.loads('{')"), "exceptionType"), "json.decoder.JSONDecodeError");
     // A class the code defines is local to the function the code runs in, as its traceback says.
-    EXPECT_EQ(property(run("class Mine(Exception): pass\nraise Mine('x')"), "exceptionType"), "tala_outer.<locals>.Mine");
+    EXPECT_EQ(errorProperty(run("class Mine(Exception): pass\nraise Mine('x')"), "exceptionType"), "tala_outer.<locals>.Mine");
     // The message stays what it was: the exception's text.
     EXPECT_EQ(errorMessage(run("return {}['k']")), "'k'");
     EXPECT_EQ(errorMessage(run("raise ValueError()")), "");
@@ -126,7 +119,7 @@ TEST_F(EvaluateAsWrittenTest, AnErrorCarriesTheQualifiedTypeName) {
 
 TEST_F(EvaluateAsWrittenTest, ATracebackShowsTheFramesOfFunctionsInTheCode) {
     const Any failed = run("def inner(d):\n    return d['missing']\n\nreturn inner({})");
-    EXPECT_EQ(property(failed, "traceback"),
+    EXPECT_EQ(errorProperty(failed, "traceback"),
               "Traceback (most recent call last):\n"
               "  File \"<string>\", line 4, in tala_outer\n"
               "    return inner({})\n"
@@ -138,8 +131,8 @@ TEST_F(EvaluateAsWrittenTest, ATracebackShowsTheFramesOfFunctionsInTheCode) {
 
 TEST_F(EvaluateAsWrittenTest, ExpressionErrorsCarryTypeAndTraceback) {
     const Any failed = tala::python::evaluate_expr(String("1 / 0"), noMap(), noMap());
-    EXPECT_EQ(property(failed, "exceptionType"), "ZeroDivisionError");
-    EXPECT_EQ(property(failed, "traceback"),
+    EXPECT_EQ(errorProperty(failed, "exceptionType"), "ZeroDivisionError");
+    EXPECT_EQ(errorProperty(failed, "traceback"),
               "Traceback (most recent call last):\n"
               "  File \"<string>\", line 1, in <module>\n"
               "    1 / 0\n"
@@ -172,8 +165,8 @@ TEST_F(EvaluateAsWrittenTest, AHostErrorThatLeavesTheCodeIsItselfAndTellsWhereTh
     EXPECT_EQ(errorMessage(failed), "Out of tea.");
     // ... with the report of where it went through the code; its last line gives the host
     // error's message (the exception's own text is empty).
-    EXPECT_EQ(property(failed, "exceptionType"), "tala.StockError");
-    EXPECT_EQ(property(failed, "traceback"),
+    EXPECT_EQ(errorProperty(failed, "exceptionType"), "tala.StockError");
+    EXPECT_EQ(errorProperty(failed, "traceback"),
               "Traceback (most recent call last):\n"
               "  File \"<string>\", line 4, in tala_outer\n"
               "    order()\n"
@@ -185,8 +178,8 @@ TEST_F(EvaluateAsWrittenTest, AHostErrorThatLeavesTheCodeIsItselfAndTellsWhereTh
     const Any again = run("try:\n    reserve()\nexcept RuntimeError as error:\n    raise", mapArgument(Map{{String("reserve"), reserve}}));
     ASSERT_TRUE(tala::Error::matches(again)) << text(again);
     EXPECT_EQ(tala::Error(tala::internal::unchecked, again).cell(), original.cell());
-    EXPECT_NE(property(again, "traceback").find("line 2, in tala_outer\n    reserve()\n"), std::string::npos)
-        << property(again, "traceback");
+    EXPECT_NE(errorProperty(again, "traceback").find("line 2, in tala_outer\n    reserve()\n"), std::string::npos)
+        << errorProperty(again, "traceback");
 }
 
 }  // namespace

@@ -22,6 +22,7 @@ using tala::String;
 using tala::python::currentThreadId;
 using tala::python::interruptEvaluation;
 using tala_language_test::errorMessage;
+using tala_language_test::errorProperty;
 using tala_language_test::LanguageTest;
 using tala_language_test::mapArgument;
 using tala_language_test::noMap;
@@ -36,6 +37,7 @@ class InterruptionTest : public LanguageTest {};
 // runs; interrupts it once it does and answers what the evaluation gave.
 struct Runner {
     std::atomic<bool> started{false};
+    std::atomic<bool> finished{false};
     std::atomic<std::int64_t> threadId{0};
     Any result;
     std::thread thread;
@@ -45,30 +47,31 @@ struct Runner {
             threadId = currentThreadId();
             const Map locals{{String("started"), tala::native_function([this] { started = true; }, "started")}};
             result = tala::python::evaluate(String(code), mapArgument(locals), noMap(), noMutableMap());
+            finished = true;
         });
     }
-    void waitUntilStarted() {
-        while (!started.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    // Waits until the code runs; false, with the evaluation over, when it ended before it ran.
+    bool waitUntilStarted() {
+        while (!started.load() && !finished.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        if (started.load()) return true;
+        join();
+        return false;
     }
-    void join() { thread.join(); }
+    void join() {
+        if (thread.joinable()) thread.join();
+    }
 };
-
-std::string property(const Any& error, const char* name) {
-    auto found = tala::property_of(error, std::string_view(name));
-    if (found.isEmpty()) return "<none>";
-    return String::cast(found.as<tala::Property>().get(error)).value_or(String("<not text>")).toStdString();
-}
 
 TEST_F(InterruptionTest, ARunawayLoopEndsWithAnInterruptedError) {
     tala_python_test::Watchdog watchdog(std::chrono::seconds(60));
     Runner runner("started()\nwhile True:\n    pass");
-    runner.waitUntilStarted();
+    ASSERT_TRUE(runner.waitUntilStarted()) << text(runner.result);
     EXPECT_TRUE(interruptEvaluation(runner.threadId));
     runner.join();
     EXPECT_EQ(errorMessage(runner.result), "The evaluation was interrupted.");
-    EXPECT_EQ(property(runner.result, "exceptionType"), "tala.python.Interrupted");
+    EXPECT_EQ(errorProperty(runner.result, "exceptionType"), "tala.python.Interrupted");
     // The report shows the code where it stopped, and nothing of the interruption's own making.
-    const std::string traceback = property(runner.result, "traceback");
+    const std::string traceback = errorProperty(runner.result, "traceback");
     EXPECT_EQ(traceback.find("__init__"), std::string::npos) << traceback;
     EXPECT_NE(traceback.find("line 2, in tala_outer\n"), std::string::npos) << traceback;
     EXPECT_TRUE(traceback.ends_with("\ntala.python.Interrupted: The evaluation was interrupted.\n")) << traceback;
@@ -86,10 +89,10 @@ TEST_F(InterruptionTest, CodeThatCatchesTheInterruptionWithABareExceptIsStoppedA
                   "            pass\n"
                   "    except:\n"
                   "        caught += 1\n");
-    runner.waitUntilStarted();
+    ASSERT_TRUE(runner.waitUntilStarted()) << text(runner.result);
     EXPECT_TRUE(interruptEvaluation(runner.threadId));
     runner.join();
-    EXPECT_EQ(property(runner.result, "exceptionType"), "tala.python.Interrupted");
+    EXPECT_EQ(errorProperty(runner.result, "exceptionType"), "tala.python.Interrupted");
 }
 
 TEST_F(InterruptionTest, AFunctionCalledFromTheHostCanBeStoppedToo) {
@@ -152,8 +155,8 @@ TEST_F(InterruptionTest, OnlyTheTargetThreadStops) {
     tala_python_test::Watchdog watchdog(std::chrono::seconds(60));
     Runner target("started()\nwhile True:\n    pass");
     Runner other("started()\ntotal = 0\nfor i in range(3000000):\n    total += 1\nreturn total");
-    target.waitUntilStarted();
-    other.waitUntilStarted();
+    EXPECT_TRUE(target.waitUntilStarted()) << text(target.result);
+    EXPECT_TRUE(other.waitUntilStarted()) << text(other.result);
     EXPECT_TRUE(interruptEvaluation(target.threadId));
     target.join();
     other.join();
@@ -168,7 +171,7 @@ TEST_F(InterruptionTest, LanguagePythonStopsAnEvaluation) {
         return tala::definedMethod(language, tala::Identifier::intern(name)).as<tala::I_Invokable_Generic>();
     };
     Runner runner("started()\nwhile True:\n    pass");
-    runner.waitUntilStarted();
+    ASSERT_TRUE(runner.waitUntilStarted()) << text(runner.result);
     const Any interrupted = method("interrupt")(Integer(runner.threadId));
     runner.join();
     EXPECT_EQ(text(interrupted), "True");

@@ -55,6 +55,16 @@ inline std::string errorMessage(const tala::Any& value) {
     return tala::Error(tala::internal::unchecked, value).message().toStdString();
 }
 
+// A property of an error value (exceptionType, traceback) as text, or a marker that says what
+// there was instead.
+inline std::string errorProperty(const tala::Any& error, const char* name) {
+    auto found = tala::property_of(error, std::string_view(name));
+    if (found.isEmpty()) return "<no property " + std::string(name) + ">";
+    const tala::Any value = tala::resolve(found.as<tala::Property>().get(error));
+    auto asString = tala::String::cast(value);
+    return asString ? asString->toStdString() : "<not text: " + text(value) + ">";
+}
+
 // sys.getallocatedblocks(): the number of memory blocks the interpreter's own allocator holds
 // (0 when Python allocates with the system's malloc).
 inline std::int64_t allocatedBlocks() {

@@ -17,6 +17,7 @@ using tala::String;
 using tala::python::testing::cachedProgramBytes;
 using tala::python::testing::cachedPrograms;
 using tala::python::testing::programCompilations;
+using tala_language_test::errorProperty;
 using tala_language_test::LanguageTest;
 using tala_language_test::mapArgument;
 using tala_language_test::mutableMapArgument;
@@ -94,9 +95,7 @@ TEST_F(ProgramCacheTest, ATracebackOfACachedEvaluationHasTheRightLines) {
     for (int round = 0; round < 3; ++round) {
         const Any failed = run("total = 0\nfor item in items:\n    total += item['price']\nreturn total",
                                Map{{String("items"), tala::List<Any>{HashMap<String, Any>{{String("cost"), Integer(1)}}}}});
-        auto traceback = tala::property_of(failed, std::string_view("traceback"));
-        ASSERT_FALSE(traceback.isEmpty());
-        const std::string shown = String::cast(traceback.as<tala::Property>().get(failed)).value_or(String()).toStdString();
+        const std::string shown = errorProperty(failed, "traceback");
         EXPECT_NE(shown.find("line 3, in tala_outer"), std::string::npos) << shown;
         EXPECT_NE(shown.find("total += item['price']"), std::string::npos) << shown;
     }
