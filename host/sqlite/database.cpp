@@ -148,30 +148,6 @@ String displayDatabase(const Database& database) {
     return String(cell->connection == nullptr ? "Database({}, closed)" : "Database({})").arg(display(cell->path));
 }
 
-// ---- Methods with an optional last parameter ---------------------------------------------------
-
-// query and execute take their parameters as an optional last argument: the object model's
-// functions have no default values, so the body accepts the call with or without it.
-I_Invokable_Generic statementMethod(const char* name, Any (*operation)(const Database&, const String&, const Any&),
-                                    Type resultType, const char* doc) {
-    return blocking(make_function(
-        String(name),
-        [operation](std::span<const Any> arguments) -> Any {
-            if (arguments.size() != 2 && arguments.size() != 3) {
-                // The receiver is not one of the declared parameters.
-                return internal::wrongArgumentCount(2, arguments.empty() ? 0 : arguments.size() - 1);
-            }
-            auto database = Database::cast(arguments[0]);
-            if (!database) return internal::wrongArgumentType(0, Database::getType(), arguments[0]);
-            auto sql = String::cast(arguments[1]);
-            if (!sql) return internal::wrongArgumentType(1, String::getType(), arguments[1]);
-            return operation(*database, *sql, arguments.size() == 3 ? arguments[2] : Any());
-        },
-        Signature({Parameter{String("sql"), String::getType()}, Parameter{String("parameters"), Type::any().asOptional()}},
-                  std::move(resultType)),
-        false, String(doc)));
-}
-
 Any constructDatabase(std::span<const Any> arguments) {
     if (arguments.size() == 1) {
         if (auto path = String::cast(arguments[0])) return openDatabase(*path);
@@ -196,14 +172,21 @@ Class_Generic buildDatabaseClass() {
                  "database is closed.\".")
             .declaringContext(sqliteModule())
             .constructor(constructDatabase)
-            .method(kQuery, statementMethod("query", query, List<Row>::getType(),
-                                            "Runs one statement and gives its rows, each a Row. Parameters: a "
-                                            "list for \"?\", a map for \":name\", or None when the statement "
-                                            "has none."))
-            .method(kExecute, statementMethod("execute", execute, Integer::getType(),
-                                              "Runs one statement and gives the number of rows it inserted, "
-                                              "changed or deleted (0 for any other statement). Parameters as "
-                                              "for query."))
+            // The parameters may be left out, for a statement that has none.
+            .method(kQuery, blocking(native_function(
+                [](const Database& database, const String& sql, const std::optional<Any>& parameters) {
+                    return Union<List<Row>, Error>(internal::unchecked, query(database, sql, parameters.value_or(Any())));
+                },
+                String("query"), {"sql", "parameters"},
+                "Runs one statement and gives its rows, each a Row. Parameters: a list for \"?\", a map for "
+                "\":name\", or None (or nothing) when the statement has none.", false)))
+            .method(kExecute, blocking(native_function(
+                [](const Database& database, const String& sql, const std::optional<Any>& parameters) {
+                    return Union<Integer, Error>(internal::unchecked, execute(database, sql, parameters.value_or(Any())));
+                },
+                String("execute"), {"sql", "parameters"},
+                "Runs one statement and gives the number of rows it inserted, changed or deleted (0 for any "
+                "other statement). Parameters as for query.", false)))
             .method(kExecuteMany, blocking(native_function(
                 [](const Database& database, const String& sql, const Any& rows) {
                     return Union<Integer, Error>(internal::unchecked, executeMany(database, sql, rows));

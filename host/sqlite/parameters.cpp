@@ -52,16 +52,6 @@ Any collectSequence(const Any& source, std::vector<Any>& into) {
     }
 }
 
-// The value of a key of any map. Maps disagree on `get`: most take the key, some (a Python
-// dictionary's proxy) a key and a default as well; the signature says which.
-Any mapValue(const Any& map, const Any& key) {
-    auto method = method_of(map, Any::$get);
-    if (method.isEmpty()) return Error(String("None method 'get' in: {}.").arg(display(map)));
-    const I_Invokable_Generic get = method.as<I_Invokable_Generic>().boundTo(map);
-    if (get.signature().parameterCount() >= 2) return resolve(get(key, Any()));
-    return resolve(get(key));
-}
-
 Any collectMap(const Any& source, std::vector<std::pair<String, Any>>& into) {
     auto add = [&into](const Any& key, const Any& value) -> Any {
         auto name = String::cast(key);
@@ -81,7 +71,7 @@ Any collectMap(const Any& source, std::vector<std::pair<String, Any>>& into) {
     std::vector<Any> names;
     if (Any collected = collectSequence(keys, names); is_error_result(collected)) return collected;
     for (const Any& key : names) {
-        Any value = mapValue(source, key);
+        Any value = resolve(map.get(key));
         if (is_error_result(value)) return value;
         if (Any added = add(key, value); is_error_result(added)) return added;
     }

@@ -58,8 +58,8 @@ TEST_F(LoaderTest, SignaturesNameTheirParametersAndResults) {
         return tala::I_Invokable_Generic(tala::internal::unchecked, *method).signature().toString().toStdString();
     };
     EXPECT_EQ(signature("open"), "(path: String) -> Database");
-    EXPECT_EQ(signature("query"), "(sql: String, parameters: Optional<Any>) -> List<Row>");
-    EXPECT_EQ(signature("execute"), "(sql: String, parameters: Optional<Any>) -> Integer");
+    EXPECT_EQ(signature("query"), "(sql: String, parameters: Any) -> List<Row>");
+    EXPECT_EQ(signature("execute"), "(sql: String, parameters: Any) -> Integer");
     EXPECT_EQ(signature("executeMany"), "(sql: String, rows: Any) -> Integer");
     EXPECT_EQ(signature("executeScript"), "(sql: String) -> None");
 }
