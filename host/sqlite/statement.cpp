@@ -12,13 +12,15 @@ Any Statement::prepare(sqlite3* connection, std::string_view sql) {
     int code = sqlite3_prepare_v2(connection, sql.data(), static_cast<int>(sql.size()), &statement_, &tail);
     if (code != SQLITE_OK) return connectionError(connection);
     if (statement_ == nullptr) return sqlError(SQLITE_MISUSE, String("The SQL text holds no statement."));
-    // A second statement would silently not run; only blanks and comments may follow.
+    // A second statement would silently not run; only blanks and comments may follow. Whatever
+    // else follows is a second statement, also one that could not be prepared now (it may need
+    // what the first makes).
     const std::string_view rest = sql.substr(static_cast<std::size_t>(tail - sql.data()));
+    if (rest.find_first_not_of(" \t\r\n;") == std::string_view::npos) return Any();
     sqlite3_stmt* next = nullptr;
     code = sqlite3_prepare_v2(connection, rest.data(), static_cast<int>(rest.size()), &next, nullptr);
-    const bool another = next != nullptr;
+    const bool another = code != SQLITE_OK || next != nullptr;
     sqlite3_finalize(next);
-    if (code != SQLITE_OK) return connectionError(connection);
     if (another) {
         return sqlError(SQLITE_MISUSE, String("The SQL text holds more than one statement: run one at a time, or "
                                               "several without parameters with executeScript."));

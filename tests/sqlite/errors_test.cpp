@@ -62,6 +62,14 @@ TEST_F(ErrorsTest, OnlyOneStatementRunsAtATime) {
     EXPECT_EQ(described(call(database, "execute", {String("DELETE FROM products; DROP TABLE products")})),
               "sqlite.SqlError: The SQL text holds more than one statement: run one at a time, or several without "
               "parameters with executeScript. (code 21)");
+    // Also when the second could not be prepared yet, or is no statement at all.
+    EXPECT_EQ(described(call(database, "execute", {String("CREATE TABLE later(a); INSERT INTO later VALUES (1)")})),
+              "sqlite.SqlError: The SQL text holds more than one statement: run one at a time, or several without "
+              "parameters with executeScript. (code 21)");
+    EXPECT_EQ(described(call(database, "query", {String("SELECT 1; garbage")})),
+              "sqlite.SqlError: The SQL text holds more than one statement: run one at a time, or several without "
+              "parameters with executeScript. (code 21)");
+    EXPECT_TRUE(tala::is_error_result(call(database, "query", {String("SELECT * FROM later")})));  // never made
     // Comments and blanks after the statement are no second statement.
     EXPECT_EQ(text(call(database, "execute", {String("DELETE FROM products; -- all of them\n  ")})), "0");
     EXPECT_EQ(described(call(database, "execute", {String("-- nothing")})),
