@@ -80,18 +80,21 @@ Any readInteger(std::int64_t value, const DeclaredType& type) {
     }
 }
 
+// A text that does not read as its declared type comes back as the text it is.
 Any readText(std::string_view text, const DeclaredType& type) {
-    const String plain(text);
     switch (type.kind) {
-        case DeclaredKind::Decimal: return decimalFromText(text, plain);
+        case DeclaredKind::Decimal:
+            if (Union<Decimal, Error> parsed = Decimal::fromString(text); parsed.is<Decimal>()) return parsed;
+            break;
         case DeclaredKind::Date:
             if (auto date = parseDate(text)) return *date;
-            return plain;
+            break;
         case DeclaredKind::DateTime:
             if (auto dateTime = parseDateTime(text)) return *dateTime;
-            return plain;
-        default: return plain;
+            break;
+        default: break;
     }
+    return String(text);
 }
 
 // ---- Parsing dates and times -------------------------------------------------------------------
