@@ -51,17 +51,6 @@ stage() {
     stage_times+=("$(printf '%-24s %5d s' "$name" $(( $(date +%s) - started )))")
 }
 
-run_asan_tests() {
-    export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:strict_string_checks=1:detect_stack_use_after_return=1"
-    export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
-    export LSAN_OPTIONS="suppressions=$TALA_REPO_ROOT/tests/lsan.supp:print_suppressions=0"
-    # Python objects from the system allocator: LeakSanitizer then scans them, and host values that
-    # live Python objects hold are not reported as leaks.
-    export PYTHONMALLOC=malloc
-    run_ctest asan build-asan
-    unset ASAN_OPTIONS UBSAN_OPTIONS LSAN_OPTIONS PYTHONMALLOC
-}
-
 started_all=$(date +%s)
 tala_ensure_packages
 tala_find_python
@@ -70,7 +59,9 @@ stage "build default" tala_configure default
 stage "test default" run_ctest default build
 
 stage "build asan" tala_configure asan
-stage "test asan" run_asan_tests
+# The sanitizers' options and PYTHONMALLOC=malloc (so that LeakSanitizer scans Python objects)
+# come from the test preset.
+stage "test asan" run_ctest asan build-asan
 
 # Each fuzz target runs for a bounded number of inputs (tests/fuzz/CMakeLists.txt); its test
 # prints the input it failed on.
