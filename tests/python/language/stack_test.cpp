@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "extension/stack.hpp"
@@ -27,11 +29,15 @@ using tala_language_test::text;
 
 class StackTest : public LanguageTest {};
 
-// Runs `work` on a new thread with a stack of `kib` KiB.
+// Runs `work` on a new thread with a stack of `kib` KiB. The stack is ours: a size alone could be
+// served by a larger stack that the C library kept from an earlier thread.
 void onThreadWithStack(std::size_t kib, const std::function<void()>& work) {
+    const std::size_t size = kib * 1024 * tala::python::kStackFactor;
+    std::unique_ptr<void, decltype(&std::free)> stack(std::aligned_alloc(16 * 1024, size), &std::free);
+    ASSERT_NE(stack, nullptr);
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
-    ASSERT_EQ(pthread_attr_setstacksize(&attributes, kib * 1024 * tala::python::kStackFactor), 0);
+    ASSERT_EQ(pthread_attr_setstack(&attributes, stack.get(), size), 0);
     auto* copy = new std::function<void()>(work);
     pthread_t thread;
     ASSERT_EQ(pthread_create(&thread, &attributes, [](void* argument) -> void* {

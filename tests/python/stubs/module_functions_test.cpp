@@ -104,6 +104,25 @@ TEST_F(ModuleImportTest, AMissingModuleGivesPythonsModuleNotFoundError) {
     EXPECT_NE(errorMessage(missing), "Unable to find the module: tala_no_such_module.");
 }
 
+TEST_F(ModuleImportTest, AnImportThatGivesNoModuleHasNoDictionaryToSearch) {
+    // An import answers whatever sys.modules holds under the name, here an int.
+    {
+        GilGuard gil;
+        PyObjectPtr five = PyObjectPtr::steal(PyLong_FromLong(5));
+        ASSERT_EQ(PyDict_SetItemString(PyImport_GetModuleDict(), "tala_mf_notmodule", five.get()), 0);
+    }
+    EXPECT_EQ(errorMessage(imported("tala_mf_notmodule.thing")), "Unable to get the module dict: tala_mf_notmodule.");
+    GilGuard gil;
+    ASSERT_EQ(PyDict_DelItemString(PyImport_GetModuleDict(), "tala_mf_notmodule"), 0);
+}
+
+TEST_F(ModuleImportTest, AMissingModuleSaysWhichExceptionItWas) {
+    const Any missing = imported("tala_no_such_module.thing");
+    const auto type = tala::property_of(missing, std::string_view("exceptionType"));
+    ASSERT_FALSE(type.isEmpty());
+    EXPECT_EQ(text(type.as<tala::Property>().get(missing)), "'ModuleNotFoundError'");
+}
+
 // ---- As module functions ------------------------------------------------------------------------
 
 class ModuleFunctionRegistrationTest : public LanguageTest {
