@@ -112,19 +112,11 @@ class TalaSession:
         sys.stderr.flush()
 
     def complete(self, text, state):
-        if state == 0:
-            self.matches = []
-            index = 0
-            while True:
-                match = self.completer.complete(text, index)
-                if match is None:
-                    break
-                self.matches.append(match)
-                index += 1
-        return self.matches[state] if state < len(self.matches) else None
+        return self.completer.complete(text, state)
 
 
-namespace = {name: value for name, value in globals().items() if name not in ('self', 'TalaSession', 'HostCompleter', 'show_host_messages')}
+# The host modules and builtins this program sees; its own names are locals of its function.
+namespace = {name: value for name, value in globals().items() if name != 'self'}
 namespace['__name__'] = '__main__'
 namespace['__builtins__'] = builtins
 return TalaSession(namespace)
@@ -143,12 +135,13 @@ bool pushLine(const Any& session, const std::string& line, bool& leave, int& sta
     const Any more = callSession(session, "push", {String(line)});
     flushPythonOutput();
     if (is_error_result(more)) {
-        if (errorText(more, "exceptionType").value_or(String()) == "SystemExit") {
+        const String type = errorText(more, "exceptionType").value_or(String());
+        if (type == "SystemExit") {
             status = reportFailure(more, false);
             leave = true;
             return false;
         }
-        if (errorText(more, "exceptionType").value_or(String()).view().ends_with("Interrupted")) {
+        if (type.view().ends_with("Interrupted")) {
             std::fputs("KeyboardInterrupt\n", stderr);
         } else {
             (void)reportFailure(more, false);

@@ -49,7 +49,8 @@ shown = read_until(">>> ")
 check("on the tala host" in shown, "the banner is printed", shown)
 
 type_keys("x = 5\r")
-check(read_until(">>> ").endswith(">>> "), "an assignment runs and a new prompt comes", shown)
+shown = read_until(">>> ")
+check(shown.endswith(">>> "), "an assignment runs and a new prompt comes", shown)
 
 type_keys("def add(n):\r")
 shown = read_until("... ")
