@@ -1,6 +1,6 @@
 // tests/stress/first_use_child.cpp: one fresh process whose first use of Python comes from 16
-// threads at the same moment. Exits 0 when every thread got exactly its expected results, 1 with
-// a message when one did not, 2 when the threads did not finish in time.
+// threads at the same moment. Exits 0 when every thread got exactly its expected results, and 1
+// with a message when one did not or when the threads did not finish in time (the watchdog).
 #include <Python.h>
 
 #include <atomic>
