@@ -148,7 +148,13 @@ void describeException(const Error& error, PyObject* exception, const ExceptionO
 }
 
 void describeCarriedException(const Error& error, PyObject* exception, const ExceptionOrigin* origin) {
-    (void)describeTraceback(error, exception, origin);
+    // The exception carries the error (its `tala`): kept by the error, it would close a cycle
+    // through the host that Python's collector cannot see, and neither would ever be freed. The
+    // report is made now, and the exception is let go.
+    const String typeName = qualifiedTypeName(exception);
+    ExceptionRecord record(exception, origin, typeName);
+    (void)insert_property_value(error, kExceptionTypeProperty, typeName);
+    (void)insert_property_value(error, kTracebackProperty, record.text());
 }
 
 PyObject* originalException(const Error& error) {

@@ -182,4 +182,27 @@ TEST_F(EvaluateAsWrittenTest, AHostErrorThatLeavesTheCodeIsItselfAndTellsWhereTh
         << errorProperty(again, "traceback");
 }
 
+// The error keeps its report, not the exception that carried it: the exception refers to the
+// error, so keeping it would make a cycle through the host that Python's collector cannot see.
+TEST_F(EvaluateAsWrittenTest, AHostErrorThatLeavesTheCodeKeepsNoPythonObjectsAlive) {
+    static const tala::Class_Generic errorClass =
+        tala::ClassBuilder("ShelfError").parent(tala::Error::getClass()).build();
+    const tala::I_Invokable_Generic fetch =
+        tala::native_function([]() -> Any { return tala::Error(errorClass, String("Shelf empty.")); }, "fetch");
+    const Map locals{{String("fetch"), fetch}};
+    const char* code = "rows = [[0] * 100 for _ in range(10)]\nfetch()";
+    const char* count = "import gc\ngc.collect()\nreturn len(gc.get_objects())";
+    for (int round = 0; round < 20; ++round) (void)run(code, mapArgument(locals));
+    const Any before = run(count, mapArgument(Map{}));
+    for (int round = 0; round < 200; ++round) {
+        const Any failed = run(code, mapArgument(locals));
+        ASSERT_EQ(errorMessage(failed), "Shelf empty.");
+        ASSERT_NE(errorProperty(failed, "traceback").find("line 2, in tala_outer\n    fetch()\n"), std::string::npos)
+            << errorProperty(failed, "traceback");
+    }
+    const Any after = run(count, mapArgument(Map{}));
+    ASSERT_EQ(before.kind(), tala::Kind::Integer) << text(before);
+    EXPECT_LT(after.rawInteger() - before.rawInteger(), 100) << "objects before: " << text(before) << ", after: " << text(after);
+}
+
 }  // namespace
