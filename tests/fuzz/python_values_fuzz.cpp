@@ -28,6 +28,10 @@ constexpr const char* kKit = R"(
 import datetime, decimal, fractions, math, itertools, collections
 
 LIMIT = 64  # every hostile method raises after this many calls on one object: loops end
+# The wrong-typed answer that is no text: one object for all. CPython 3.13.0 itself keeps a
+# reference to whatever __hash__ returns when that is no int (hash() leaks it), which a fresh
+# object would turn into a leak report that is none of ours.
+WRONG = object()
 
 class Hostile:
     """Protocol methods that misbehave by `mode`: 3 bits a method. 0 behaves, 1 raises, 2 gives
@@ -49,7 +53,7 @@ class Hostile:
         if how == 1:
             raise ValueError('hostile ' + str(slot))
         if how == 2:
-            return 'wrong' if slot % 2 else object()
+            return 'wrong' if slot % 2 else WRONG
         if how == 3:
             return self
         if how == 4:
