@@ -21,10 +21,11 @@ export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:strict_string_checks=1:allo
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 export LSAN_OPTIONS="suppressions=$suppressions:print_suppressions=0"
 
-# Inputs of any length up to 1 KiB from the start: grown slowly from the small seeds, a short run
-# would only ever try programs of a few steps.
+# Inputs grow from the small seeds. Long inputs from the start (-len_control=0) reach further in
+# a short run, but also build values whose comparison takes exponential time in Python itself
+# (tuples of one shared part at every level), which end a run as a timeout now and then.
 start=$(date +%s)
-"$target" -runs="$runs" -max_total_time="$seconds" -timeout=25 -max_len=1024 -len_control=0 -rss_limit_mb=6144 \
+"$target" -runs="$runs" -max_total_time="$seconds" -timeout=25 -max_len=4096 -len_control=20 -rss_limit_mb=6144 \
     -malloc_limit_mb=2048 -detect_leaks=1 -print_final_stats=1 -artifact_prefix="$work/artifacts/" \
     "$work/corpus" "$seeds" >"$log" 2>&1
 status=$?
