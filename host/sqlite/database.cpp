@@ -171,7 +171,7 @@ Class_Generic buildDatabaseClass() {
                  "Every failure is an SqlError; every call on a closed database fails with \"The\n"
                  "database is closed.\".")
             .declaringContext(sqliteModule())
-            .constructor(constructDatabase)
+            .constructor(constructDatabase, {Parameter{String("path"), String::getType()}})
             // The parameters may be left out, for a statement that has none.
             .method(kQuery, blocking(native_function(
                 [](const Database& database, const String& sql, const std::optional<Any>& parameters) {
@@ -229,9 +229,19 @@ Class_Generic buildDatabaseClass() {
         ->addMethod(kOpen, make_function(
                                String("open"),
                                [](std::span<const Any> arguments) -> Any {
-                                   if (arguments.size() != 1) return internal::wrongArgumentCount(1, arguments.size());
+                                   if (arguments.empty()) {
+                                       return ArgumentError(String("open() missing 1 required argument: 'path'"));
+                                   }
+                                   if (arguments.size() != 1) {
+                                       return ArgumentError(String("open() takes 1 argument but {} {} given")
+                                                                .arg(Integer(std::int64_t(arguments.size())),
+                                                                     String(arguments.size() == 1 ? "was" : "were")));
+                                   }
                                    auto path = String::cast(arguments[0]);
-                                   if (!path) return internal::wrongArgumentType(0, String::getType(), arguments[0]);
+                                   if (!path) {
+                                       return internal::wrongArgumentType(String("open"), String("path"), String::getType(),
+                                                                          arguments[0]);
+                                   }
                                    return openDatabase(*path);
                                },
                                Signature({Parameter{String("path"), String::getType()}}, Type(cls)), true,

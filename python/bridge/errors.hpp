@@ -3,6 +3,9 @@
 
 #include <Python.h>
 
+#include <string>
+#include <vector>
+
 #include "bridge/error_details.hpp"
 #include "tala/tala.hpp"
 
@@ -14,9 +17,17 @@ namespace tala::python {
 // class attribute `tala` (None). A borrowed reference that lives as long as the process.
 PyObject* exception_type_for(const Class_Generic& errorClass);
 
+// The builtin Python exceptions that the exception type of a host error class derives from, in
+// order: "RuntimeError" for every one, then "AttributeError" for the object model's missing
+// member and read-only errors, "TypeError" for its argument errors, "IndexError" for its
+// position errors (and for the classes derived from them).
+std::vector<std::string> pythonExceptionBases(const Class_Generic& errorClass);
+
 // Raises a host error in Python (see exception_type_for); the instance carries the wrapped host
 // error in its attribute `tala`. Always leaves an exception set.
 void raise_host_error(const Error& error);
+// The same with another message (the error's own, with the context of where it happened).
+void raise_host_error(const Error& error, const String& message);
 
 // The host error class that stands for a Python exception type: the host class a type was made
 // for, StopIteration for Python's, the host view of any other exception class, and the base

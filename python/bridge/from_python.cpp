@@ -48,13 +48,10 @@ Any fromFloat(PyObject* object) {
     const double value = PyFloat_AsDouble(object);
     if (!std::isnan(value)) {
         double whole = 0.0;
-        if (std::modf(value, &whole) == 0.0) {
-            // Whole numbers (the infinities too) come over as integers; the conversion of values
-            // outside the 64-bit range is the platform's.
-            if (std::isfinite(value) && value >= -9223372036854775808.0 && value < 9223372036854775808.0) {
-                return Integer(static_cast<std::int64_t>(value));
-            }
-            return Integer(value < 0 ? INT64_MIN : INT64_MAX);
+        // Whole numbers come over as integers, when an integer holds them exactly: one beyond
+        // the 64-bit range, or an infinity, stays the float it is.
+        if (std::modf(value, &whole) == 0.0 && value >= -9223372036854775808.0 && value < 9223372036854775808.0) {
+            return Integer(static_cast<std::int64_t>(value));
         }
     }
     return Float(value);

@@ -59,7 +59,16 @@ PyObject* fromObject(const Any& value) {
     }
     switch (value.cellAs<internal::ObjectCell>()->tag()) {
         case internal::NativeTag::Class: {
-            if (PyObject* type = pythonTypeOfClassView(Class_Generic(internal::unchecked, value))) {
+            const Class_Generic cls(internal::unchecked, value);
+            if (PyObject* type = pythonTypeOfClassView(cls)) {
+                Py_IncRef(type);
+                return type;
+            }
+            // An error class is the exception type it is raised as, so that Python code catches,
+            // raises and tests for it by the name it reads (`except sqlite.SqlError`); the type
+            // converts back to the class.
+            if (cls.derivesFrom(Error::getClass())) {
+                PyObject* type = exception_type_for(cls);
                 Py_IncRef(type);
                 return type;
             }

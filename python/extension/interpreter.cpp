@@ -13,6 +13,7 @@
 #endif
 
 #include "extension/gil.hpp"
+#include "language/python_support.hpp"
 #include "extension/sys_path.hpp"
 #include "language/language_python.hpp"
 
@@ -104,6 +105,14 @@ void afterForkInChild() {
 }
 #endif
 
+// help() and pydoc show a host value's documentation (its class's text and members) instead of
+// the wrapper type's page.
+void installHelpForHostValues() {
+    PyObject* install = supportFunction("install_help");
+    PyObjectPtr done = install != nullptr ? PyObjectPtr::steal(PyObject_CallNoArgs(install)) : PyObjectPtr();
+    if (!done) PyErr_Clear();
+}
+
 void installForkHandlers() {
 #if !defined(_WIN32)
     (void)pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
@@ -125,6 +134,7 @@ bool ensurePythonInitialized() {
         (void)PyEval_SaveThread();
         GilGuard gil;
         describeLanguage();
+        installHelpForHostValues();
     }
     // The language class exists whenever the interpreter does, also when someone else started it.
     (void)LanguagePython::getClass();

@@ -2,6 +2,7 @@
 #include "language/python_support.hpp"
 
 #include "extension/gil.hpp"
+#include "pyside/documentation.hpp"
 
 namespace tala::python {
 
@@ -119,6 +120,129 @@ def _fill_lines(summary, exception, codes, lines, seen):
         _fill_lines(inner, part, codes, lines, seen)
 
 
+class _LeftOut:
+    # The default of an optional host parameter: the host is told nothing for it.
+    __slots__ = ()
+
+    def __repr__(self):
+        return '...'
+
+
+_LEFT_OUT = _LeftOut()
+
+
+def make_signature(parameters, result):
+    # A host signature as inspect's: every parameter may be given by position or by name (a
+    # call by name passes names only), optional ones default to `...`; Ellipsis stands for "no
+    # annotation".
+    import inspect
+    Parameter = inspect.Parameter
+    made = []
+    for name, optional, annotation in parameters:
+        if not name.isidentifier() or keyword.iskeyword(name):
+            name += '_'
+        made.append(Parameter(name, Parameter.POSITIONAL_OR_KEYWORD,
+                              default=_LEFT_OUT if optional else Parameter.empty,
+                              annotation=Parameter.empty if annotation is ... else annotation))
+    return inspect.Signature(made, return_annotation=inspect.Signature.empty if result is ... else result)
+
+
+def _indented(text, prefix):
+    return [prefix + line if line else prefix.rstrip() for line in text.splitlines()]
+
+
+def _host_page(description):
+    kind, name, module, doc, signature, methods, statics, properties = description
+    if kind == 'function':
+        return f'function {name}', '\n'.join([f'{name}{signature}', *_indented(doc, '    ')]) + '\n'
+    lines = [f'class {name}', f' |  {name}{signature}', ' |']
+    if doc:
+        lines += _indented(doc, ' |  ') + [' |']
+    sections = [('Methods defined here', methods), ('Static methods defined here', statics)]
+    for index, (heading, members) in enumerate(sections):
+        if not members:
+            continue
+        lines += [f' |  {heading}:', ' |']
+        for method, method_signature, method_doc in members:
+            lines.append(f' |  {method}{method_signature}')
+            lines += _indented(method_doc, ' |      ')
+            lines.append(' |')
+        lines.append(' |  ' + '-' * 70)
+    if properties:
+        lines += [' |  Properties defined here:', ' |']
+        for prop, annotation, prop_doc, writable in properties:
+            shown = '' if annotation is None else (f': {annotation.__name__}' if isinstance(annotation, type) else f': {annotation}')
+            lines.append(f' |  {prop}{shown}' + ('' if writable else '  (read-only)'))
+            lines += _indented(prop_doc, ' |      ')
+            lines.append(' |')
+    while lines and lines[-1] in (' |', ' |  ' + '-' * 70):
+        lines.pop()
+    what = f'class {name}' if kind == 'class' else f'{name} object'
+    return what, '\n'.join(lines) + '\n'
+
+
+def _patch_pydoc(pydoc):
+    original = pydoc.render_doc
+    if getattr(original, '_tala_host_pages', False):
+        return
+
+    def render_doc(thing, title='Python Library Documentation: %s', forceload=0, renderer=None):
+        description = describe_host_value(thing)
+        if description is None:
+            return original(thing, title, forceload, renderer)
+        what, text = _host_page(description)
+        if description[2]:
+            what += f' in module {description[2]}'
+        if isinstance(renderer, pydoc.HTMLDoc):
+            import html
+            text = '<pre>' + html.escape(text) + '</pre>'
+        return title % what + '\n\n' + text
+
+    render_doc._tala_host_pages = True
+    render_doc.__wrapped__ = original
+    render_doc.__doc__ = original.__doc__
+    pydoc.render_doc = render_doc
+
+
+class _PydocHook:
+    # Waits for pydoc's import, so that help() and pydoc show host values with their host
+    # documentation; it leaves the search for modules to the finders after it.
+    @classmethod
+    def find_spec(cls, name, path=None, target=None):
+        if name != 'pydoc':
+            return None
+        import sys
+        import importlib.machinery
+        if cls in sys.meta_path:
+            sys.meta_path.remove(cls)
+        spec = importlib.machinery.PathFinder.find_spec(name, path)
+        if spec is None or spec.loader is None:
+            return spec
+        loader = spec.loader
+
+        class Loader:
+            def create_module(self, spec):
+                return loader.create_module(spec)
+
+            def exec_module(self, module):
+                loader.exec_module(module)
+                _patch_pydoc(module)
+
+            def __getattr__(self, attribute):
+                return getattr(loader, attribute)
+
+        spec.loader = Loader()
+        return spec
+
+
+def install_help():
+    import sys
+    if 'pydoc' in sys.modules:
+        _patch_pydoc(sys.modules['pydoc'])
+    elif _PydocHook not in sys.meta_path:
+        sys.meta_path.insert(0, _PydocHook)
+
+
 def format_exception(exception, program, source, generated_top):
     summary = traceback.TracebackException.from_exception(exception, lookup_lines=False)
     _host_messages(summary, exception, set())
@@ -137,8 +261,10 @@ PyObject* supportNamespace() {
     makeOnce(state, [] {
         PyObjectPtr globals = PyObjectPtr::steal(PyDict_New());
         PyObjectPtr name = PyObjectPtr::steal(PyUnicode_FromString("tala_python_support"));
-        if (!globals || !name || PyDict_SetItemString(globals.get(), "__builtins__", PyEval_GetBuiltins()) < 0 ||
-            PyDict_SetItemString(globals.get(), "__name__", name.get()) < 0) {
+        PyObjectPtr describe = PyObjectPtr::steal(PyCFunction_New(describeHostValueFunction(), nullptr));
+        if (!globals || !name || !describe || PyDict_SetItemString(globals.get(), "__builtins__", PyEval_GetBuiltins()) < 0 ||
+            PyDict_SetItemString(globals.get(), "__name__", name.get()) < 0 ||
+            PyDict_SetItemString(globals.get(), "describe_host_value", describe.get()) < 0) {
             PyErr_Clear();
             return;
         }

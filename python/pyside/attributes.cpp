@@ -8,6 +8,7 @@
 #include "bridge/from_python.hpp"
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
+#include "pyside/documentation.hpp"
 #include "pyside/member_names.hpp"
 #include "pyside/tala_object.hpp"
 
@@ -111,6 +112,7 @@ PyObject* introspect(const Any& value, std::string_view name) {
     if (name == "__bytes__" && I_Convertible::matches(value)) return converted(value, ByteArray::getClass());
     if (name == "__bool__" && I_Convertible::matches(value)) return converted(value, Boolean::getClass());
     if (name == "__dir__") return memberNames(value);
+    if (name == "__signature__" && invokable) return signatureOf(I_Invokable_Generic(internal::unchecked, value));
     if (name == "__text_signature__" && invokable) {
         const String text = I_Invokable_Generic(internal::unchecked, value).signature().toString(Signature::WithNames | Signature::WithResult);
         return toPythonString(text.view());
@@ -191,21 +193,32 @@ PyObject* readAttribute(PyObject* self, PyObject* name) {
 
 // ---- Writes --------------------------------------------------------------------------------
 
-int raiseWithName(const char* format, PyObject* name, const Any& error) {
-    const String message = Error::cast(error) ? Error(internal::unchecked, error).message() : display(error);
-    PyErr_Format(PyExc_RuntimeError, format, name, message.c_str());
+// A failed write: the error's own exception type (RuntimeError for a plain error), with the
+// attribute's name in front of the error's message.
+int raiseWithName(const char* format, std::string_view name, const Any& result) {
+    const Error error = Error::cast(result).value_or(Error(display(result)));
+    std::string message(name);
+    message += ": ";
+    message += error.message().view();
+    if (std::strcmp(format, "%U: %s.") == 0) message += ".";
+    raise_host_error(error, String(message));
+    return -1;
+}
+
+// Errors of the object model's own classes, so that Python code tells them as AttributeError.
+int raiseReadOnly(std::string_view name) {
+    raise_host_error(ReadOnlyError(String("Read-only attribute: {}.").arg(String(name))));
     return -1;
 }
 
 // `del value.name`: a property added to this one object goes; whatever the object's class
 // defines (properties, methods, fields) stays, and saying so is an error.
-int deleteAttribute(const Any& value, PyObject* name, Identifier id) {
+int deleteAttribute(const Any& value, std::string_view name, Identifier id) {
     if (remove_property(value, id)) return 0;
     if (auto property = definedProperty(class_of(value), id); !property.isEmpty() && property.as<Property>().setter().isEmpty()) {
-        PyErr_Format(PyExc_RuntimeError, "Read-only attribute: %U.", name);
-    } else {
-        PyErr_Format(PyExc_RuntimeError, "Unable to delete attribute: %U.", name);
+        return raiseReadOnly(name);
     }
+    raise_host_error(MissingMemberError(String("Unable to delete attribute: {}.").arg(String(name))));
     return -1;
 }
 
@@ -217,35 +230,47 @@ int writeAttribute(PyObject* self, PyObject* name, PyObject* newValue) {
     if (wrapped == nullptr) return PyObject_GenericSetAttr(self, name, newValue);
     const Any value = *wrapped;
     const Identifier id = identifierOf(name, *text);
-    if (newValue == nullptr) return deleteAttribute(value, name, id);
+    if (newValue == nullptr) return deleteAttribute(value, *text, id);
     if (auto found = property_of(value, id); !found.isEmpty()) {
         const Property property = found.as<Property>();
         if (!property.setter().isEmpty()) {
             Any converted = fromPythonLocked(newValue);
             if (PyErr_Occurred() != nullptr) return -1;  // an int beyond 64 bits: nothing is written
             Any result = resolve(property.set(value, converted));
-            if (is_error_result(result)) return raiseWithName("%U: %s.", name, result);
+            if (is_error_result(result)) return raiseWithName("%U: %s.", *text, result);
             return 0;
         }
-        if (!definedProperty(class_of(value), id).isEmpty()) {
-            PyErr_Format(PyExc_RuntimeError, "Read-only attribute: %U.", name);
-            return -1;
-        }
+        if (!definedProperty(class_of(value), id).isEmpty()) return raiseReadOnly(*text);
     }
     Any converted = fromPythonLocked(newValue);
     if (PyErr_Occurred() != nullptr) return -1;
     Any result = definedField(class_of(value), id).isEmpty() ? insert_property_value(value, id, std::move(converted))
                                                             : value.setFieldValue(id, std::move(converted));
     result = resolve(result);
-    if (is_error_result(result)) return raiseWithName("%U: %s", name, result);
+    if (is_error_result(result)) return raiseWithName("%U: %s", *text, result);
     return 0;
+}
+
+// Python's report suggests a name that exists ("Did you mean: 'query'?") from what an
+// AttributeError tells of the look-up that failed.
+void noteMissingAttribute(PyObject* self, PyObject* name) {
+    if (!PyErr_ExceptionMatches(PyExc_AttributeError)) return;
+    PyObject* raised = PyErr_GetRaisedException();
+    PyObjectPtr known = PyObjectPtr::steal(PyObject_GetAttrString(raised, "name"));
+    if (known && known.get() == Py_None) {
+        if (PyObject_SetAttrString(raised, "name", name) < 0 || PyObject_SetAttrString(raised, "obj", self) < 0) PyErr_Clear();
+    }
+    PyErr_Clear();
+    PyErr_SetRaisedException(raised);
 }
 
 }  // namespace
 
 PyObject* attributeReadSlot(PyObject* self, PyObject* name) noexcept {
     try {
-        return readAttribute(self, name);
+        PyObject* found = readAttribute(self, name);
+        if (found == nullptr) noteMissingAttribute(self, name);
+        return found;
     } catch (const std::exception& error) {
         PyErr_SetString(PyExc_RuntimeError, error.what());
         return nullptr;

@@ -1,5 +1,7 @@
 // python/pyside/operators.cpp: Python protocols (numbers, sequences, mappings, iteration, hashing, text, comparison) on wrapped host values.
+#include <algorithm>
 #include <string_view>
+#include <vector>
 
 #include "bridge/errors.hpp"
 #include "bridge/from_python.hpp"
@@ -26,9 +28,11 @@ Result guarded(Result failure, F&& body) noexcept {
     }
 }
 
+// A host error raises its own exception type (RuntimeError for a plain error), so that an index
+// out of range is also Python's IndexError and a wrong argument its TypeError.
 bool raiseIfError(const Any& result) {
     if (auto error = Error::cast(result)) {
-        PyErr_SetString(PyExc_RuntimeError, error->message().c_str());
+        raise_host_error(*error);
         return true;
     }
     return false;
@@ -177,6 +181,16 @@ void raiseKeyError(const Any& key) {
     PyErr_SetObject(PyExc_KeyError, text.get());
 }
 
+// A key that is no position, for a value that is no map: a mapping kind of class misses the key;
+// a plain sequence refuses it as Python's sequences do.
+void refuseKey(const Any& value, PyObject* keyObject, const Any& key) {
+    if (class_of(value).hasFlag(class_flags::Mapping)) {
+        raiseKeyError(key);
+    } else {
+        PyErr_Format(PyExc_TypeError, "sequence index must be integer, not '%.200s'", Py_TYPE(keyObject)->tp_name);
+    }
+}
+
 // The answer of a map's `get` or `remove`: an error of the plain kind that maps give for a key
 // they lack is Python's KeyError with the key's display text; an error of any other class keeps
 // its own exception type. Answers whether the caller may go on.
@@ -191,10 +205,119 @@ bool acceptMapAnswer(const Any& answer, const Any& key) {
     return false;
 }
 
+// ---- Positions and slices of sequences --------------------------------------------------------
+
+std::optional<Py_ssize_t> sequenceLength(const Any& value) {
+    Any result = resolve(internal::readMember(value, Any::$$length));
+    if (raiseIfError(result)) return std::nullopt;
+    if (result.kind() != Kind::Integer) {
+        PyErr_SetString(PyExc_RuntimeError, "The length is not an integer.");
+        return std::nullopt;
+    }
+    return static_cast<Py_ssize_t>(result.rawInteger());
+}
+
+// A position as Python counts it: a negative one from the end. Positions the sequence does not
+// have stay as they are, for the sequence to refuse.
+std::optional<std::int64_t> position(const Any& value, std::int64_t index) {
+    if (index >= 0) return index;
+    auto length = sequenceLength(value);
+    if (!length) return std::nullopt;
+    return index + *length;
+}
+
+struct SliceRange {
+    Py_ssize_t start = 0;
+    Py_ssize_t step = 1;
+    Py_ssize_t count = 0;
+    Py_ssize_t at(Py_ssize_t i) const { return start + i * step; }
+};
+
+std::optional<SliceRange> sliceRange(const Any& value, PyObject* slice) {
+    SliceRange range;
+    Py_ssize_t stop = 0;
+    if (PySlice_Unpack(slice, &range.start, &stop, &range.step) < 0) return std::nullopt;
+    auto length = sequenceLength(value);
+    if (!length) return std::nullopt;
+    range.count = PySlice_AdjustIndices(*length, &range.start, &stop, range.step);
+    return range;
+}
+
+// value[start:stop:step]: a new host list of those elements, announced as the source's are.
+PyObject* sliceOf(const Any& value, PyObject* slice) {
+    auto range = sliceRange(value, slice);
+    if (!range) return nullptr;
+    if (auto list = List_Generic::cast(value)) return toPythonLocked(list->slice(range->start, range->step, range->count));
+    List<Any> result;
+    result.reserve(static_cast<std::size_t>(range->count));
+    for (Py_ssize_t i = 0; i < range->count; ++i) {
+        Any item = resolve(internal::callMember(value, Any::$at, {Integer(range->at(i))}));
+        if (raiseIfError(item)) return nullptr;
+        result.append(std::move(item));
+    }
+    return toPythonLocked(result);
+}
+
+// del value[start:stop:step]: the elements go, the last first.
+int deleteSlice(const Any& value, PyObject* slice) {
+    auto range = sliceRange(value, slice);
+    if (!range) return -1;
+    if (range->step == 1) {
+        if (range->count == 0) return 0;
+        return raiseIfError(resolve(internal::callMember(value, Any::$removeAt, {Integer(range->start), Integer(range->count)})))
+                   ? -1 : 0;
+    }
+    std::vector<Py_ssize_t> positions;
+    for (Py_ssize_t i = 0; i < range->count; ++i) positions.push_back(range->at(i));
+    std::sort(positions.rbegin(), positions.rend());
+    for (Py_ssize_t at : positions) {
+        if (raiseIfError(resolve(internal::callMember(value, Any::$removeAt, {Integer(at), Integer(1)})))) return -1;
+    }
+    return 0;
+}
+
+// value[start:stop:step] = items, with Python's rules: a simple slice takes any number of
+// items in place of its own; an extended one exactly as many as it has.
+int assignSlice(const Any& value, PyObject* slice, PyObject* newValue) {
+    auto range = sliceRange(value, slice);
+    if (!range) return -1;
+    PyObjectPtr items = PyObjectPtr::steal(PySequence_Fast(newValue, "can only assign an iterable"));
+    if (!items) return -1;
+    const Py_ssize_t given = PySequence_Fast_GET_SIZE(items.get());
+    std::vector<Any> converted;
+    converted.reserve(static_cast<std::size_t>(given));
+    for (Py_ssize_t i = 0; i < given; ++i) {
+        converted.push_back(fromPythonLocked(PySequence_Fast_GET_ITEM(items.get(), i)));
+        if (PyErr_Occurred() != nullptr) return -1;
+    }
+    if (range->step != 1) {
+        if (given != range->count) {
+            PyErr_Format(PyExc_ValueError, "attempt to assign sequence of size %zd to extended slice of size %zd", given,
+                         range->count);
+            return -1;
+        }
+        for (Py_ssize_t i = 0; i < given; ++i) {
+            if (raiseIfError(resolve(internal::callMember(value, Any::$set, {Integer(range->at(i)), converted[i]})))) return -1;
+        }
+        return 0;
+    }
+    if (range->count > 0 &&
+        raiseIfError(resolve(internal::callMember(value, Any::$removeAt, {Integer(range->start), Integer(range->count)})))) {
+        return -1;
+    }
+    for (Py_ssize_t i = 0; i < given; ++i) {
+        if (raiseIfError(resolve(internal::callMember(value, Any::$appendAt, {Integer(range->start + i), converted[i]})))) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
 PyObject* subscript(PyObject* self, PyObject* keyObject) {
     GilGuard gil;
     auto value = operand(self);
     if (!value) Py_RETURN_NONE;
+    if (PySlice_Check(keyObject) && I_Sequence_Generic::matches(*value)) return sliceOf(*value, keyObject);
     Any key = fromPythonLocked(keyObject);
     if (PyErr_Occurred() != nullptr) return nullptr;
     if (I_Map_Generic::matches(*value)) {
@@ -208,10 +331,12 @@ PyObject* subscript(PyObject* self, PyObject* keyObject) {
         return toPythonLocked(result);
     }
     if (key.kind() != Kind::Integer) {
-        raiseKeyError(key);
+        refuseKey(*value, keyObject, key);
         return nullptr;
     }
-    Any result = resolve(internal::callMember(*value, Any::$at, {key}));
+    auto at = position(*value, key.rawInteger());
+    if (!at) return nullptr;
+    Any result = resolve(internal::callMember(*value, Any::$at, {Integer(*at)}));
     if (raiseIfError(result)) return nullptr;
     return toPythonLocked(result);
 }
@@ -220,6 +345,9 @@ int assignSubscript(PyObject* self, PyObject* keyObject, PyObject* newValue) {
     GilGuard gil;
     auto value = operand(self);
     if (!value) return 0;
+    if (PySlice_Check(keyObject) && I_Sequence_Generic::matches(*value)) {
+        return newValue == nullptr ? deleteSlice(*value, keyObject) : assignSlice(*value, keyObject, newValue);
+    }
     Any key = fromPythonLocked(keyObject);
     if (PyErr_Occurred() != nullptr) return -1;
     Any result;
@@ -232,12 +360,24 @@ int assignSubscript(PyObject* self, PyObject* keyObject, PyObject* newValue) {
             if (PyErr_Occurred() != nullptr) return -1;
             result = resolve(internal::callMember(*value, Any::$set, {key, converted}));
         }
-    } else if (newValue == nullptr) {
-        result = resolve(removeAt(*value, key));
     } else {
-        Any converted = fromPythonLocked(newValue);
-        if (PyErr_Occurred() != nullptr) return -1;
-        result = resolve(internal::callMember(*value, Any::$set, {key, converted}));
+        if (key.kind() != Kind::Integer && !class_of(*value).hasFlag(class_flags::Mapping) &&
+            I_Sequence_Generic::matches(*value)) {
+            refuseKey(*value, keyObject, key);
+            return -1;
+        }
+        if (key.kind() == Kind::Integer) {
+            auto at = position(*value, key.rawInteger());
+            if (!at) return -1;
+            key = Integer(*at);
+        }
+        if (newValue == nullptr) {
+            result = resolve(removeAt(*value, key));
+        } else {
+            Any converted = fromPythonLocked(newValue);
+            if (PyErr_Occurred() != nullptr) return -1;
+            result = resolve(internal::callMember(*value, Any::$set, {key, converted}));
+        }
     }
     return raiseIfError(result) ? -1 : 0;
 }

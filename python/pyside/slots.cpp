@@ -32,8 +32,11 @@ PyObject* reprSlot(PyObject* self) noexcept {
 }
 
 // A method table entry is descriptive only: reads of methods are answered by the attribute
-// slot before Python's generic look-up, so this function is never reached that way.
-PyObject* placeholderMethod(PyObject*, PyObject*) { return nullptr; }
+// slot before Python's generic look-up, so only a call through the type reaches this.
+PyObject* placeholderMethod(PyObject*, PyObject*) {
+    PyErr_SetString(PyExc_TypeError, "A host method is called through its object: value.method(...).");
+    return nullptr;
+}
 
 // The getter and setter of a per-class type's property entry; the closure is the property's
 // name, kept for the life of the process with the type.
@@ -68,7 +71,7 @@ int getsetSetter(PyObject* self, PyObject* newValue, void* closure) {
     if (PyErr_Occurred() != nullptr) return -1;  // an int beyond 64 bits: nothing is written
     Any result = resolve(property.as<Property>().set(value, converted));
     if (auto error = Error::cast(result)) {
-        PyErr_Format(PyExc_RuntimeError, "%s", error->message().c_str());
+        raise_host_error(*error);
         return -1;
     }
     return 0;
@@ -85,7 +88,7 @@ void fillCommonSlots(PyTypeObject& type) {
 
 void fillCallSlot(PyTypeObject& type) { type.tp_call = callSlot; }
 
-void fillDescriptiveTables(PyTypeObject& type, const Class_Generic& cls) {
+DescriptiveTables describeClass(const Class_Generic& cls) {
     std::vector<PyMethodDef> methods;
     for (const auto& [name, member] : definedMethods(cls)) {
         if (name.startsWith("_")) continue;
@@ -95,6 +98,7 @@ void fillDescriptiveTables(PyTypeObject& type, const Class_Generic& cls) {
         if (const String text = method.doc(); !text.isEmpty()) doc << "\n\n" << text;
         methods.push_back(PyMethodDef{copyToMalloc(name.view()), placeholderMethod, METH_VARARGS, copyToMalloc(doc.view())});
     }
+    appendStatementMethods(methods, cls);
     methods.push_back(PyMethodDef{nullptr, nullptr, 0, nullptr});
     std::vector<PyGetSetDef> properties;
     for (const auto& [name, member] : definedProperties(cls)) {
@@ -106,11 +110,11 @@ void fillDescriptiveTables(PyTypeObject& type, const Class_Generic& cls) {
     }
     properties.push_back(PyGetSetDef{nullptr, nullptr, nullptr, nullptr, nullptr});
     // The tables live as long as the type: for ever.
-    type.tp_methods = static_cast<PyMethodDef*>(std::calloc(methods.size(), sizeof(PyMethodDef)));
-    std::memcpy(type.tp_methods, methods.data(), methods.size() * sizeof(PyMethodDef));
-    type.tp_getset = static_cast<PyGetSetDef*>(std::calloc(properties.size(), sizeof(PyGetSetDef)));
-    std::memcpy(type.tp_getset, properties.data(), properties.size() * sizeof(PyGetSetDef));
+    DescriptiveTables tables{static_cast<PyMethodDef*>(std::calloc(methods.size(), sizeof(PyMethodDef))),
+                             static_cast<PyGetSetDef*>(std::calloc(properties.size(), sizeof(PyGetSetDef)))};
+    std::memcpy(tables.methods, methods.data(), methods.size() * sizeof(PyMethodDef));
+    std::memcpy(tables.properties, properties.data(), properties.size() * sizeof(PyGetSetDef));
+    return tables;
 }
-
 
 }  // namespace tala::python

@@ -3,6 +3,8 @@
 
 #include <Python.h>
 
+#include <vector>
+
 #include "tala/tala.hpp"
 
 namespace tala::python {
@@ -19,7 +21,18 @@ void fillSetLikeSequenceSlots(PySequenceMethods& table);
 void fillFullSequenceSlots(PySequenceMethods& table);
 void fillMappingSlots(PyMappingMethods& table);
 // The method and property tables of a per-class type, listing the class's public members for
-// Python's introspection.
-void fillDescriptiveTables(PyTypeObject& type, const Class_Generic& cls);
+// Python's introspection, and the protocol methods the class defines (`with` blocks). Both
+// tables end with an all-zero entry and live for ever.
+struct DescriptiveTables {
+    PyMethodDef* methods;
+    PyGetSetDef* properties;
+};
+DescriptiveTables describeClass(const Class_Generic& cls);
+// The methods every wrapper type has (protocols.cpp): type tests of wrapped classes, member
+// names, copies. The table lives for ever.
+PyMethodDef* commonMethods();
+// The protocol methods a host class defines for Python's statements, added to its type
+// (protocols.cpp): `__enter__` and `__exit__` for `with`.
+void appendStatementMethods(std::vector<PyMethodDef>& methods, const Class_Generic& cls);
 
 }  // namespace tala::python

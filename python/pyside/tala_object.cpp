@@ -3,10 +3,13 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
+#include "bridge/module_attribute.hpp"
 #include "extension/gil.hpp"
 #include "pyside/slots.hpp"
 
@@ -16,101 +19,226 @@ const char* const kTalaObjectTypeName = ">TalaObject";
 
 namespace {
 
-// ---- Slot tables, each built once and shared by every type that uses it ---------------------
-
-PyNumberMethods* numberTable() {
-    static PyNumberMethods* table = [] {
-        auto* methods = static_cast<PyNumberMethods*>(std::calloc(1, sizeof(PyNumberMethods)));
-        fillNumberSlots(*methods);
-        return methods;
-    }();
-    return table;
-}
+// ---- What a type carries ------------------------------------------------------------------
 
 enum class SequenceTable { Minimal, SetLike, Full };
 
-PySequenceMethods* sequenceTable(SequenceTable which) {
-    static PySequenceMethods* tables[3] = {};
-    static std::once_flag built;
-    std::call_once(built, [] {
-        for (int kind = 0; kind < 3; ++kind) {
-            tables[kind] = static_cast<PySequenceMethods*>(std::calloc(1, sizeof(PySequenceMethods)));
-        }
-        fillMinimalSequenceSlots(*tables[0]);
-        fillSetLikeSequenceSlots(*tables[1]);
-        fillFullSequenceSlots(*tables[2]);
-    });
-    return tables[static_cast<int>(which)];
+// The protocol tables of a wrapper type, chosen by its class's kind flags.
+struct Shape {
+    SequenceTable sequence = SequenceTable::Minimal;
+    bool mapping = false;
+    bool callable = false;
+};
+
+// The collections.abc class a wrapper type is registered with, by the interfaces its class
+// implements, so that isinstance(rows, collections.abc.Sequence) tells what the value can do.
+enum class Protocol { None, Sequence, MutableSequence, Mapping, MutableMapping, Set, MutableSet };
+
+Protocol protocolOf(const Class_Generic& cls) {
+    if (cls.derivesFrom(I_MutableMap_Generic::getClass())) return Protocol::MutableMapping;
+    if (cls.derivesFrom(I_Map_Generic::getClass())) return Protocol::Mapping;
+    if (cls.derivesFrom(I_MutableSet_Generic::getClass())) return Protocol::MutableSet;
+    if (cls.derivesFrom(I_Set_Generic::getClass())) return Protocol::Set;
+    if (cls.derivesFrom(I_MutableSequence_Generic::getClass())) return Protocol::MutableSequence;
+    if (cls.derivesFrom(I_Sequence_Generic::getClass())) return Protocol::Sequence;
+    return Protocol::None;
 }
 
-PyMappingMethods* mappingTable() {
-    static PyMappingMethods* table = [] {
-        auto* methods = static_cast<PyMappingMethods*>(std::calloc(1, sizeof(PyMappingMethods)));
-        fillMappingSlots(*methods);
-        return methods;
-    }();
-    return table;
+const char* abcName(Protocol protocol) {
+    switch (protocol) {
+        case Protocol::Sequence: return "Sequence";
+        case Protocol::MutableSequence: return "MutableSequence";
+        case Protocol::Mapping: return "Mapping";
+        case Protocol::MutableMapping: return "MutableMapping";
+        case Protocol::Set: return "Set";
+        case Protocol::MutableSet: return "MutableSet";
+        case Protocol::None: break;
+    }
+    return nullptr;
 }
 
-// ---- Types ------------------------------------------------------------------------------------
+// The flag by which `match` statements tell sequences from mappings.
+unsigned long matchFlag(Protocol protocol) {
+    switch (protocol) {
+        case Protocol::Sequence:
+        case Protocol::MutableSequence: return Py_TPFLAGS_SEQUENCE;
+        case Protocol::Mapping:
+        case Protocol::MutableMapping: return Py_TPFLAGS_MAPPING;
+        default: return 0;
+    }
+}
+
+// ---- Building a type from its slots ------------------------------------------------------------
 
 void destroy(PyObject* self) {
     // Dropping the host value may run any host code (its last reference may go), so take the
     // lock again even though the caller holds it.
     GilGuard gil;
     auto* wrapper = reinterpret_cast<TalaObject*>(self);
+    PyTypeObject* type = Py_TYPE(self);
     delete wrapper->value;
     wrapper->value = nullptr;
     PyObject_Free(self);
+    Py_DecRef(reinterpret_cast<PyObject*>(type));  // every instance holds its (heap) type
 }
 
-// A zero-filled static type object, never freed. Unset fields are filled by PyType_Ready.
-PyTypeObject* allocateType(const char* name, const char* doc) {
-    auto* type = static_cast<PyTypeObject*>(std::calloc(1, sizeof(PyTypeObject)));
-    type->tp_name = name;
-    type->tp_basicsize = sizeof(TalaObject);
-    type->tp_itemsize = 0;
-    type->tp_dealloc = destroy;
-    type->tp_as_number = numberTable();
-    type->tp_flags = 0;  // no base type, no cycle collection, no heap type
-    type->tp_doc = doc;
-    fillCommonSlots(*type);
-    return type;
+// The slots of one type, gathered for its spec. The tables are filled by the functions that
+// own the slots (slots.cpp, operators.cpp) and read back here field by field.
+class SlotList {
+public:
+    void add(int id, void* function) {
+        if (function != nullptr) slots_.push_back(PyType_Slot{id, function});
+    }
+    template <class Function>
+    void add(int id, Function* function) {
+        add(id, reinterpret_cast<void*>(function));
+    }
+    PyType_Slot* finish() {
+        slots_.push_back(PyType_Slot{0, nullptr});
+        return slots_.data();
+    }
+
+private:
+    std::vector<PyType_Slot> slots_;
+};
+
+void addCommonSlots(SlotList& slots) {
+    PyTypeObject common{};
+    fillCommonSlots(common);
+    slots.add(Py_tp_dealloc, destroy);
+    slots.add(Py_tp_repr, common.tp_repr);
+    slots.add(Py_tp_str, common.tp_str);
+    slots.add(Py_tp_hash, common.tp_hash);
+    slots.add(Py_tp_getattro, common.tp_getattro);
+    slots.add(Py_tp_setattro, common.tp_setattro);
+    slots.add(Py_tp_richcompare, common.tp_richcompare);
+    slots.add(Py_tp_iter, common.tp_iter);
+    slots.add(Py_tp_iternext, common.tp_iternext);
+    PyNumberMethods number{};
+    fillNumberSlots(number);
+    slots.add(Py_nb_subtract, number.nb_subtract);
+    slots.add(Py_nb_inplace_subtract, number.nb_inplace_subtract);
+    slots.add(Py_nb_true_divide, number.nb_true_divide);
+    slots.add(Py_nb_inplace_true_divide, number.nb_inplace_true_divide);
 }
+
+void addShapeSlots(SlotList& slots, const Shape& shape) {
+    PySequenceMethods sequence{};
+    switch (shape.sequence) {
+        case SequenceTable::Minimal: fillMinimalSequenceSlots(sequence); break;
+        case SequenceTable::SetLike: fillSetLikeSequenceSlots(sequence); break;
+        case SequenceTable::Full: fillFullSequenceSlots(sequence); break;
+    }
+    slots.add(Py_sq_length, sequence.sq_length);
+    slots.add(Py_sq_concat, sequence.sq_concat);
+    slots.add(Py_sq_repeat, sequence.sq_repeat);
+    slots.add(Py_sq_item, sequence.sq_item);
+    slots.add(Py_sq_ass_item, sequence.sq_ass_item);
+    slots.add(Py_sq_contains, sequence.sq_contains);
+    slots.add(Py_sq_inplace_concat, sequence.sq_inplace_concat);
+    slots.add(Py_sq_inplace_repeat, sequence.sq_inplace_repeat);
+    // A full sequence also takes subscripts through the mapping slots: Python hands slices and
+    // negative positions only to those.
+    if (shape.mapping || shape.sequence == SequenceTable::Full) {
+        PyMappingMethods mapping{};
+        fillMappingSlots(mapping);
+        slots.add(Py_mp_length, mapping.mp_length);
+        slots.add(Py_mp_subscript, mapping.mp_subscript);
+        slots.add(Py_mp_ass_subscript, mapping.mp_ass_subscript);
+    }
+    if (shape.callable) {
+        PyTypeObject call{};
+        fillCallSlot(call);
+        slots.add(Py_tp_call, call.tp_call);
+    }
+}
+
+// Registers the type with its collections.abc class. A failure leaves the type unregistered,
+// nothing more.
+void registerProtocol(PyTypeObject* type, Protocol protocol) {
+    const char* name = abcName(protocol);
+    if (name == nullptr) return;
+    PyObject* abc = moduleAttribute("collections.abc", name);
+    if (abc == nullptr) return;
+    PyObjectPtr registered = PyObjectPtr::steal(PyObject_CallMethod(abc, "register", "O", type));
+    if (!registered) PyErr_Clear();
+}
+
+// Types are heap types made from specs; nobody may change or subclass them, nor make instances
+// but the conversion. The type's `__name__` is the spec's text after its last dot (the host
+// class's name), while `tp_name`, which Python's own messages print, is set to `typeName`.
+PyTypeObject* makeType(const std::string& specName, const char* typeName, const char* doc, SlotList& slots,
+                       PyMethodDef* methods, PyGetSetDef* properties, PyTypeObject* base, Protocol protocol) {
+    slots.add(Py_tp_doc, const_cast<char*>(doc));
+    slots.add(Py_tp_methods, methods);
+    slots.add(Py_tp_getset, properties);
+    PyType_Spec spec{specName.c_str(), static_cast<int>(sizeof(TalaObject)), 0,
+                     static_cast<unsigned int>(Py_TPFLAGS_DEFAULT | Py_TPFLAGS_IMMUTABLETYPE |
+                                               Py_TPFLAGS_DISALLOW_INSTANTIATION | matchFlag(protocol)),
+                     slots.finish()};
+    PyObjectPtr bases = base != nullptr ? PyObjectPtr::steal(PyTuple_Pack(1, base)) : PyObjectPtr();
+    // A base takes new subtypes only while it says so: for the moment of this creation, under
+    // the interpreter lock, so that Python code can never derive from a wrapper type.
+    if (base != nullptr) base->tp_flags |= Py_TPFLAGS_BASETYPE;
+    auto* type = reinterpret_cast<PyTypeObject*>(PyType_FromMetaclass(nullptr, nullptr, &spec, bases.get()));
+    if (base != nullptr) base->tp_flags &= ~Py_TPFLAGS_BASETYPE;
+    if (type == nullptr) {
+        // Out of memory, or a broken name: the generic minimal shape is no answer either, so
+        // stop with context rather than hand out a null type.
+        PyErr_Print();
+        std::fprintf(stderr, "tala: cannot make the Python wrapper type '%s'.\n", specName.c_str());
+        std::abort();
+    }
+    type->tp_name = typeName;
+    registerProtocol(type, protocol);
+    return type;  // kept for ever: the one reference is the process's
+}
+
+// ---- Generic types -------------------------------------------------------------------------
 
 constexpr const char* kGenericDoc = "Wrapper around of a Tala object";
 
-PyTypeObject* buildGenericType(PySequenceMethods* sequence, PyMappingMethods* mapping, bool callable) {
-    PyTypeObject* type = allocateType(kTalaObjectTypeName, kGenericDoc);
-    type->tp_as_sequence = sequence;
-    type->tp_as_mapping = mapping;
-    if (callable) fillCallSlot(*type);
-    Py_SET_REFCNT(reinterpret_cast<PyObject*>(type), 2);  // never released
-    (void)PyType_Ready(type);
-    PyErr_Clear();
+Shape genericShape(int which) {
+    switch (which) {
+        case 0: return Shape{SequenceTable::Minimal, false, true};
+        case 1: return Shape{SequenceTable::Minimal, false, false};
+        case 2: return Shape{SequenceTable::Full, false, false};
+        case 3: return Shape{SequenceTable::SetLike, true, false};
+        default: return Shape{SequenceTable::Full, true, false};
+    }
+}
+
+// The generic types: one per shape and protocol, all named ">TalaObject", made on first need
+// and kept for ever. Guarded by `lock`; the caller holds the interpreter lock.
+struct GenericTypes {
+    spinlock lock;
+    std::map<std::pair<int, Protocol>, PyTypeObject*> types;
+};
+
+GenericTypes& genericTypes() {
+    static auto* table = new GenericTypes();
+    return *table;
+}
+
+PyTypeObject* genericType(int which, Protocol protocol) {
+    GenericTypes& table = genericTypes();
+    const std::unique_lock<spinlock> lock = lockReleasingGil(table.lock);
+    const auto key = std::make_pair(which, protocol);
+    if (auto found = table.types.find(key); found != table.types.end()) return found->second;
+    SlotList slots;
+    addCommonSlots(slots);
+    addShapeSlots(slots, genericShape(which));
+    // "builtins.": the types belong to no module, as Python's own types; their name is the
+    // spec's text after the dot.
+    PyTypeObject* type = makeType(std::string("builtins.") + kTalaObjectTypeName, kTalaObjectTypeName, kGenericDoc, slots,
+                                  commonMethods(), nullptr, nullptr, protocol);
+    table.types.emplace(key, type);
     return type;
 }
 
-PyTypeObject* genericCallableType() {
-    static PyTypeObject* type = buildGenericType(sequenceTable(SequenceTable::Minimal), nullptr, true);
-    return type;
-}
-PyTypeObject* genericMinimalType() {
-    static PyTypeObject* type = buildGenericType(sequenceTable(SequenceTable::Minimal), nullptr, false);
-    return type;
-}
-PyTypeObject* genericSequenceType() {
-    static PyTypeObject* type = buildGenericType(sequenceTable(SequenceTable::Full), nullptr, false);
-    return type;
-}
-PyTypeObject* genericMappingType() {
-    static PyTypeObject* type = buildGenericType(sequenceTable(SequenceTable::SetLike), mappingTable(), false);
-    return type;
-}
-PyTypeObject* genericSequenceMappingType() {
-    static PyTypeObject* type = buildGenericType(sequenceTable(SequenceTable::Full), mappingTable(), false);
-    return type;
-}
+PyTypeObject* genericCallableType() { return genericType(0, Protocol::None); }
+
+// ---- Per-class types -----------------------------------------------------------------------
 
 // "tala~" and the qualified name with every "." replaced by a backtick: "tala~a`b`C".
 std::string perClassTypeName(const Class_Generic& cls) {
@@ -121,26 +249,37 @@ std::string perClassTypeName(const Class_Generic& cls) {
     return name;
 }
 
-PyTypeObject* buildPerClassType(const Class_Generic& cls) {
-    const std::string name = perClassTypeName(cls);
-    const String& doc = cls.doc();
-    PyTypeObject* type = allocateType(copyToMalloc(name), doc.isEmpty() ? nullptr : copyToMalloc(doc.view()));
-    type->tp_as_sequence = sequenceTable(SequenceTable::Minimal);
-    if (cls.hasFlag(class_flags::Mapping) || cls.hasFlag(class_flags::SetLike)) {
-        type->tp_as_sequence = sequenceTable(SequenceTable::SetLike);
-        type->tp_as_mapping = mappingTable();
-    }
-    if (cls.hasFlag(class_flags::Sequence)) type->tp_as_sequence = sequenceTable(SequenceTable::Full);
-    fillCallSlot(*type);
-    fillDescriptiveTables(*type, cls);
-    type->tp_base = genericCallableType();
-    (void)PyType_Ready(type);
-    PyErr_Clear();
-    Py_IncRef(reinterpret_cast<PyObject*>(type));  // the class map's reference
-    return type;
+// The spec's name: the module's name, a dot, the class's name, so that the type reads in
+// Python as the host class (`type(db).__name__` is "Database", its module "sqlite").
+std::string perClassSpecName(const Class_Generic& cls) {
+    std::string qualified(cls.qualname().view());
+    const std::string name(cls.name().view());
+    if (qualified.size() > name.size() + 1 && qualified.ends_with("." + name)) return qualified;
+    return "builtins." + (name.empty() ? qualified : name);
 }
 
-// Host class -> its per-class wrapper type. Entries are never removed; the map holds one
+Shape perClassShape(const Class_Generic& cls) {
+    Shape shape{SequenceTable::Minimal, false, true};
+    if (cls.hasFlag(class_flags::Mapping) || cls.hasFlag(class_flags::SetLike)) {
+        shape.sequence = SequenceTable::SetLike;
+        shape.mapping = true;
+    }
+    if (cls.hasFlag(class_flags::Sequence)) shape.sequence = SequenceTable::Full;
+    return shape;
+}
+
+PyTypeObject* buildPerClassType(const Class_Generic& cls) {
+    const String& doc = cls.doc();
+    SlotList slots;
+    addCommonSlots(slots);
+    addShapeSlots(slots, perClassShape(cls));
+    const DescriptiveTables tables = describeClass(cls);
+    return makeType(perClassSpecName(cls), copyToMalloc(perClassTypeName(cls)),
+                    doc.isEmpty() ? nullptr : copyToMalloc(doc.view()), slots, tables.methods, tables.properties,
+                    genericCallableType(), protocolOf(cls));
+}
+
+// Host class -> its per-class wrapper type. Entries are never removed; the map holds the one
 // reference to each type. `lock` guards the map; the caller holds the interpreter lock.
 struct PerClassTypes {
     spinlock lock;
@@ -179,13 +318,15 @@ PyTypeObject* wrapperTypeFor(const Class_Generic& cls) {
         table.types.emplace(cls.cell(), type);
         return type;
     }
-    if (cls.hasFlag(class_flags::Invokable)) return genericCallableType();
+    const Protocol protocol = protocolOf(cls);
+    if (cls.hasFlag(class_flags::Invokable)) return genericType(0, protocol);
     const bool mapping = cls.hasFlag(class_flags::Mapping);
     const bool sequence = cls.hasFlag(class_flags::Sequence);
-    if (mapping && sequence) return genericSequenceMappingType();
-    if (mapping) return genericMappingType();
-    if (sequence) return genericSequenceType();
-    return genericMinimalType();
+    if (mapping && sequence) return genericType(4, protocol);
+    // A set takes the set-like and mapping tables, as a per-class type of a set does.
+    if (mapping || cls.hasFlag(class_flags::SetLike)) return genericType(3, protocol);
+    if (sequence) return genericType(2, protocol);
+    return genericType(1, protocol);
 }
 
 PyObject* wrapHostValue(const Any& value) {
@@ -195,7 +336,7 @@ PyObject* wrapHostValue(const Any& value) {
 
 PyObject* wrapHostValueLocked(const Any& value) {
     PyTypeObject* type = wrapperTypeFor(raw_class_of(value));
-    auto* wrapper = reinterpret_cast<TalaObject*>(_PyObject_New(type));
+    auto* wrapper = reinterpret_cast<TalaObject*>(_PyObject_New(type));  // takes a reference to the type
     if (wrapper == nullptr) return nullptr;
     wrapper->value = new Any(value);
     return reinterpret_cast<PyObject*>(wrapper);
@@ -210,14 +351,6 @@ const Any* wrappedHostValue(PyObject* object) noexcept {
     return reinterpret_cast<TalaObject*>(object)->value;
 }
 
-PyTypeObject* testing::genericType(int which) {
-    switch (which) {
-        case 0: return genericCallableType();
-        case 1: return genericMinimalType();
-        case 2: return genericSequenceType();
-        case 3: return genericMappingType();
-        default: return genericSequenceMappingType();
-    }
-}
+PyTypeObject* testing::genericType(int which) { return python::genericType(which, Protocol::None); }
 
 }  // namespace tala::python

@@ -331,8 +331,9 @@ Any Class_Generic::instantiate(std::span<const Any> arguments) const {
         Any result = I_Invokable_Generic(internal::unchecked, *init).invokeWith(all);
         if (is_error_result(result)) return result;
     } else if (!arguments.empty()) {
-        return Error(String("The class {} takes no arguments, {} given.")
-                         .arg(qualname(), Integer(static_cast<std::int64_t>(arguments.size()))));
+        return ArgumentError(String("{}() takes no arguments but {} {} given")
+                                 .arg(name(), Integer(static_cast<std::int64_t>(arguments.size())),
+                                      String(arguments.size() == 1 ? "was" : "were")));
     }
     return instance;
 }
@@ -541,7 +542,7 @@ bool remove_property(const Any& value, Identifier name) {
 Any Any::boundMethod(Identifier name) const {
     auto method = method_of(*this, name);
     if (method.isEmpty()) {
-        return Error(String("Unknown method '{}' in an object of class {}.")
+        return MissingMemberError(String("Unknown method '{}' in an object of class {}.")
                          .arg(String(name.text()), raw_class_of(*this).qualname()));
     }
     return method.as<I_Invokable_Generic>().boundTo(*this);
@@ -549,7 +550,7 @@ Any Any::boundMethod(Identifier name) const {
 
 namespace {
 Error missingField(const Any& value, Identifier name) {
-    return Error(String("Unknown field '{}' in an object of class {}.")
+    return MissingMemberError(String("Unknown field '{}' in an object of class {}.")
                      .arg(String(name.text()), raw_class_of(value).qualname()));
 }
 }  // namespace

@@ -135,6 +135,11 @@ ClassBuilder& ClassBuilder::constructor(std::function<Any(std::span<const Any>)>
     return *this;
 }
 
+ClassBuilder& ClassBuilder::constructor(std::function<Any(std::span<const Any>)> constructor, std::vector<Parameter> parameters) {
+    cell_->constructorParameters = std::move(parameters);
+    return this->constructor(std::move(constructor));
+}
+
 ClassBuilder& ClassBuilder::nativePayload(Any payload) {
     cell_->nativePayload = std::move(payload);
     return *this;

@@ -119,7 +119,7 @@ void OrderedTable::clear() {
 
 namespace {
 Error indexOutOfRange(std::int64_t index, std::size_t size) {
-    return Error(String("Index out of range: {}, size: {}.").arg(Integer(index), Integer(std::int64_t(size))));
+    return OutOfRangeError(String("Index out of range: {}, size: {}.").arg(Integer(index), Integer(std::int64_t(size))));
 }
 // A Python-style index: negative counts from the end. -1 when outside [0, size).
 std::int64_t normalise(std::int64_t index, std::size_t size) {
@@ -217,5 +217,30 @@ List<Any> HashMap_Generic::values() const {
 Type HashMap_Generic::keysType() const { return Type(static_cast<const internal::TypeCell*>(cell()->keyType)); }
 Type HashMap_Generic::valuesType() const { return Type(static_cast<const internal::TypeCell*>(cell()->valueType)); }
 Type Set_Generic::elementType() const { return Type(static_cast<const internal::TypeCell*>(cell()->elementType)); }
+
+List_Generic List_Generic::copy() const {
+    List_Generic made(cell()->elementType);
+    made.cell()->items = cell()->items;
+    return made;
+}
+
+List_Generic List_Generic::slice(std::int64_t start, std::int64_t step, std::int64_t count) const {
+    List_Generic made(cell()->elementType);
+    made.reserve(static_cast<std::size_t>(std::max<std::int64_t>(count, 0)));
+    for (std::int64_t i = 0; i < count; ++i) made.append(cell()->items[static_cast<std::size_t>(start + i * step)]);
+    return made;
+}
+
+HashMap_Generic HashMap_Generic::copy() const {
+    HashMap_Generic made(cell()->keyType, cell()->valueType);
+    for (const auto& entry : *this) made.set(entry.key, entry.value);
+    return made;
+}
+
+Set_Generic Set_Generic::copy() const {
+    Set_Generic made(cell()->elementType);
+    for (const auto& entry : *this) made.insert(entry.key);
+    return made;
+}
 
 }  // namespace tala

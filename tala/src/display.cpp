@@ -17,6 +17,7 @@
 #include "tala/decimal.hpp"
 #include "tala/error.hpp"
 #include "tala/external.hpp"
+#include "tala/interfaces.hpp"
 #include "tala/invokable.hpp"
 #include "tala/lazy.hpp"
 
@@ -387,6 +388,85 @@ std::int64_t compareMaps(const HashMap_Generic& a, const HashMap_Generic& b) {
     return identityOrder(a, b) < 0 ? -1 : 1;
 }
 
+// ---- A host container against an object that implements the same interface -----------------
+//
+// A host list equals any sequence with equal items (a Python list's proxy among them), a host
+// map any map with equal values under the same keys, a host set any set of the same values, so
+// that the host and Python code see the same answer. Nothing is decided when the other side
+// fails to answer (an error on the way): the kinds then order the two as before.
+
+std::optional<std::int64_t> lengthOf(const Any& value) {
+    const Any length = resolve(internal::readMember(value, Any::$$length));
+    if (length.kind() != Kind::Integer) return std::nullopt;
+    return length.rawInteger();
+}
+
+std::optional<std::int64_t> compareWithSequence(std::span<const Any> items, const Any& other) {
+    const WalkDepth depth;
+    if (WalkDepth::tooDeep()) return std::nullopt;
+    auto length = lengthOf(other);
+    if (!length) return std::nullopt;
+    const I_Sequence_Generic sequence(internal::unchecked, other);
+    const std::int64_t common = std::min<std::int64_t>(static_cast<std::int64_t>(items.size()), *length);
+    for (std::int64_t i = 0; i < common; ++i) {
+        const Any item = resolve(sequence.at(i));
+        if (is_error_result(item)) return std::nullopt;
+        if (const std::int64_t order = compare_objects(items[static_cast<std::size_t>(i)], item)) return order;
+    }
+    return threeWay(static_cast<std::int64_t>(items.size()), *length);
+}
+
+std::optional<std::int64_t> compareWithMap(const HashMap_Generic& map, const Any& other) {
+    const WalkDepth depth;
+    if (WalkDepth::tooDeep()) return std::nullopt;
+    auto length = lengthOf(other);
+    if (!length) return std::nullopt;
+    if (static_cast<std::int64_t>(map.size()) != *length) return threeWay(static_cast<std::int64_t>(map.size()), *length);
+    const I_Map_Generic otherMap(internal::unchecked, other);
+    for (const auto& entry : map) {
+        const Any has = resolve(otherMap.contains(entry.key));
+        if (has.kind() != Kind::Boolean) return std::nullopt;
+        const Any value = has.rawBoolean() ? resolve(otherMap.get(entry.key)) : Any();
+        if (is_error_result(value)) return std::nullopt;
+        if (!has.rawBoolean() || compare_objects(entry.value, value) != 0) return identityOrder(map, other) < 0 ? -1 : 1;
+    }
+    return 0;
+}
+
+std::optional<std::int64_t> compareWithSet(const Set_Generic& set, const Any& other) {
+    auto length = lengthOf(other);
+    if (!length) return std::nullopt;
+    if (static_cast<std::int64_t>(set.size()) != *length) return threeWay(static_cast<std::int64_t>(set.size()), *length);
+    const I_Set_Generic otherSet(internal::unchecked, other);
+    for (const auto& entry : set) {
+        const Any has = resolve(otherSet.contains(entry.key));
+        if (has.kind() != Kind::Boolean) return std::nullopt;
+        if (!has.rawBoolean()) return identityOrder(set, other) < 0 ? -1 : 1;
+    }
+    return 0;
+}
+
+// The order of a host container and an object of the matching interface, or nothing. An object
+// that is both a map and a sequence (a database row) is neither kind of plain container.
+std::optional<std::int64_t> compareContainerWithObject(const Any& container, const Any& other) {
+    if (other.kind() != Kind::Object) return std::nullopt;
+    switch (container.kind()) {
+        case Kind::List:
+            if (!I_Sequence_Generic::matches(other) || I_Map_Generic::matches(other)) return std::nullopt;
+            return compareWithSequence(List_Generic(internal::unchecked, container).items(), other);
+        case Kind::Tuple:
+            if (!I_Sequence_Generic::matches(other) || I_Map_Generic::matches(other)) return std::nullopt;
+            return compareWithSequence(Tuple(internal::unchecked, container).items(), other);
+        case Kind::HashMap:
+            if (!I_Map_Generic::matches(other) || I_Sequence_Generic::matches(other)) return std::nullopt;
+            return compareWithMap(HashMap_Generic(internal::unchecked, container), other);
+        case Kind::Set:
+            if (!I_Set_Generic::matches(other)) return std::nullopt;
+            return compareWithSet(Set_Generic(internal::unchecked, container), other);
+        default: return std::nullopt;
+    }
+}
+
 std::int64_t compareNativeObjects(const Any& a, const Any& b, internal::NativeTag tag, bool& decided) {
     decided = true;
     switch (tag) {
@@ -436,6 +516,8 @@ std::int64_t compare_objects(const Any& a, const Any& b) {
             return threeWay(String(internal::unchecked, a).view().compare(String(internal::unchecked, b).view()), 0);
         }
         if (ka == Kind::Lazy || kb == Kind::Lazy) return compare_objects(resolve(a), resolve(b));
+        if (auto order = compareContainerWithObject(a, b)) return *order;
+        if (auto order = compareContainerWithObject(b, a)) return -*order;
         const int codeA = ka == Kind::Empty ? -1 : static_cast<int>(ka);
         const int codeB = kb == Kind::Empty ? -1 : static_cast<int>(kb);
         return codeA - codeB;

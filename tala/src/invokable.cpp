@@ -15,62 +15,135 @@ std::size_t FunctionCell::parameterCount() const {
     return signature().parameterCount() + (isIndependent() ? 0 : 1);
 }
 
-Any FunctionCell::callNamed(const HashMap_Generic& arguments) const {
-    const Signature declared = signature();
-    const auto& parameters = declared.parameters();
-    std::vector<Any> positional;
+namespace {
+
+// The name a call's error gives the function: "query()".
+std::string calledName(const String& name) { return (name.isEmpty() ? std::string("function") : name.toStdString()) + "()"; }
+
+// 'a', 'a' and 'b', 'a', 'b', and 'c': a list of names as Python writes it in its messages.
+std::string quotedList(const std::vector<String>& names) {
+    std::string text;
+    for (std::size_t index = 0; index < names.size(); ++index) {
+        if (index > 0) text += names.size() == 2 ? " and " : (index + 1 == names.size() ? ", and " : ", ");
+        text += "'" + names[index].toStdString() + "'";
+    }
+    return text;
+}
+
+std::string counted(std::size_t count, const char* one, const char* many) {
+    return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
+// The name of the parameter at `index` among all positional arguments, the receiver first for
+// a method.
+String parameterName(const FunctionCell& function, const Signature& signature, std::size_t index) {
+    const std::size_t receiver = function.isIndependent() ? 0 : 1;
+    if (index < receiver) return String("self");
+    const auto& parameters = signature.parameters();
+    const std::size_t declared = index - receiver;
+    return declared < parameters.size() ? parameters[declared].name : String("arg" + std::to_string(declared));
+}
+
+Error missingArguments(const String& function, const std::vector<String>& names) {
+    return ArgumentError(String(calledName(function) + " missing " + counted(names.size(), "required argument", "required arguments") +
+                                ": " + quotedList(names)));
+}
+
+Error unexpectedName(const String& function, const Any& name) {
+    const auto text = String::cast(name);
+    return ArgumentError(String(calledName(function) + " got an unexpected keyword argument " +
+                                (text ? "'" + text->toStdString() + "'" : display(name).toStdString())));
+}
+
+// Binds named arguments to the parameters in order. Optional parameters are trailing: the first
+// one left out ends the arguments, and a later one given after it would have no position to go
+// to. The receiver of a method, when `receiver` is set, may be given as "self".
+Any bindNamed(const String& function, const Signature& signature, bool receiver, const HashMap_Generic& arguments,
+              std::vector<Any>& positional) {
+    const auto& parameters = signature.parameters();
     positional.reserve(parameters.size() + 1);
     std::size_t used = 0;
-    if (!isIndependent()) {
-        auto self = arguments.get(String("self"));
-        if (!self) return Error(String("Missing argument: self."));
-        positional.push_back(*self);
-        ++used;
+    std::vector<String> missing;
+    if (receiver) {
+        if (auto self = arguments.get(String("self"))) {
+            positional.push_back(*self);
+            ++used;
+        } else {
+            missing.push_back(String("self"));
+        }
     }
-    // Optional parameters are trailing: the first one left out ends the arguments, and a later
-    // one given after it would have no position to go to.
     const Parameter* leftOut = nullptr;
     for (const Parameter& parameter : parameters) {
         auto value = arguments.get(parameter.name);
         if (!value) {
-            if (!parameter.optional) return Error(String("Missing argument: {}.").arg(parameter.name));
-            if (leftOut == nullptr) leftOut = &parameter;
+            if (!parameter.optional) missing.push_back(parameter.name);
+            else if (leftOut == nullptr) leftOut = &parameter;
             continue;
         }
-        if (leftOut != nullptr) return Error(String("Missing argument: {}.").arg(leftOut->name));
+        if (leftOut != nullptr && missing.empty()) return missingArguments(function, {leftOut->name});
         positional.push_back(*value);
         ++used;
     }
+    if (!missing.empty()) return missingArguments(function, missing);
     if (used != arguments.size()) {
         for (const auto& entry : arguments) {
             const String name = String::cast(entry.key).value_or(String());
-            bool known = !isIndependent() && name == "self";
+            bool known = receiver && name == "self";
             for (const Parameter& parameter : parameters) known = known || parameter.name == name;
-            if (!known) return Error(String("Unknown argument: {}.").arg(entry.key));
+            if (!known) return unexpectedName(function, entry.key);
         }
     }
+    return Any();
+}
+
+}  // namespace
+
+Any FunctionCell::callNamed(const HashMap_Generic& arguments) const {
+    std::vector<Any> positional;
+    if (Any error = bindNamed(name(), signature(), !isIndependent(), arguments, positional); !error.isEmpty()) return error;
     return call(positional);
 }
 
-Any wrongArgumentType(std::size_t index, const Type& expected, const Any& given) {
-    return Error(String("Wrong type of argument {}: expected {}, got {}.")
-                     .arg(Integer(static_cast<std::int64_t>(index)), expected.toString(), raw_class_of(given).qualname()));
+Any wrongArgumentType(const String& function, const String& parameter, const Type& expected, const Any& given) {
+    return ArgumentError(String(calledName(function) + " argument '" + parameter.toStdString() + "' must be " +
+                                expected.toString().toStdString() + ", not " + raw_class_of(given).qualname().toStdString()));
 }
 
-Any wrongArgumentCount(std::size_t expected, std::size_t given) {
-    return Error(String("Wrong number of arguments: expected {}, got {}.")
-                     .arg(Integer(static_cast<std::int64_t>(expected)), Integer(static_cast<std::int64_t>(given))));
+Any wrongArgumentType(const FunctionCell& function, std::size_t index, const Type& expected, const Any& given) {
+    return wrongArgumentType(function.name(), parameterName(function, function.signature(), index), expected, given);
 }
 
-Any wrongArgumentCount(std::size_t fewest, std::size_t most, std::size_t given) {
-    return Error(String("Wrong number of arguments: expected {} to {}, got {}.")
-                     .arg(Integer(static_cast<std::int64_t>(fewest)), Integer(static_cast<std::int64_t>(most)),
-                          Integer(static_cast<std::int64_t>(given))));
+Any argumentOutOfRange(const FunctionCell& function, std::size_t index, const Any& given) {
+    const String parameter = parameterName(function, function.signature(), index);
+    return ArgumentError(String(calledName(function.name()) + " argument '" + parameter.toStdString() +
+                                "' is out of range for its type: " + display(given).toStdString()));
+}
+
+Any wrongArgumentCount(const FunctionCell& function, std::size_t given) {
+    const Signature signature = function.signature();
+    const std::size_t receiver = function.isIndependent() ? 0 : 1;
+    std::size_t required = receiver;
+    for (const Parameter& parameter : signature.parameters()) required += parameter.optional ? 0 : 1;
+    const std::size_t most = receiver + signature.parameterCount();
+    if (given < required) {
+        std::vector<String> missing;
+        for (std::size_t index = given; index < required; ++index) missing.push_back(parameterName(function, signature, index));
+        return missingArguments(function.name(), missing);
+    }
+    // The receiver is not counted: what the caller sees are the declared parameters.
+    const std::size_t fewest = required - receiver;
+    const std::size_t declared = most - receiver;
+    const std::size_t passed = given - receiver;
+    std::string takes;
+    if (declared == 0) takes = "no arguments";
+    else if (fewest == declared) takes = counted(declared, "argument", "arguments");
+    else takes = "from " + std::to_string(fewest) + " to " + std::to_string(declared) + " arguments";
+    return ArgumentError(String(calledName(function.name()) + " takes " + takes + " but " + std::to_string(passed) +
+                                (passed == 1 ? " was given" : " were given")));
 }
 
 Any errorFromCurrentException() { return Error::fromException(std::current_exception()); }
 
-Any integerOverflow() { return Error(String("Integer overflow on cast")); }
 
 namespace {
 
@@ -185,20 +258,8 @@ Any I_Invokable_Generic::invokeWith(const HashMap_Generic& namedArguments) const
     if (init == nullptr) return cls.instantiate(std::vector<Any>(namedArguments.size()));  // reports the surplus
     const auto* initFunction = init->cellAs<internal::FunctionCell>();
     std::vector<Any> positional;
-    for (const Parameter& parameter : initFunction->signature().parameters()) {
-        auto value = namedArguments.get(parameter.name);
-        if (!value) return Error(String("Missing argument: {}.").arg(parameter.name));
-        positional.push_back(*value);
-    }
-    if (positional.size() != namedArguments.size()) {
-        for (const auto& entry : namedArguments) {
-            bool known = false;
-            for (const Parameter& parameter : initFunction->signature().parameters()) {
-                known = known || compare_objects(parameter.name, entry.key) == 0;
-            }
-            if (!known) return Error(String("Unknown argument: {}.").arg(entry.key));
-        }
-    }
+    Any error = internal::bindNamed(cls.name(), initFunction->signature(), false, namedArguments, positional);
+    if (!error.isEmpty()) return error;
     return cls.instantiate(positional);
 }
 
@@ -218,7 +279,8 @@ Signature I_Invokable_Generic::signature() const {
     if (const internal::FunctionCell* fn = function()) return fn->signature();
     const Class_Generic cls(internal::unchecked, static_cast<const Any&>(*this));
     std::vector<Parameter> parameters;
-    if (const auto* init = initOf(cls)) parameters = init->signature().parameters();
+    if (cls.cell()->constructorParameters) parameters = *cls.cell()->constructorParameters;
+    else if (const auto* init = initOf(cls)) parameters = init->signature().parameters();
     return Signature(std::move(parameters), cls.asType());
 }
 
@@ -291,7 +353,7 @@ Any Property::get(const Any& target) const {
 }
 
 Any Property::set(const Any& target, const Any& content) const {
-    if (setter().isEmpty()) return Error(String("Read-only property: {}.").arg(String(name().text())));
+    if (setter().isEmpty()) return ReadOnlyError(String("Read-only property: {}.").arg(String(name().text())));
     const I_Invokable_Generic write(internal::unchecked, setter());
     if (write.isIndependent()) return write(content);
     return write(target, content);

@@ -1,6 +1,8 @@
 // tala/src/logger.cpp: log records, the host logger and its sinks, and the module `tala`.
 #include "tala/logger.hpp"
 
+#include "tala_module.hpp"
+
 #include <cstdio>
 #include <mutex>
 #include <vector>
@@ -35,13 +37,11 @@ void writeToStandardError(const LogRecord& record) {
 
 }  // namespace
 
-namespace {
 // The module itself, before its members: the classes it holds name it as their module.
-Module bareTalaModule() {
+Module internal::bareTalaModule() {
     static const Any* module = new Any(Module::create("tala", String("The host object model.")));
     return Module(internal::unchecked, *module);
 }
-}  // namespace
 
 String log_level_name(std::int64_t level) {
     switch (level) {
@@ -72,7 +72,7 @@ Class_Generic LogRecord::getClass() {
     static const ClassRegistration registration("LogRecord", [] {
         return ClassBuilder("LogRecord")
             .doc("A log entry: a level numbered as Python's (10 debug to 50 critical) and a message.")
-            .declaringContext(bareTalaModule())
+            .declaringContext(internal::bareTalaModule())
             .field(kLevel, Integer::getType())
             .field(kMessage, String::getType())
             .method(Any::$__init__, [](const Any& self, std::int64_t level, const String& message) {
@@ -129,7 +129,7 @@ Class_Generic Logger::getClass() {
     static const ClassRegistration registration("Logger", [] {
         return ClassBuilder("Logger")
             .doc("The host logger.")
-            .declaringContext(bareTalaModule())
+            .declaringContext(internal::bareTalaModule())
             .method(Identifier("$log"), [](const Logger& self, const LogRecord& record) { self.log(record); }, {"record"},
                     "Writes a record to the logger's sinks.")
             .build();
@@ -143,13 +143,17 @@ Logger get_logger() { return Logger::instance(); }
 Module tala_module() {
     static std::once_flag members;
     std::call_once(members, [] {
-        const Module created = bareTalaModule();
+        const Module created = internal::bareTalaModule();
         created.addFunction(String("get_logger"), native_function([] { return get_logger(); }, "get_logger", {},
                                                                   "The host logger."));
         created.addClass(LogRecord::getClass());
         created.addClass(Logger::getClass());
+        for (const Class_Generic& error : {MissingMemberError::getClass(), ReadOnlyError::getClass(),
+                                           ArgumentError::getClass(), OutOfRangeError::getClass()}) {
+            created.addClass(error);
+        }
     });
-    return bareTalaModule();
+    return internal::bareTalaModule();
 }
 
 namespace {

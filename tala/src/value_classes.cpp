@@ -418,7 +418,7 @@ Class_Generic Tuple_Generic::getClass() {
                 const auto size = static_cast<std::int64_t>(self.size());
                 const std::int64_t position = index < 0 ? index + size : index;
                 if (position < 0 || position >= size) {
-                    return Error(String("Index out of range: {}, size: {}.").arg(Integer(index), Integer(size)));
+                    return OutOfRangeError(String("Index out of range: {}, size: {}.").arg(Integer(index), Integer(size)));
                 }
                 return self.at(static_cast<std::size_t>(position));
             }, {"index"}, "The element at the index (negative counts from the end).")

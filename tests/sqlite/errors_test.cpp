@@ -103,9 +103,9 @@ TEST_F(ErrorsTest, ARowIsNoDatabase) {
     ASSERT_TRUE(List<Any>::matches(rows)) << errorMessage(rows);
     const Any row = List<Any>(tala::internal::unchecked, rows)[0];
     const auto query = tala::method_of(database, "query").as<tala::I_Invokable_Generic>();
-    EXPECT_EQ(errorMessage(query(row, String("SELECT 1"))), "Wrong type of argument 0: expected Database, got sqlite.Row.");
+    EXPECT_EQ(errorMessage(query(row, String("SELECT 1"))), "query() argument 'self' must be Database, not sqlite.Row");
     // Counted as every method counts them: the receiver is the first argument.
-    EXPECT_EQ(errorMessage(query(database)), "Wrong number of arguments: expected 2 to 3, got 1.");
+    EXPECT_EQ(errorMessage(query(database)), "query() missing 1 required argument: 'sql'");
 }
 
 TEST_F(ErrorsTest, TheClassOpensADatabaseWhenGivenAPath) {

@@ -157,7 +157,7 @@ for attempt in (lambda: row["weight"], lambda: row[5], lambda: row.weight):
         outcomes.append(type(error).__name__)
 return outcomes
 )PY");
-    EXPECT_EQ(text(result), "[\"KeyError 'weight'\", 'KeyError 5', 'RuntimeError']");
+    EXPECT_EQ(text(result), "[\"KeyError 'weight'\", 'KeyError 5', 'MissingMemberError']");
 }
 
 TEST_F(RowTest, PythonListsTheColumnsAmongTheRowsNames) {

@@ -235,8 +235,8 @@ TEST(ClassBuilder, MethodRejectsArgumentsOfTheWrongTypeOrCount) {
                                        .build());
     const Any instance = tala::make_instance(cls);
     const auto method = methodOf(cls, Identifier("$twice"));
-    EXPECT_EQ(errorText(method(instance, String("x"))), "Wrong type of argument 1: expected Integer, got String.");
-    EXPECT_EQ(errorText(method(instance)), "Wrong number of arguments: expected 2, got 1.");
+    EXPECT_EQ(errorText(method(instance, String("x"))), "twice() argument 'n' must be Integer, not String");
+    EXPECT_EQ(errorText(method(instance)), "twice() missing 1 required argument: 'n'");
 }
 
 TEST(ClassBuilder, StaticMethodNeedsNoReceiver) {
@@ -305,7 +305,7 @@ TEST(ClassBuilder, PropertyWithGetterAndSetterStoresThroughTheSetter) {
     EXPECT_EQ(instance.fieldValue(kCount).rawInteger(), 5);
     EXPECT_EQ(errorText(property.set(instance, Integer(-1))), "Negative count: -1.");
     EXPECT_EQ(errorText(property.set(instance, String("x"))),
-              "Wrong type of argument 1: expected Integer, got String.");
+              "count() argument 'value' must be Integer, not String");
     EXPECT_EQ(property.get(instance).rawInteger(), 5);
 }
 
@@ -535,7 +535,7 @@ TEST(ClassBuilder, InitReceivesTheArgumentsOfInstantiation) {
 TEST(ClassBuilder, ClassWithoutInitTakesNoArguments) {
     const Class_Generic cls = kept(ClassBuilder("NoInit").build());
     EXPECT_EQ(errorText(cls.instantiate(std::vector<Any>{Integer(1), Integer(2)})),
-              "The class NoInit takes no arguments, 2 given.");
+              "NoInit() takes no arguments but 2 were given");
     EXPECT_TRUE(tala::raw_class_of(cls.instantiate({})) == cls);
 }
 

@@ -316,7 +316,7 @@ TEST(TalaModule, LogRecordClassIsInvokable) {
                                                                    {String("level"), Integer(40)}});
     ASSERT_TRUE(tala::LogRecord::matches(byName)) << errorText(byName);
     EXPECT_EQ(tala::LogRecord(tala::internal::unchecked, byName).level(), 40);
-    EXPECT_EQ(errorText(make(String("20"), String("text"))), "Wrong type of argument 1: expected Integer, got String.");
+    EXPECT_EQ(errorText(make(String("20"), String("text"))), "__init__() argument 'level' must be Integer, not String");
 }
 
 // ---- The logger ---------------------------------------------------------------------------------

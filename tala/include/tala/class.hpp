@@ -20,6 +20,7 @@ namespace tala {
 
 class Property;
 class I_Invokable_Generic;
+struct Parameter;
 class Type;
 template <class K, class V>
 class HashMap;
@@ -77,6 +78,8 @@ public:
     // When set, invoking the class calls this with the arguments instead of factory + __init__
     // (classes that stand for another language's classes construct through that language).
     std::function<Any(std::span<const Any>)> constructor;
+    // The parameters the constructor takes, when it says (see I_Invokable_Generic::signature).
+    std::optional<std::vector<Parameter>> constructorParameters;
     // Whatever a language bridge keeps with a class it made (a boxed foreign type object).
     Any nativePayload;
 

@@ -85,6 +85,9 @@ public:
 
     // Invoking the class calls `constructor` with the arguments (no factory, no __init__).
     ClassBuilder& constructor(std::function<Any(std::span<const Any>)> constructor);
+    // The same, with the parameters it takes: they are the class's signature as an invokable
+    // (otherwise its __init__'s, or none).
+    ClassBuilder& constructor(std::function<Any(std::span<const Any>)> constructor, std::vector<Parameter> parameters);
     ClassBuilder& nativePayload(Any payload);
 
     // Publishes the class. The builder is spent afterwards.

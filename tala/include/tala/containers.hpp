@@ -153,6 +153,11 @@ public:
     bool contains(const Any& value) const;
     std::int64_t indexOf(const Any& value, std::int64_t from = 0) const;
     Type elementType() const;
+    // A new list of the same announced element type holding the same elements.
+    List_Generic copy() const;
+    // A new list of the same announced element type holding the `count` elements at `start`,
+    // `start + step`, ...: the positions must exist (a slice's, already fitted to the size).
+    List_Generic slice(std::int64_t start, std::int64_t step, std::int64_t count) const;
 
     internal::ListCell* cell() const noexcept { return cellAs<internal::ListCell>(); }
     static Class_Generic getClass();
@@ -204,6 +209,8 @@ public:
     List<Any> values() const;
     Type keysType() const;
     Type valuesType() const;
+    // A new map of the same announced types holding the same entries, in the same order.
+    HashMap_Generic copy() const;
 
     internal::MapCell* cell() const noexcept { return cellAs<internal::MapCell>(); }
     const internal::OrderedTable& table() const noexcept { return cell()->table; }
@@ -246,6 +253,8 @@ public:
     bool remove(const Any& value) const { return cell()->table.remove(value); }
     void clear() const { cell()->table.clear(); }
     Type elementType() const;
+    // A new set of the same announced element type holding the same values, in the same order.
+    Set_Generic copy() const;
 
     internal::SetCell* cell() const noexcept { return cellAs<internal::SetCell>(); }
     const internal::OrderedTable& table() const noexcept { return cell()->table; }

@@ -52,4 +52,53 @@ public:
     static Class_Generic getClass();
 };
 
+// The object model's own errors, each of a class of its own (declared in module "tala") so that
+// a language bridge can raise each as its language's matching error: Python's AttributeError for
+// the first two, TypeError for arguments, IndexError for a position out of range.
+namespace internal {
+template <class Derived>
+class ErrorOfClass : public Error {
+public:
+    explicit ErrorOfClass(String message) : Error(Derived::getClass(), std::move(message)) {}
+    ErrorOfClass(Unchecked, const Any& value) noexcept : Error(unchecked, value) {}
+    // Errors of this class and of the classes derived from it.
+    static bool matches(const Any& value) noexcept {
+        return Error::matches(value) && value.cellAs<ErrorCell>()->objectClass()->derivesFrom(Derived::getClass().cell());
+    }
+    static std::optional<Derived> cast(const Any& value) {
+        if (!matches(value)) return std::nullopt;
+        return Derived(unchecked, value);
+    }
+};
+}  // namespace internal
+
+// A member (field, method or property) that a value does not have.
+class MissingMemberError : public internal::ErrorOfClass<MissingMemberError> {
+public:
+    using ErrorOfClass::ErrorOfClass;
+    static Class_Generic getClass();
+};
+
+// A property without a setter that was written.
+class ReadOnlyError : public internal::ErrorOfClass<ReadOnlyError> {
+public:
+    using ErrorOfClass::ErrorOfClass;
+    static Class_Generic getClass();
+};
+
+// A call whose arguments do not fit the invokable: too few, too many, an unknown name, a wrong
+// type, a number out of the parameter's range.
+class ArgumentError : public internal::ErrorOfClass<ArgumentError> {
+public:
+    using ErrorOfClass::ErrorOfClass;
+    static Class_Generic getClass();
+};
+
+// A position outside a sequence.
+class OutOfRangeError : public internal::ErrorOfClass<OutOfRangeError> {
+public:
+    using ErrorOfClass::ErrorOfClass;
+    static Class_Generic getClass();
+};
+
 }  // namespace tala

@@ -122,10 +122,14 @@ I_Invokable_Generic make_function(String name, std::function<Any(std::span<const
 namespace internal {
 
 [[noreturn]] void throwBadArgument();
-Any wrongArgumentType(std::size_t index, const Type& expected, const Any& given);
-Any wrongArgumentCount(std::size_t expected, std::size_t given);
-Any wrongArgumentCount(std::size_t fewest, std::size_t most, std::size_t given);
-Any integerOverflow();
+// The errors (ArgumentError) of a call whose arguments do not fit the function, worded as Python
+// words them: the function and the parameter by name, and the arguments counted without a
+// method's receiver. `index` counts all positional arguments, the receiver first.
+Any wrongArgumentType(const FunctionCell& function, std::size_t index, const Type& expected, const Any& given);
+Any argumentOutOfRange(const FunctionCell& function, std::size_t index, const Any& given);
+Any wrongArgumentCount(const FunctionCell& function, std::size_t given);
+// The same for a function that checks its own arguments (one made with make_function).
+Any wrongArgumentType(const String& function, const String& parameter, const Type& expected, const Any& given);
 Any errorFromCurrentException();
 
 template <class T>
@@ -154,9 +158,10 @@ struct ArgumentConverter<T> {
         return std::in_range<T>(number);
     }
     static T convert(const Any& value) { return static_cast<T>(value.rawInteger()); }
-    // An integer that does not fit the C++ parameter is an overflow, not a wrong type.
-    static Any reject(std::size_t index, const Any& value) {
-        return value.kind() == Kind::Integer ? integerOverflow() : wrongArgumentType(index, type(), value);
+    // An integer that does not fit the C++ parameter is out of its range, not of a wrong type.
+    static Any reject(const FunctionCell& function, std::size_t index, const Any& value) {
+        return value.kind() == Kind::Integer ? argumentOutOfRange(function, index, value)
+                                             : wrongArgumentType(function, index, type(), value);
     }
 };
 template <>
@@ -175,7 +180,7 @@ struct ArgumentConverter<double> {
 };
 
 template <class Converter>
-Any rejectArgument(std::size_t index, const Any& value);
+Any rejectArgument(const FunctionCell& function, std::size_t index, const Any& value);
 
 // A trailing parameter that callers may leave out: std::nullopt when they do.
 template <class T>
@@ -184,7 +189,9 @@ struct ArgumentConverter<std::optional<T>> {
     static Type type() { return ArgumentConverter<T>::type(); }
     static bool accepts(const Any& value) { return ArgumentConverter<T>::accepts(value); }
     static std::optional<T> convert(const Any& value) { return T(ArgumentConverter<T>::convert(value)); }
-    static Any reject(std::size_t index, const Any& value) { return rejectArgument<ArgumentConverter<T>>(index, value); }
+    static Any reject(const FunctionCell& function, std::size_t index, const Any& value) {
+        return rejectArgument<ArgumentConverter<T>>(function, index, value);
+    }
 };
 
 template <class Converter>
@@ -210,11 +217,11 @@ constexpr std::size_t requiredCount() {
 
 // The Error for an argument the converter does not accept.
 template <class Converter>
-Any rejectArgument(std::size_t index, const Any& value) {
-    if constexpr (requires { Converter::reject(index, value); }) {
-        return Converter::reject(index, value);
+Any rejectArgument(const FunctionCell& function, std::size_t index, const Any& value) {
+    if constexpr (requires { Converter::reject(function, index, value); }) {
+        return Converter::reject(function, index, value);
     } else {
-        return wrongArgumentType(index, Converter::type(), value);
+        return wrongArgumentType(function, index, Converter::type(), value);
     }
 }
 
@@ -284,13 +291,7 @@ public:
     }
 
     Any call(std::span<const Any> arguments) const override {
-        if (arguments.size() < kRequired || arguments.size() > sizeof...(A)) {
-            if constexpr (kRequired == sizeof...(A)) {
-                return wrongArgumentCount(sizeof...(A), arguments.size());
-            } else {
-                return wrongArgumentCount(kRequired, sizeof...(A), arguments.size());
-            }
-        }
+        if (arguments.size() < kRequired || arguments.size() > sizeof...(A)) return wrongArgumentCount(*this, arguments.size());
         // Errors are values: a C++ exception from the body becomes an Error carrying it, and
         // never unwinds into the caller (which may be a language runtime's C code).
         try {
@@ -350,7 +351,7 @@ private:
     template <std::size_t... I>
     Any badArgument([[maybe_unused]] std::span<const Any> arguments, [[maybe_unused]] std::size_t bad, std::index_sequence<I...>) const {
         Any error;
-        ((I == bad ? (void)(error = rejectArgument<ArgumentConverter<std::remove_cvref_t<A>>>(I, arguments[I]))
+        ((I == bad ? (void)(error = rejectArgument<ArgumentConverter<std::remove_cvref_t<A>>>(*this, I, arguments[I]))
                    : (void)0),
          ...);
         return error;

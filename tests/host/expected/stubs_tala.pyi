@@ -1,6 +1,9 @@
 from typing import Any, List, Optional, Self
 import builtins
 
+class ArgumentError:
+	def __init__(self, message) -> 'None': ...
+
 class LogRecord:
 	def __init__(self, level, message) -> 'None': ...
 	@builtins.property
@@ -10,3 +13,12 @@ class LogRecord:
 
 class Logger:
 	def log(self, record) -> 'None': ...
+
+class MissingMemberError:
+	def __init__(self, message) -> 'None': ...
+
+class OutOfRangeError:
+	def __init__(self, message) -> 'None': ...
+
+class ReadOnlyError:
+	def __init__(self, message) -> 'None': ...

@@ -130,9 +130,29 @@ TEST_F(FromPythonTest, NanIsAFloatNan) {
     EXPECT_TRUE(std::isnan(value.rawFloat()));
 }
 
-TEST_F(FromPythonTest, InfinitiesTakeTheIntegerBranch) {
-    EXPECT_TRUE(tala::Integer::matches(convert("float('inf')")));
-    EXPECT_TRUE(tala::Integer::matches(convert("float('-inf')")));
+TEST_F(FromPythonTest, InfinitiesStayFloats) {
+    const Any positive = convert("float('inf')");
+    const Any negative = convert("float('-inf')");
+    ASSERT_TRUE(tala::Float::matches(positive));
+    ASSERT_TRUE(tala::Float::matches(negative));
+    EXPECT_EQ(positive.rawFloat(), std::numeric_limits<double>::infinity());
+    EXPECT_EQ(negative.rawFloat(), -std::numeric_limits<double>::infinity());
+}
+
+TEST_F(FromPythonTest, WholeFloatsBeyondTheIntegerRangeStayFloats) {
+    // A value no 64-bit integer holds is never replaced by another number.
+    for (const char* text : {"1e20", "-1e20", "2.0**63", "1.7976931348623157e308", "-2.0**64"}) {
+        SCOPED_TRACE(text);
+        const Any value = convert(text);
+        ASSERT_TRUE(tala::Float::matches(value));
+        GilGuard gil;
+        PyObjectPtr expected = tala_python_test::evalPython(text, globals_.get());
+        EXPECT_EQ(value.rawFloat(), PyFloat_AsDouble(expected.get()));
+    }
+    // The largest and smallest whole floats an integer holds exactly become integers, as 3.0 does.
+    EXPECT_EQ(convert("-2.0**63").rawInteger(), std::numeric_limits<std::int64_t>::min());
+    EXPECT_EQ(convert("2.0**63 - 1024").rawInteger(), std::int64_t(9223372036854774784));
+    EXPECT_EQ(convert("3.0").rawInteger(), 3);
 }
 
 TEST_F(FromPythonTest, FloatSubclassIsConvertedLikeAFloat) {

@@ -133,7 +133,7 @@ TEST_F(LanguagePythonTest, TheOtherEvaluationsTakeTheirMapsOrLeaveThemOut) {
     EXPECT_EQ(text(tala::resolve(staticMethod("evaluate")(String("return x + 1"), locals))), "21");
     EXPECT_EQ(text(tala::resolve(staticMethod("evaluateMethod")(String("text"), String("return self.upper()")))), "'TEXT'");
     EXPECT_EQ(errorMessage(tala::resolve(staticMethod("evaluateExpression")())),
-              "Wrong number of arguments: expected 1 to 3, got 0.");
+              "evaluateExpression() missing 1 required argument: 'code'");
     EXPECT_EQ(errorMessage(tala::resolve(staticMethod("evaluateExpression")(tala::Integer(1)))),
               "The argument 'code' must be a text, got 1.");
     EXPECT_EQ(errorMessage(tala::resolve(staticMethod("evaluate")(String("return 1"), tala::Integer(2)))),

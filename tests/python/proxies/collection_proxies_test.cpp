@@ -701,7 +701,7 @@ TEST_F(CollectionProxyTest, IndexOfWithAStartBeyondTheMachineIntegerOverflows) {
     run("items = [1]\n");
     const Any proxy = proxyOf("items");
     EXPECT_EQ(messageOf(call(proxy, Any::$indexOf, {Integer(1), Integer(std::int64_t(1) << 40)})),
-              "Integer overflow on cast");
+              "indexOf() argument 'start' is out of range for its type: 1099511627776");
 }
 
 TEST_F(CollectionProxyTest, SequenceWithoutAnObjectIsNull) {

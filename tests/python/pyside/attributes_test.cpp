@@ -42,8 +42,8 @@ TEST_F(AttributesTest, ReadWritePropertyReadsAndWritesTheHostValue) {
 
 TEST_F(AttributesTest, SettingAReadOnlyPropertyRaisesRuntimeError) {
     GilGuard gil;
-    EXPECT_EQ(raised("w.area = 1"), "RuntimeError: Read-only attribute: area.");
-    EXPECT_EQ(raised("w.label = 'other'"), "RuntimeError: Read-only attribute: label.");
+    EXPECT_EQ(raised("w.area = 1"), "ReadOnlyError: Read-only attribute: area.");
+    EXPECT_EQ(raised("w.label = 'other'"), "ReadOnlyError: Read-only attribute: label.");
     EXPECT_EQ(repr("w.label"), "'w'");
 }
 
@@ -74,34 +74,34 @@ TEST_F(AttributesTest, SettingAnUnknownNameAddsAPropertyVisibleToLaterReads) {
     ASSERT_TRUE(run("w.extra = [1, 2]"));
     EXPECT_EQ(repr("w.extra"), "[1, 2]");
     EXPECT_EQ(raised("testhost.Widget('v', 1).extra"),
-              "RuntimeError: Unknown field 'extra' in an object of class testhost.Widget.");
+              "MissingMemberError: Unknown field 'extra' in an object of class testhost.Widget.");
 }
 
 TEST_F(AttributesTest, DeletingAPropertyOfTheObjectsOwnRemovesIt) {
     GilGuard gil;
     ASSERT_TRUE(run("w.extra = 7\ndel w.extra"));
-    EXPECT_EQ(raised("w.extra"), "RuntimeError: Unknown field 'extra' in an object of class testhost.Widget.");
+    EXPECT_EQ(raised("w.extra"), "MissingMemberError: Unknown field 'extra' in an object of class testhost.Widget.");
     EXPECT_EQ(tala::own_properties_of(hostValue("w")).size(), 0u);
-    EXPECT_EQ(raised("del w.extra"), "RuntimeError: Unable to delete attribute: extra.");
+    EXPECT_EQ(raised("del w.extra"), "MissingMemberError: Unable to delete attribute: extra.");
 }
 
 TEST_F(AttributesTest, DeletingWhatTheClassDefinesRaisesAndChangesNothing) {
     GilGuard gil;
     ASSERT_TRUE(run("w.tag = 'blue'"));
-    EXPECT_EQ(raised("del w.tag"), "RuntimeError: Unable to delete attribute: tag.");
-    EXPECT_EQ(raised("del w.size"), "RuntimeError: Unable to delete attribute: size.");
-    EXPECT_EQ(raised("del w.label"), "RuntimeError: Read-only attribute: label.");
-    EXPECT_EQ(raised("del w.grow"), "RuntimeError: Unable to delete attribute: grow.");
+    EXPECT_EQ(raised("del w.tag"), "MissingMemberError: Unable to delete attribute: tag.");
+    EXPECT_EQ(raised("del w.size"), "MissingMemberError: Unable to delete attribute: size.");
+    EXPECT_EQ(raised("del w.label"), "ReadOnlyError: Read-only attribute: label.");
+    EXPECT_EQ(raised("del w.grow"), "MissingMemberError: Unable to delete attribute: grow.");
     EXPECT_EQ(raised("type(w).__dict__['size'].__delete__(w)"), "RuntimeError: Unable to delete attribute: size.");
     EXPECT_EQ(repr("w.tag, w.size, w.label, w.grow(1)"), "('blue', 3, 'w', 4)");
 }
 
 TEST_F(AttributesTest, AModulesFunctionsAndClassesCannotBeReplacedOrDeleted) {
     GilGuard gil;
-    EXPECT_EQ(raised("setattr(testhost, 'join', lambda *a: 42)"), "RuntimeError: Read-only attribute: join.");
-    EXPECT_EQ(raised("testhost.Widget = None"), "RuntimeError: Read-only attribute: Widget.");
-    EXPECT_EQ(raised("del testhost.join"), "RuntimeError: Read-only attribute: join.");
-    EXPECT_EQ(raised("del testhost.Widget"), "RuntimeError: Read-only attribute: Widget.");
+    EXPECT_EQ(raised("setattr(testhost, 'join', lambda *a: 42)"), "ReadOnlyError: Read-only attribute: join.");
+    EXPECT_EQ(raised("testhost.Widget = None"), "ReadOnlyError: Read-only attribute: Widget.");
+    EXPECT_EQ(raised("del testhost.join"), "ReadOnlyError: Read-only attribute: join.");
+    EXPECT_EQ(raised("del testhost.Widget"), "ReadOnlyError: Read-only attribute: Widget.");
     EXPECT_EQ(repr("testhost.join('a', 'b'), testhost.Widget.__name__"), "('a-b', 'Widget')");
     // Every caller still gets the module's own function.
     auto join = tala::property_of(testhost::module(), std::string_view("join"));
@@ -126,7 +126,7 @@ TEST_F(AttributesTest, AValueThatCannotBeConvertedIsNotWritten) {
     EXPECT_EQ(raised("w.extra = 2 ** 70"), "OverflowError: int too big to convert");
     EXPECT_EQ(raised("type(w).__dict__['size'].__set__(w, 2 ** 70)"), "OverflowError: int too big to convert");
     EXPECT_EQ(repr("w.size, w.tag"), "(3, None)");
-    EXPECT_EQ(raised("w.extra"), "RuntimeError: Unknown field 'extra' in an object of class testhost.Widget.");
+    EXPECT_EQ(raised("w.extra"), "MissingMemberError: Unknown field 'extra' in an object of class testhost.Widget.");
 }
 
 TEST_F(AttributesTest, MethodsComeBackBoundToTheValue) {
@@ -145,11 +145,12 @@ TEST_F(AttributesTest, APropertyIsFoundBeforeAMethodOfTheSameName) {
 
 TEST_F(AttributesTest, AnUnknownNameReportsTheMissingFieldError) {
     GilGuard gil;
-    EXPECT_EQ(raised("w.nothing"), "RuntimeError: Unknown field 'nothing' in an object of class testhost.Widget.");
+    EXPECT_EQ(raised("w.nothing"), "MissingMemberError: Unknown field 'nothing' in an object of class testhost.Widget.");
     put("numbers", tala::List<tala::Integer>{1});
-    EXPECT_EQ(raised("numbers.nothing"), "RuntimeError: Unknown field 'nothing' in an object of class List.");
-    // Only AttributeError makes hasattr() answer False; the host's error passes through.
-    EXPECT_EQ(raised("hasattr(w, 'nothing')"), "RuntimeError: Unknown field 'nothing' in an object of class testhost.Widget.");
+    EXPECT_EQ(raised("numbers.nothing"), "MissingMemberError: Unknown field 'nothing' in an object of class List.");
+    // The missing member is an AttributeError too (and still a RuntimeError), so that hasattr()
+    // and getattr() with a default answer.
+    EXPECT_EQ(repr("hasattr(w, 'nothing'), getattr(w, 'nothing', 7), hasattr(w, 'size')"), "(False, 7, True)");
 }
 
 // ---- Names that begin with "_" ------------------------------------------------------------------
@@ -200,7 +201,7 @@ TEST_F(AttributesTest, ModuleMembersAreItsClassesAndFunctions) {
     GilGuard gil;
     EXPECT_EQ(repr("testhost.join('a', 'b')"), "'a-b'");
     EXPECT_EQ(repr("testhost.Widget.__name__"), "'Widget'");
-    EXPECT_EQ(raised("testhost.missing"), "RuntimeError: Unknown field 'missing' in an object of class Module.");
+    EXPECT_EQ(raised("testhost.missing"), "MissingMemberError: Unknown field 'missing' in an object of class Module.");
 }
 
 // ---- Reflective classes -------------------------------------------------------------------------
@@ -213,7 +214,7 @@ TEST_F(AttributesTest, AClassThatAnswersLookUpsItselfAndItsOrdinaryMembers) {
     // The reflective methods know nothing of these: the look-up that bypasses them finds them.
     EXPECT_EQ(repr("r.plain"), "'plain property'");
     EXPECT_EQ(repr("r.plainMethod()"), "'plain method'");
-    EXPECT_EQ(raised("r.neither"), "RuntimeError: Unknown field 'neither' in an object of class testhost.Reflective.");
+    EXPECT_EQ(raised("r.neither"), "MissingMemberError: Unknown field 'neither' in an object of class testhost.Reflective.");
 }
 
 // ---- Lazy values and errors ---------------------------------------------------------------------
@@ -227,7 +228,7 @@ TEST_F(AttributesTest, MembersOfALazyValueItself) {
     EXPECT_EQ(repr("testhost.lazy_error().orElse(7)"), "7");
     EXPECT_EQ(raisedHostError("testhost.lazy_error().resolved"), "testhost.TestError: Not computable.");
     // The members of the value it stands for are not looked at: a lazy value is its own object.
-    EXPECT_EQ(raised("lazy.upper"), "RuntimeError: Unknown field 'upper' in an object of class Lazy.");
+    EXPECT_EQ(raised("lazy.upper"), "MissingMemberError: Unknown field 'upper' in an object of class Lazy.");
 }
 
 TEST_F(AttributesTest, APropertyWhoseGetterFailsRaisesTheExceptionTypeOfTheErrorClass) {
@@ -252,7 +253,7 @@ TEST_F(AttributesTest, ReadingAnyAttributeOfAWrappedErrorRaisesIt) {
                     "    testhost.fail('wrapped')\n"
                     "except RuntimeError as error:\n"
                     "    wrapped = error.tala\n"));
-    EXPECT_EQ(repr("type(wrapped).__name__"), "'tala~testhost`TestError'");
+    EXPECT_EQ(repr("type(wrapped).__name__"), "'TestError'");
     EXPECT_EQ(raisedHostError("wrapped.message"), "testhost.TestError: wrapped");
     EXPECT_EQ(raisedHostError("wrapped.anything"), "testhost.TestError: wrapped");
     EXPECT_EQ(raisedHostError("wrapped.tag"), "testhost.TestError: wrapped");
@@ -321,9 +322,10 @@ TEST_F(AttributesTest, ModuleOfAClassIsItsModulesName) {
     ASSERT_TRUE(boxOfIntegers.declaringContext().isEmpty());
     put("boxOfIntegers", boxOfIntegers);
     EXPECT_EQ(repr("boxOfIntegers.__module__"), "'generics'");
-    // Classes outside any module and plain values have none from the host.
+    // Classes outside any module have none from the host: Python's look-up answers with the
+    // module of the wrapper type, which is Python's builtins.
     put("listClass", tala::List_Generic::getClass());
-    EXPECT_EQ(raised("listClass.__module__"), "AttributeError: '>TalaObject' object has no attribute '__module__'");
+    EXPECT_EQ(repr("listClass.__module__"), "'builtins'");
 }
 
 TEST_F(AttributesTest, NameCodeAndTextSignature) {

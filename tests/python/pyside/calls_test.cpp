@@ -51,8 +51,8 @@ TEST_F(CallsTest, KeywordArgumentsAreBoundByName) {
     GilGuard gil;
     EXPECT_EQ(repr("testhost.join(b='y', a='x')"), "'x-y'");
     EXPECT_EQ(repr("testhost.join(a='x', b='y')"), "'x-y'");
-    EXPECT_EQ(raised("testhost.join(a='x', c='y')"), "RuntimeError: Missing argument: b.");
-    EXPECT_EQ(raised("testhost.join(a='x', b='y', c='z')"), "RuntimeError: Unknown argument: c.");
+    EXPECT_EQ(raised("testhost.join(a='x', c='y')"), "ArgumentError: join() missing 1 required argument: 'b'");
+    EXPECT_EQ(raised("testhost.join(a='x', b='y', c='z')"), "ArgumentError: join() got an unexpected keyword argument 'c'");
 }
 
 TEST_F(CallsTest, AnyKeywordArgumentMakesTheCallAByNameCallOnly) {
@@ -107,8 +107,8 @@ TEST_F(CallsTest, AnIntegerBeyondSixtyFourBitsRaisesOverflowError) {
 TEST_F(CallsTest, AnErrorResultOfTheHostRaisesIt) {
     GilGuard gil;
     EXPECT_EQ(raisedHostError("testhost.fail('boom')"), "testhost.TestError: boom");
-    EXPECT_EQ(raised("testhost.add('a', 1)"), "RuntimeError: Wrong type of argument 0: expected Integer, got String.");
-    EXPECT_EQ(raised("testhost.add(1)"), "RuntimeError: Wrong number of arguments: expected 2, got 1.");
+    EXPECT_EQ(raised("testhost.add('a', 1)"), "ArgumentError: add() argument 'a' must be Integer, not String");
+    EXPECT_EQ(raised("testhost.add(1)"), "ArgumentError: add() missing 1 required argument: 'b'");
 }
 
 TEST_F(CallsTest, CallingAValueThatIsNotInvokableRaisesRuntimeError) {

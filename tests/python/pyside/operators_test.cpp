@@ -132,9 +132,10 @@ TEST_F(OperatorsTest, HostListAsAPythonSequence) {
     EXPECT_EQ(repr("hl"), "[1, 20, 3]");
     ASSERT_TRUE(run("del hl[0]"));
     EXPECT_EQ(repr("hl"), "[20, 3]");
-    EXPECT_EQ(raised("hl[5]"), "RuntimeError: Index out of range: 5, size: 2.");
-    EXPECT_EQ(raised("hl[5] = 1"), "RuntimeError: Index out of range: 5, size: 2.");
+    EXPECT_EQ(raised("hl[5]"), "OutOfRangeError: Index out of range: 5, size: 2.");
+    EXPECT_EQ(raised("hl[5] = 1"), "OutOfRangeError: Index out of range: 5, size: 2.");
     EXPECT_EQ(raised("hl['a']"), "TypeError: sequence index must be integer, not 'str'");
+    EXPECT_EQ(raised("hl['a'] = 1"), "TypeError: sequence index must be integer, not 'str'");
 }
 
 TEST_F(OperatorsTest, HostSequenceClassAsAPythonSequence) {

@@ -76,10 +76,13 @@ TEST_F(TalaObjectTest, GenericTypesHaveTheRecordLayoutAndNoCycleCollection) {
         EXPECT_EQ(type->tp_basicsize, static_cast<Py_ssize_t>(sizeof(TalaObject)));
         EXPECT_EQ(type->tp_itemsize, 0);
         EXPECT_EQ(type->tp_flags & Py_TPFLAGS_HAVE_GC, 0u);
-        EXPECT_EQ(type->tp_flags & Py_TPFLAGS_HEAPTYPE, 0u);
+        // Heap types that Python code can neither change, nor derive from, nor instantiate.
+        EXPECT_NE(type->tp_flags & Py_TPFLAGS_HEAPTYPE, 0u);
+        EXPECT_NE(type->tp_flags & Py_TPFLAGS_IMMUTABLETYPE, 0u);
         EXPECT_EQ(type->tp_flags & Py_TPFLAGS_BASETYPE, 0u);
+        EXPECT_EQ(type->tp_new, nullptr);
         EXPECT_STREQ(type->tp_doc, "Wrapper around of a Tala object");
-        EXPECT_EQ(type->tp_base, &PyBaseObject_Type);  // filled in by PyType_Ready
+        EXPECT_EQ(type->tp_base, &PyBaseObject_Type);
     }
     PyObjectPtr wrapper = wrap(tala::List<tala::Integer>{});
     EXPECT_EQ(PyObject_GC_IsTracked(wrapper.get()), 0);
@@ -107,22 +110,35 @@ TEST_F(TalaObjectTest, ClassesDifferingInMappingAndSequenceFlagsGetDifferentGene
     EXPECT_EQ(seen.size(), 4u);
 }
 
-TEST_F(TalaObjectTest, GenericTypesShareTheirSlotTables) {
+// The protocol slots a type carries, as a short text: "call len item contains subscript".
+std::string slotsOf(PyTypeObject* type) {
+    std::string slots;
+    auto note = [&slots](bool present, const char* name) {
+        if (!present) return;
+        if (!slots.empty()) slots += " ";
+        slots += name;
+    };
+    note(type->tp_call != nullptr, "call");
+    note(type->tp_as_sequence != nullptr && type->tp_as_sequence->sq_length != nullptr, "len");
+    note(type->tp_as_sequence != nullptr && type->tp_as_sequence->sq_item != nullptr, "item");
+    note(type->tp_as_sequence != nullptr && type->tp_as_sequence->sq_contains != nullptr, "contains");
+    note(type->tp_as_sequence != nullptr && type->tp_as_sequence->sq_concat != nullptr, "concat");
+    note(type->tp_as_mapping != nullptr && type->tp_as_mapping->mp_subscript != nullptr, "subscript");
+    return slots;
+}
+
+TEST_F(TalaObjectTest, GenericTypesCarryTheSlotsOfTheirTables) {
     GilGuard gil;
-    EXPECT_EQ(genericType(Callable)->tp_as_mapping, nullptr);
-    EXPECT_EQ(genericType(Minimal)->tp_as_mapping, nullptr);
-    EXPECT_EQ(genericType(FullSequence)->tp_as_mapping, nullptr);
-    ASSERT_NE(genericType(SetLikeWithMapping)->tp_as_mapping, nullptr);
-    EXPECT_EQ(genericType(SetLikeWithMapping)->tp_as_mapping, genericType(FullSequenceWithMapping)->tp_as_mapping);
-
-    EXPECT_EQ(genericType(Callable)->tp_as_sequence, genericType(Minimal)->tp_as_sequence);
-    EXPECT_EQ(genericType(FullSequence)->tp_as_sequence, genericType(FullSequenceWithMapping)->tp_as_sequence);
-    EXPECT_NE(genericType(Minimal)->tp_as_sequence, genericType(FullSequence)->tp_as_sequence);
-    EXPECT_NE(genericType(Minimal)->tp_as_sequence, genericType(SetLikeWithMapping)->tp_as_sequence);
-    EXPECT_NE(genericType(FullSequence)->tp_as_sequence, genericType(SetLikeWithMapping)->tp_as_sequence);
-
+    EXPECT_EQ(slotsOf(genericType(Callable)), "call concat");
+    EXPECT_EQ(slotsOf(genericType(Minimal)), "concat");
+    // A full sequence also takes subscripts through the mapping slot, for slices.
+    EXPECT_EQ(slotsOf(genericType(FullSequence)), "len item contains concat subscript");
+    EXPECT_EQ(slotsOf(genericType(SetLikeWithMapping)), "contains concat subscript");
+    EXPECT_EQ(slotsOf(genericType(FullSequenceWithMapping)), "len item contains concat subscript");
     for (int which = Callable; which <= FullSequenceWithMapping; ++which) {
-        EXPECT_EQ(genericType(static_cast<GenericType>(which))->tp_as_number, genericType(Callable)->tp_as_number);
+        PyTypeObject* type = genericType(static_cast<GenericType>(which));
+        EXPECT_EQ(type->tp_as_number->nb_subtract, genericType(Callable)->tp_as_number->nb_subtract);
+        EXPECT_EQ(type->tp_as_number->nb_add, nullptr);
     }
 }
 
@@ -136,12 +152,20 @@ TEST_F(TalaObjectTest, InvokableClassesGetTheGenericCallableType) {
     EXPECT_EQ(typeOf(function)->tp_name, kTalaObjectTypeName);
 }
 
-TEST_F(TalaObjectTest, BuiltInContainersGetTheGenericTypeOfTheirKind) {
+TEST_F(TalaObjectTest, BuiltInContainersGetTheGenericTablesOfTheirKind) {
     GilGuard gil;
-    EXPECT_EQ(typeOf(wrap(tala::List<tala::Integer>{})), genericType(FullSequence));
-    EXPECT_EQ(typeOf(wrap(tala::HashMap<tala::String, tala::Integer>{})), genericType(SetLikeWithMapping));
-    // Set-like classes outside a module have neither of the two deciding flags.
-    EXPECT_EQ(typeOf(wrap(tala::Set<tala::Integer>{})), genericType(Minimal));
+    PyTypeObject* list = typeOf(wrap(tala::List<tala::Integer>{}));
+    PyTypeObject* map = typeOf(wrap(tala::HashMap<tala::String, tala::Integer>{}));
+    PyTypeObject* set = typeOf(wrap(tala::Set<tala::Integer>{}));
+    EXPECT_EQ(slotsOf(list), slotsOf(genericType(FullSequence)));
+    EXPECT_EQ(slotsOf(map), slotsOf(genericType(SetLikeWithMapping)));
+    // A set takes the set-like tables, as a per-class type of a set does.
+    EXPECT_EQ(slotsOf(set), slotsOf(genericType(SetLikeWithMapping)));
+    for (PyTypeObject* type : {list, map, set}) EXPECT_EQ(type->tp_name, kTalaObjectTypeName);
+    // Each is registered with the collections.abc class of the interfaces it implements, so it is
+    // a type of its own beside the generic type of its tables.
+    EXPECT_NE(list, genericType(FullSequence));
+    EXPECT_EQ(list, typeOf(wrap(tala::List<tala::String>{})));
 }
 
 // ---- Per-class types ----------------------------------------------------------------------------
@@ -188,16 +212,11 @@ TEST_F(TalaObjectTest, PerClassTypeTablesFollowTheClassFlags) {
     PyTypeObject* sequence = type("Sequence", tala::class_flags::Sequence);
     PyTypeObject* both = type("Both", tala::class_flags::Mapping | tala::class_flags::Sequence);
 
-    EXPECT_EQ(plain->tp_as_sequence, genericType(Minimal)->tp_as_sequence);
-    EXPECT_EQ(plain->tp_as_mapping, nullptr);
-    EXPECT_EQ(mapping->tp_as_sequence, genericType(SetLikeWithMapping)->tp_as_sequence);
-    EXPECT_EQ(mapping->tp_as_mapping, genericType(SetLikeWithMapping)->tp_as_mapping);
-    EXPECT_EQ(setLike->tp_as_sequence, genericType(SetLikeWithMapping)->tp_as_sequence);
-    EXPECT_EQ(setLike->tp_as_mapping, genericType(SetLikeWithMapping)->tp_as_mapping);
-    EXPECT_EQ(sequence->tp_as_sequence, genericType(FullSequence)->tp_as_sequence);
-    EXPECT_EQ(sequence->tp_as_mapping, nullptr);
-    EXPECT_EQ(both->tp_as_sequence, genericType(FullSequence)->tp_as_sequence);
-    EXPECT_EQ(both->tp_as_mapping, genericType(SetLikeWithMapping)->tp_as_mapping);
+    EXPECT_EQ(slotsOf(plain), "call concat");
+    EXPECT_EQ(slotsOf(mapping), "call contains concat subscript");
+    EXPECT_EQ(slotsOf(setLike), "call contains concat subscript");
+    EXPECT_EQ(slotsOf(sequence), "call len item contains concat subscript");
+    EXPECT_EQ(slotsOf(both), "call len item contains concat subscript");
     EXPECT_STREQ(both->tp_name, "tala~flags`module`Both");
 }
 
@@ -254,7 +273,7 @@ TEST_F(TalaObjectTest, CallingANonInvokableWrapperRaisesPythonsTypeError) {
 TEST_F(TalaObjectTest, LenOfTheMinimalTypeRaisesPythonsTypeError) {
     GilGuard gil;
     PyObjectPtr wrapper = wrap(tala::make_instance(kept(tala::ClassBuilder("NoLength").build())));
-    ASSERT_EQ(typeOf(wrapper), genericType(Minimal));
+    ASSERT_EQ(slotsOf(typeOf(wrapper)), slotsOf(genericType(Minimal)));
     EXPECT_EQ(PyObject_Size(wrapper.get()), -1);
     EXPECT_EQ(takePendingError(), "TypeError: object of type '>TalaObject' has no len()");
 }
