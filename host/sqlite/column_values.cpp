@@ -62,9 +62,13 @@ Any decimalFromReal(double value, int scale) {
     if (!std::isfinite(value)) return Float(value);
     char buffer[64];
     if (scale >= 0) {
-        const int length = std::snprintf(buffer, sizeof buffer, "%.*f", scale, value);
-        if (length > 0 && static_cast<std::size_t>(length) < sizeof buffer) {
-            return decimalFromText(std::string_view(buffer, static_cast<std::size_t>(length)), Float(value));
+        // The declared scale writes the number out ("4.50"), but never changes it: a value with
+        // more digits than the scale (4.567 in a DECIMAL(10,2) column) keeps them all.
+        // (to_chars and from_chars: the C locale always, whatever a script set.)
+        const auto [written, failed] = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed, scale);
+        double back = 0.0;
+        if (failed == std::errc() && std::from_chars(buffer, written, back).ec == std::errc() && back == value) {
+            return decimalFromText(std::string_view(buffer, static_cast<std::size_t>(written - buffer)), Float(value));
         }
     }
     const auto [end, error] = std::to_chars(buffer, buffer + sizeof buffer, value);
@@ -186,9 +190,16 @@ Any bindText(sqlite3_stmt* statement, int index, std::string_view text) {
     return bound(statement, sqlite3_bind_text64(statement, index, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8));
 }
 
+// A parameter as a message names it: by its name when it has one (":price"), else by its position.
 String parameterLabel(sqlite3_stmt* statement, int index) {
-    if (const char* name = sqlite3_bind_parameter_name(statement, index)) return String(name);
-    return String("?" + std::to_string(index));
+    const char* name = sqlite3_bind_parameter_name(statement, index);
+    if (name != nullptr && name[0] != '?') return String(name);
+    return String(std::to_string(index));
+}
+
+Error unbindable(sqlite3_stmt* statement, int index, const Any& value) {
+    return sqlError(SQLITE_MISMATCH, String("Parameter {}: a value of type '{}' cannot be bound.")
+                                         .arg(parameterLabel(statement, index), type_name_of(value)));
 }
 
 Any bindObject(sqlite3_stmt* statement, int index, const Any& value) {
@@ -197,9 +208,7 @@ Any bindObject(sqlite3_stmt* statement, int index, const Any& value) {
     if (auto dateTime = DateTime::cast(value)) return bindText(statement, index, dateTimeText(*dateTime));
     if (auto time = Time::cast(value)) return bindText(statement, index, timeText(*time));
     if (auto text = String::cast(value)) return bindText(statement, index, text->view());
-    return sqlError(SQLITE_MISMATCH, String("The parameter {} cannot take a value of the class {}: only None, "
-                                            "booleans, numbers, text, bytes, decimals, dates and times can be stored.")
-                                         .arg(parameterLabel(statement, index), raw_class_of(value).qualname()));
+    return unbindable(statement, index, value);
 }
 
 }  // namespace
@@ -251,11 +260,7 @@ Any bindValue(sqlite3_stmt* statement, int index, const Any& value) {
             return bound(statement, sqlite3_bind_blob64(statement, index, bytes.data(), bytes.size(), SQLITE_TRANSIENT));
         }
         case Kind::Object: return bindObject(statement, index, value);
-        default:
-            return sqlError(SQLITE_MISMATCH, String("The parameter {} cannot take a value of the class {}: only None, "
-                                                    "booleans, numbers, text, bytes, decimals, dates and times can be "
-                                                    "stored.")
-                                                 .arg(parameterLabel(statement, index), raw_class_of(value).qualname()));
+        default: return unbindable(statement, index, value);
     }
 }
 

@@ -33,6 +33,9 @@ const Identifier kTables{"$$tables"};
 const Identifier kPath{"$$path"};
 const Identifier kIsOpen{"$$isOpen"};
 const Identifier kLastInsertRowId{"$$lastInsertRowId"};
+const Identifier kInTransaction{"$$inTransaction"};
+const Identifier kEnter{"$__enter__"};
+const Identifier kExit{"$__exit__"};
 
 // ---- Operations, each under the connection's lock -------------------------------------------
 
@@ -118,6 +121,46 @@ Any executeScript(const Database& database, const String& sql) {
     });
 }
 
+// ---- `with db:` --------------------------------------------------------------------------------
+
+// Opens a block: begins a transaction unless one is open already (the caller's own, or an outer
+// block's), and gives the database, as Python's `with` hands it to `as`.
+Any enterBlock(const Database& database) {
+    Any entered = withConnection(database, [&](sqlite3* connection) -> Any {
+        const bool begins = sqlite3_get_autocommit(connection) != 0;
+        if (begins) {
+            if (Any begun = runPlain(connection, "BEGIN"); is_error_result(begun)) return begun;
+        }
+        database.cell()->scopes.push_back(begins);
+        return Any();
+    });
+    if (is_error_result(entered)) return entered;
+    return database;
+}
+
+// Closes a block: a block that began the transaction commits it when the block succeeded and
+// rolls it back when it raised (`error` is what it raised). A commit that fails rolls back and is
+// the block's error. The block's exception is never swallowed.
+Any exitBlock(const Database& database, const Any& error) {
+    return withConnection(database, [&](sqlite3* connection) -> Any {
+        std::vector<bool>& scopes = database.cell()->scopes;
+        if (scopes.empty()) return sqlError(SQLITE_MISUSE, String("The database's with block was left without being entered."));
+        const bool began = scopes.back();
+        scopes.pop_back();
+        const bool open = sqlite3_get_autocommit(connection) == 0;
+        if (!began || !open) return Any(Boolean(false));
+        if (error.isEmpty()) {
+            if (Any committed = runPlain(connection, "COMMIT"); is_error_result(committed)) {
+                if (sqlite3_get_autocommit(connection) == 0) (void)runPlain(connection, "ROLLBACK");
+                return committed;
+            }
+            return Any(Boolean(false));
+        }
+        if (Any rolledBack = runPlain(connection, "ROLLBACK"); is_error_result(rolledBack)) return rolledBack;
+        return Any(Boolean(false));
+    });
+}
+
 Any tables(const Database& database) {
     return withConnection(database, [](sqlite3* connection) -> Any {
         Statement statement;
@@ -166,6 +209,9 @@ Class_Generic buildDatabaseClass() {
                  "String, ByteArray or None by their storage class, and as Decimal, Date, DateTime or\n"
                  "Boolean where the column is declared DECIMAL or NUMERIC, DATE, DATETIME or\n"
                  "TIMESTAMP, BOOLEAN. Decimals, dates and times are stored as their exact text.\n"
+                 "\n"
+                 "`with db:` runs a block in a transaction: committed when the block succeeds, rolled\n"
+                 "back when it raises (inside a transaction opened before it, the block changes nothing).\n"
                  "\n"
                  "Any number of threads may use one database: each call runs alone on the connection.\n"
                  "Every failure is an SqlError; every call on a closed database fails with \"The\n"
@@ -221,6 +267,23 @@ Class_Generic buildDatabaseClass() {
                     return Integer(sqlite3_last_insert_rowid(connection));
                 }));
             }, "The rowid of the last row inserted through this connection, by any thread.")
+            .property(kInTransaction, [](const Database& database) {
+                return Union<Boolean, Error>(internal::unchecked, withConnection(database, [](sqlite3* connection) -> Any {
+                    return Boolean(sqlite3_get_autocommit(connection) == 0);
+                }));
+            }, "Whether a transaction is open on the connection (begun by a with block or by BEGIN).")
+            // Gives the database itself (its type is not known yet while the class is built).
+            .method(kEnter, blocking(native_function(
+                [](const Database& database) { return Union<Any, Error>(internal::unchecked, enterBlock(database)); },
+                String("__enter__"), {},
+                "Begins a with block: a transaction, unless one is open already; gives the database.", false)))
+            .method(kExit, blocking(native_function(
+                [](const Database& database, const Any&, const Any& error, const Any&) {
+                    return Union<Boolean, Error>(internal::unchecked, exitBlock(database, error));
+                },
+                String("__exit__"), {"type", "error", "traceback"},
+                "Ends a with block: commits the transaction it began when the block succeeded, rolls it back "
+                "when the block raised; a block inside a transaction opened before it changes nothing.", false)))
             .method(Any::$__display__, [](const Database& database) { return displayDatabase(database); }, {},
                     "The database as Database('path').")
             .build();

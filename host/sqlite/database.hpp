@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 
 #include <mutex>
+#include <vector>
 
 #include "tala/tala.hpp"
 
@@ -22,6 +23,10 @@ public:
     std::mutex lock;
     sqlite3* connection;  // guarded by `lock`; null once closed
     const String path;
+    // One entry per `with` block open on the connection, innermost last: whether that block
+    // began the transaction (a block inside a transaction someone else began leaves it alone).
+    // Guarded by `lock`.
+    std::vector<bool> scopes;
 };
 
 // A value whose cell is a DatabaseCell.

@@ -1,6 +1,7 @@
 // host/sqlite/errors.cpp: the error class SqlError, and errors made from a connection's state.
 #include "errors.hpp"
 
+#include "result_codes.hpp"
 #include "sqlite_module.hpp"
 
 namespace tala::sqlite {
@@ -9,6 +10,7 @@ namespace {
 
 const Identifier kCodeField{"$_code"};
 const Identifier kCode{"$$code"};
+const Identifier kCodeName{"$$codeName"};
 
 }  // namespace
 
@@ -18,7 +20,8 @@ Class_Generic sqlErrorClass() {
             .doc("An error of the database: its message is SQLite's own (\"no such table: x\",\n"
                  "\"UNIQUE constraint failed: products.sku\"), or for a misuse of the module a sentence\n"
                  "saying what was wrong. Raised in Python as the exception type sqlite.SqlError,\n"
-                 "derived from RuntimeError, which carries this error in its attribute `tala`.")
+                 "derived from RuntimeError: its message is str(e), and its code and codeName read\n"
+                 "on the exception (e.code, e.codeName).")
             .declaringContext(sqliteModule())
             .parent(Error::getClass())
             .field(kCodeField, Integer::getType())
@@ -27,6 +30,10 @@ Class_Generic sqlErrorClass() {
                 return code.kind() == Kind::Integer ? code : Any(Integer(SQLITE_ERROR));
             }, "SQLite's extended result code (19 or 2067 for a constraint, 21 for a misuse, 25 for a "
                "parameter out of range, ...); 1 when none was given.")
+            .property(kCodeName, [](const Any& self) -> Any {
+                const Any code = self.fieldValue(kCodeField);
+                return String(resultCodeName(code.kind() == Kind::Integer ? int(code.rawInteger()) : SQLITE_ERROR));
+            }, "The name of the result code, as sqlite3.h names it (\"SQLITE_CONSTRAINT_UNIQUE\").")
             .build();
     });
     return registration.get();

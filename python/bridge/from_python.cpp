@@ -60,7 +60,14 @@ Any fromFloat(PyObject* object) {
 Any fromNumber(PyObject* object) {
     PyObjectPtr number = PyObjectPtr::steal(PyNumber_Long(object));
     if (!number) return Integer(-1);  // the failure stays pending for the caller
-    return Integer(PyLong_AsLongLong(number.get()));
+    int overflow = 0;
+    const long long value = PyLong_AsLongLongAndOverflow(number.get(), &overflow);
+    if (overflow == 0) return Integer(value);
+    // An int beyond 64 bits is no host value: -1 with OverflowError pending, for the caller to
+    // report. Any other object whose integer value is that large (a UUID) is no number the host
+    // could hold either, but it stays the object it is.
+    if (PyLong_Check(object)) return Integer(PyLong_AsLongLong(number.get()));
+    return makePythonProxy(object);
 }
 
 Any fromDecimal(PyObject* object) {

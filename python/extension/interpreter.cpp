@@ -106,9 +106,9 @@ void afterForkInChild() {
 #endif
 
 // help() and pydoc show a host value's documentation (its class's text and members) instead of
-// the wrapper type's page.
+// the wrapper type's page, and json encodes host containers as the containers they are.
 void installHelpForHostValues() {
-    PyObject* install = supportFunction("install_help");
+    PyObject* install = supportFunction("install_standard_module_patches");
     PyObjectPtr done = install != nullptr ? PyObjectPtr::steal(PyObject_CallNoArgs(install)) : PyObjectPtr();
     if (!done) PyErr_Clear();
 }

@@ -204,17 +204,42 @@ def _patch_pydoc(pydoc):
     pydoc.render_doc = render_doc
 
 
-class _PydocHook:
-    # Waits for pydoc's import, so that help() and pydoc show host values with their host
-    # documentation; it leaves the search for modules to the finders after it.
+def _patch_json_encoder(encoder):
+    # Host lists, maps, sets and rows encode as the lists and objects they hold, as Python's own
+    # containers do; any other object is left to the encoder as before.
+    JSONEncoder = encoder.JSONEncoder
+    original = JSONEncoder.default
+    if getattr(original, '_tala_host_values', False):
+        return
+
+    def default(self, o):
+        if is_host_value(o):
+            import collections.abc
+            if isinstance(o, collections.abc.Mapping):
+                return dict(o)
+            if isinstance(o, (collections.abc.Sequence, collections.abc.Set)):
+                return list(o)
+        return original(self, o)
+
+    default._tala_host_values = True
+    default.__wrapped__ = original
+    default.__doc__ = original.__doc__
+    JSONEncoder.default = default
+
+
+# Standard modules that learn about host values when they are imported.
+_PATCHES = {'pydoc': _patch_pydoc, 'json.encoder': _patch_json_encoder}
+
+
+class _StandardModuleHook:
+    # Waits for the imports of the modules in _PATCHES, so that help(), pydoc and json know host
+    # values; it leaves the search for every module to the finders after it.
     @classmethod
     def find_spec(cls, name, path=None, target=None):
-        if name != 'pydoc':
+        patch = _PATCHES.get(name)
+        if patch is None:
             return None
-        import sys
         import importlib.machinery
-        if cls in sys.meta_path:
-            sys.meta_path.remove(cls)
         spec = importlib.machinery.PathFinder.find_spec(name, path)
         if spec is None or spec.loader is None:
             return spec
@@ -226,7 +251,7 @@ class _PydocHook:
 
             def exec_module(self, module):
                 loader.exec_module(module)
-                _patch_pydoc(module)
+                patch(module)
 
             def __getattr__(self, attribute):
                 return getattr(loader, attribute)
@@ -235,12 +260,13 @@ class _PydocHook:
         return spec
 
 
-def install_help():
+def install_standard_module_patches():
     import sys
-    if 'pydoc' in sys.modules:
-        _patch_pydoc(sys.modules['pydoc'])
-    elif _PydocHook not in sys.meta_path:
-        sys.meta_path.insert(0, _PydocHook)
+    for name, patch in _PATCHES.items():
+        if name in sys.modules:
+            patch(sys.modules[name])
+    if _StandardModuleHook not in sys.meta_path:
+        sys.meta_path.insert(0, _StandardModuleHook)
 
 
 def format_exception(exception, program, source, generated_top):
@@ -262,9 +288,12 @@ PyObject* supportNamespace() {
         PyObjectPtr globals = PyObjectPtr::steal(PyDict_New());
         PyObjectPtr name = PyObjectPtr::steal(PyUnicode_FromString("tala_python_support"));
         PyObjectPtr describe = PyObjectPtr::steal(PyCFunction_New(describeHostValueFunction(), nullptr));
-        if (!globals || !name || !describe || PyDict_SetItemString(globals.get(), "__builtins__", PyEval_GetBuiltins()) < 0 ||
+        PyObjectPtr isHost = PyObjectPtr::steal(PyCFunction_New(isHostValueFunction(), nullptr));
+        if (!globals || !name || !describe || !isHost ||
+            PyDict_SetItemString(globals.get(), "__builtins__", PyEval_GetBuiltins()) < 0 ||
             PyDict_SetItemString(globals.get(), "__name__", name.get()) < 0 ||
-            PyDict_SetItemString(globals.get(), "describe_host_value", describe.get()) < 0) {
+            PyDict_SetItemString(globals.get(), "describe_host_value", describe.get()) < 0 ||
+            PyDict_SetItemString(globals.get(), "is_host_value", isHost.get()) < 0) {
             PyErr_Clear();
             return;
         }

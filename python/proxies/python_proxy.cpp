@@ -226,6 +226,25 @@ Union<Any, Lazy<Any>, Error> callPythonMethod(const Any& self, const String& nam
     return from_python_result(result.get());
 }
 
+namespace {
+
+// `type(object).__name__`: what Python calls the object's type in its own messages.
+String typeNameOfProxy(const PythonProxy& self) {
+    GilGuard gil;
+    PyObject* object = pyobjectOf(self);
+    if (object == nullptr) return String("NoneType");
+    PyObjectPtr name = PyObjectPtr::steal(PyType_GetName(Py_TYPE(object)));
+    Py_ssize_t size = 0;
+    const char* text = name ? PyUnicode_AsUTF8AndSize(name.get(), &size) : nullptr;
+    if (text == nullptr) {
+        PyErr_Clear();
+        return String(Py_TYPE(object)->tp_name);
+    }
+    return String(text, static_cast<std::size_t>(size));
+}
+
+}  // namespace
+
 Class_Generic PythonProxy::getClass() {
     static const ClassRegistration registration("PythonProxy", [] {
         auto removeNothing = [](const PythonProxy&, const ByteArray&) -> Union<Boolean, Lazy<Boolean>, Error> {
@@ -260,6 +279,8 @@ Class_Generic PythonProxy::getClass() {
             .method(Any::$__display__, [](const PythonProxy& self) { return displayProxy(self); })
             .method(Any::$__compare__, [](const PythonProxy& self, const Any& other) { return compareProxy(self, other); },
                     {"other"})
+            .method(Any::$__typeName__, [](const PythonProxy& self) { return typeNameOfProxy(self); }, {},
+                    "The name of the Python object's type, for messages about it.")
             .build();
         Module::create("tala.python").addClass(cls);
         return cls;

@@ -163,6 +163,8 @@ PyObject* describeSlot(PyObject* self, PyObject* object) noexcept {
     }
 }
 
+PyObject* isHostValue(PyObject*, PyObject* object) noexcept { return wrappedHostValue(object) != nullptr ? Py_True : Py_False; }
+
 }  // namespace
 
 PyObject* signatureOf(const I_Invokable_Generic& invokable) {
@@ -174,6 +176,11 @@ PyObject* signatureOf(const I_Invokable_Generic& invokable) {
 PyMethodDef* describeHostValueFunction() {
     static PyMethodDef definition{"describe_host_value", describeSlot, METH_O,
                                   "What help() shows of a wrapped host value, or None for any other object."};
+    return &definition;
+}
+
+PyMethodDef* isHostValueFunction() {
+    static PyMethodDef definition{"is_host_value", isHostValue, METH_O, "Whether the object is a wrapped host value."};
     return &definition;
 }
 

@@ -18,4 +18,8 @@ PyObject* signatureOf(const I_Invokable_Generic& invokable);
 // properties) for help() to render.
 PyMethodDef* describeHostValueFunction();
 
+// The definition of the support program's `is_host_value(object)`: whether the object is a
+// wrapped host value.
+PyMethodDef* isHostValueFunction();
+
 }  // namespace tala::python

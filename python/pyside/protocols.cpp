@@ -194,7 +194,11 @@ PyObject* enterMethod(PyObject* self, PyObject*) {
     GilGuard gil;
     const Any* wrapped = wrappedHostValue(self);
     if (wrapped == nullptr) return PyObjectPtr::borrow(self).release();
-    return toPythonLocked(callHostMethod(*wrapped, kEnter, {}));
+    const Any value = *wrapped;
+    const Any entered = callHostMethod(value, kEnter, {});
+    // `with db as same:` gives the very object when the host gives the value itself.
+    if (entered.isSame(value)) return PyObjectPtr::borrow(self).release();
+    return toPythonLocked(entered);
 }
 
 // __exit__(type, exception, traceback): the exception reaches the host as its error; the host's

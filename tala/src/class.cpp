@@ -52,7 +52,7 @@ const IdentifierNode* const* reflectiveNames() {
         Any::$__method__.node(),           Any::$__ownMethod__.node(),       Any::$__ownMethods__.node(),
         Any::$__insertProperty__.node(),   Any::$__insertMethod__.node(),    Any::$__removeProperty__.node(),
         Any::$__removeMethod__.node(),     Any::$__display__.node(),         Any::$__compare__.node(),
-        Any::$__hash__.node(),
+        Any::$__hash__.node(),             Any::$__typeName__.node(),
     };
     return names;
 }

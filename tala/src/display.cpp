@@ -728,4 +728,12 @@ std::uint64_t hashWalk(const Any& value) {
 
 }  // namespace
 
+String type_name_of(const Any& value) {
+    const internal::ClassCell* cls = internal::classCellOf(value);
+    if (const Any* name = cls->reflective(internal::ReflectiveTypeName)) {
+        if (auto text = String::cast(resolve(I_Invokable_Generic(internal::unchecked, *name)(value)))) return *text;
+    }
+    return cls->name;
+}
+
 }  // namespace tala

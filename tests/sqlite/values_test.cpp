@@ -172,8 +172,10 @@ TEST_F(ValuesTest, DateTimeColumnsReadTheFormsOfSqliteAndIso) {
 TEST_F(ValuesTest, AValueWithoutSqlFormIsRefused) {
     const Any result = call(database, "execute", {String("INSERT INTO v (n) VALUES (?)"), List<Any>{List<Any>{Integer(1)}}});
     EXPECT_EQ(className(result), "sqlite.SqlError");
-    EXPECT_EQ(errorMessage(result), "The parameter ?1 cannot take a value of the class List: only None, booleans, "
-                                    "numbers, text, bytes, decimals, dates and times can be stored.");
+    EXPECT_EQ(errorMessage(result), "Parameter 1: a value of type 'List' cannot be bound.");
+    const Any named = call(database, "execute", {String("INSERT INTO v (n) VALUES (:n)"),
+                                                 tala::HashMap<String, Any>{{String("n"), tala::Set<Any>{}}}});
+    EXPECT_EQ(errorMessage(named), "Parameter :n: a value of type 'Set' cannot be bound.");
 }
 
 // ---- The same from Python ------------------------------------------------------------------------

@@ -202,6 +202,7 @@ public:
     static inline const Identifier $__display__{"$__display__"};
     static inline const Identifier $__compare__{"$__compare__"};
     static inline const Identifier $__hash__{"$__hash__"};
+    static inline const Identifier $__typeName__{"$__typeName__"};
     static inline const Identifier $at{"$at"};
     static inline const Identifier $atOr{"$atOr"};
     static inline const Identifier $set{"$set"};

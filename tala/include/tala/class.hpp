@@ -157,6 +157,7 @@ enum Reflective : int {
     ReflectiveDisplay,
     ReflectiveCompare,
     ReflectiveHash,
+    ReflectiveTypeName,
     ReflectiveCount,
 };
 

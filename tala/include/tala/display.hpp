@@ -24,6 +24,11 @@ std::int64_t compare_objects(const Any& a, const Any& b);
 // answer that.
 std::uint64_t hash_of(const Any& value);
 
+// The name of a value's type as messages give it to a person: its class's name, or, for an
+// object that stands for another language's object (a proxy), the name that language gives the
+// object's type, which the class answers through its __typeName__.
+String type_name_of(const Any& value);
+
 inline bool operator==(const Any& a, const Any& b) { return compare_objects(a, b) == 0; }
 
 }  // namespace tala
