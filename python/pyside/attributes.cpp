@@ -184,6 +184,9 @@ PyObject* readAttribute(PyObject* self, PyObject* name) {
     if (wrapped == nullptr) return PyObject_GenericGetAttr(self, name);
     const Any value = *wrapped;  // the wrapper may go while the host runs
     if (text->starts_with('_')) {
+        // Calling a host invokable's __call__ calls the invokable: it is the invokable itself,
+        // whose signature is the host's (what unittest.mock and inspect read).
+        if (*text == "__call__" && I_Invokable_Generic::matches(value)) return PyObjectPtr::borrow(self).release();
         if (PyObject* answer = introspect(value, *text)) return answer;
         if (PyErr_Occurred() != nullptr) return nullptr;
         return PyObject_GenericGetAttr(self, name);

@@ -223,6 +223,10 @@ std::optional<std::int64_t> position(const Any& value, std::int64_t index) {
     if (index >= 0) return index;
     auto length = sequenceLength(value);
     if (!length) return std::nullopt;
+    if (index + *length < 0) {
+        raise_host_error(OutOfRangeError(String("Index out of range: {}, size: {}.").arg(Integer(index), Integer(*length))));
+        return std::nullopt;
+    }
     return index + *length;
 }
 
@@ -346,6 +350,10 @@ int assignSubscript(PyObject* self, PyObject* keyObject, PyObject* newValue) {
     auto value = operand(self);
     if (!value) return 0;
     if (PySlice_Check(keyObject) && I_Sequence_Generic::matches(*value)) {
+        if (!I_MutableSequence_Generic::matches(*value)) {
+            PyErr_Format(PyExc_TypeError, "'%s' object does not support item assignment", type_name_of(*value).c_str());
+            return -1;
+        }
         return newValue == nullptr ? deleteSlice(*value, keyObject) : assignSlice(*value, keyObject, newValue);
     }
     Any key = fromPythonLocked(keyObject);

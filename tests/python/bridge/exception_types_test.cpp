@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "bridge/errors.hpp"
+#include "bridge/from_python.hpp"
 #include "bridge/to_python.hpp"
 #include "proxies/python_type.hpp"
 #include "pyside/tala_object.hpp"
@@ -247,6 +248,101 @@ TEST_F(ExceptionTypeTest, UncaughtHostErrorLeavesPythonWithTheHostError) {
         PyDict_Clear(globals.get());
     }
     EXPECT_EQ(hostRefCount(error), before);
+}
+
+// ---- Python's exception protocol -------------------------------------------------------------
+
+// The value of `expression` after running `code`, in globals where `raise_host_error()` raises
+// `error`; repr() of it.
+std::string afterRaising(const tala::Error& error, const std::string& code, const char* expression) {
+    GilGuard gil;
+    PyObjectPtr globals = globalsRaising(error);
+    if (!runPython(code.c_str(), globals.get())) return "<raised " + takePendingError() + ">";
+    PyObjectPtr value = tala_python_test::evalPython(expression, globals.get());
+    std::string text = value ? tala_python_test::reprOf(value.get()) : "<raised " + takePendingError() + ">";
+    PyDict_Clear(globals.get());
+    return text;
+}
+
+const char* const kCatch = "try:\n    raise_host_error()\nexcept Exception as caught:\n    error = caught\n";
+
+TEST_F(ExceptionTypeTest, TheMessageIsTheExceptionsArgument) {
+    const tala::Error error(errorClass("WordyError"), tala::String("Said in words."));
+    EXPECT_EQ(afterRaising(error, kCatch, "str(error), repr(error), error.args"),
+              "('Said in words.', \"WordyError('Said in words.')\", ('Said in words.',))");
+}
+
+TEST_F(ExceptionTypeTest, TheHostErrorsPropertiesReadOnTheException) {
+    const tala::Class_Generic cls = kept(tala::ClassBuilder("CodedError")
+                                             .parent(tala::Error::getClass())
+                                             .property(tala::Identifier("$$code"), [](const tala::Any&) { return std::int64_t(42); },
+                                                       "A number.")
+                                             .build());
+    const tala::Error error(cls, tala::String("Coded."));
+    EXPECT_EQ(afterRaising(error, kCatch, "error.code, 'code' in dir(error), hasattr(error, 'nothing')"), "(42, True, False)");
+    EXPECT_EQ(afterRaising(error, kCatch + std::string("try:\n    error.nothing\nexcept AttributeError as e:\n    text = str(e)\n"),
+                           "text"),
+              "\"'CodedError' object has no attribute 'nothing'\"");
+    // Reading the carried host error's own attributes raises it, as every wrapped error does.
+    EXPECT_EQ(afterRaising(error, kCatch + std::string("try:\n    error.tala.code\nexcept Exception as e:\n    again = e\n"),
+                           "type(again).__name__, str(again)"),
+              "('CodedError', 'Coded.')");
+}
+
+TEST_F(ExceptionTypeTest, TheObjectModelsOwnErrorsAreAlsoPythonsBuiltinOnes) {
+    GilGuard gil;
+    const struct {
+        tala::Class_Generic cls;
+        PyObject* builtin;
+        const char* name;
+    } cases[] = {{tala::MissingMemberError::getClass(), PyExc_AttributeError, "tala.MissingMemberError"},
+                 {tala::ReadOnlyError::getClass(), PyExc_AttributeError, "tala.ReadOnlyError"},
+                 {tala::ArgumentError::getClass(), PyExc_TypeError, "tala.ArgumentError"},
+                 {tala::OutOfRangeError::getClass(), PyExc_IndexError, "tala.OutOfRangeError"}};
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.name);
+        PyObject* type = exception_type_for(each.cls);
+        EXPECT_EQ(fullTypeName(type), each.name);
+        EXPECT_EQ(PyObject_IsSubclass(type, PyExc_RuntimeError), 1);
+        EXPECT_EQ(PyObject_IsSubclass(type, each.builtin), 1);
+        EXPECT_EQ(tala::python::pythonExceptionBases(each.cls),
+                  (std::vector<std::string>{"RuntimeError", std::string(reinterpret_cast<PyTypeObject*>(each.builtin)->tp_name)}));
+    }
+    EXPECT_EQ(tala::python::pythonExceptionBases(errorClass("PlainError")), std::vector<std::string>{"RuntimeError"});
+}
+
+TEST_F(ExceptionTypeTest, ADerivedHostErrorClassDerivesFromItsParentsType) {
+    const tala::Class_Generic parent = errorClass("ParentError", "family");
+    const tala::Class_Generic child = kept(tala::ClassBuilder("ChildError").parent(parent).build());
+    const tala::Class_Generic argument =
+        kept(tala::ClassBuilder("CountError").parent(tala::ArgumentError::getClass()).build());
+    GilGuard gil;
+    EXPECT_EQ(PyObject_IsSubclass(exception_type_for(child), exception_type_for(parent)), 1);
+    EXPECT_EQ(PyObject_IsSubclass(exception_type_for(child), PyExc_RuntimeError), 1);
+    EXPECT_EQ(PyObject_IsSubclass(exception_type_for(argument), PyExc_TypeError), 1);
+    EXPECT_EQ(PyObject_IsSubclass(exception_type_for(argument), exception_type_for(tala::ArgumentError::getClass())), 1);
+    EXPECT_EQ(tala::python::pythonExceptionBases(argument), (std::vector<std::string>{"RuntimeError", "TypeError"}));
+}
+
+TEST_F(ExceptionTypeTest, AnErrorClassReachesPythonAsItsExceptionTypeAndComesBack) {
+    const tala::Class_Generic cls = errorClass("RoundTripError", "trips");
+    GilGuard gil;
+    PyObjectPtr type = PyObjectPtr::steal(to_python(cls));
+    ASSERT_TRUE(type) << takePendingError();
+    EXPECT_EQ(type.get(), exception_type_for(cls));
+    const tala::Any back = tala::python::from_python(type.get());
+    ASSERT_TRUE(tala::Class_Generic::matches(back));
+    EXPECT_EQ(tala::Class_Generic(tala::internal::unchecked, back), cls);
+    // Python code raises the type itself; the host gets an error of the class with the message.
+    PyObjectPtr globals = newGlobals();
+    ASSERT_EQ(PyDict_SetItemString(globals.get(), "RoundTripError", type.get()), 0);
+    PyObjectPtr result = PyObjectPtr::steal(
+        PyRun_String("raise RoundTripError('from Python')\n", Py_file_input, globals.get(), globals.get()));
+    ASSERT_FALSE(result);
+    auto fetched = tala::python::fetch_python_error();
+    ASSERT_TRUE(fetched.get<tala::Error>());
+    EXPECT_EQ(fetched.get<tala::Error>()->errorClass(), cls);
+    EXPECT_EQ(fetched.get<tala::Error>()->message(), "from Python");
 }
 
 }  // namespace
