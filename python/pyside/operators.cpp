@@ -7,26 +7,13 @@
 #include "bridge/from_python.hpp"
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
+#include "pyside/slot_guard.hpp"
 #include "pyside/slots.hpp"
 #include "pyside/tala_object.hpp"
 
 namespace tala::python {
 
 namespace {
-
-// Every slot is a noexcept shell: a C++ exception never unwinds into the interpreter.
-template <class Result, class F>
-Result guarded(Result failure, F&& body) noexcept {
-    try {
-        return body();
-    } catch (const std::exception& error) {
-        PyErr_SetString(PyExc_RuntimeError, error.what());
-        return failure;
-    } catch (...) {
-        PyErr_SetString(PyExc_RuntimeError, "Unknown native exception.");
-        return failure;
-    }
-}
 
 // A host error raises its own exception type (RuntimeError for a plain error), so that an index
 // out of range is also Python's IndexError and a wrong argument its TypeError.

@@ -5,23 +5,13 @@
 #include "bridge/from_python.hpp"
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
+#include "pyside/slot_guard.hpp"
 #include "pyside/slots.hpp"
 #include "pyside/tala_object.hpp"
 
 namespace tala::python {
 
 namespace {
-
-// Every method here is a noexcept shell: a C++ exception never unwinds into the interpreter.
-template <class F>
-PyObject* guarded(F&& body) noexcept {
-    try {
-        return body();
-    } catch (const std::exception& error) {
-        PyErr_SetString(PyExc_RuntimeError, error.what());
-        return nullptr;
-    }
-}
 
 PyObject* answer(bool yes) { return yes ? Py_True : Py_False; }  // immortal: no count taken
 
@@ -226,16 +216,16 @@ PyObject* exitMethod(PyObject* self, PyObject* const* arguments, Py_ssize_t coun
     return answer(result.kind() == Kind::Boolean && result.rawBoolean());
 }
 
-PyObject* instanceCheckSlot(PyObject* self, PyObject* instance) { return guarded([&] { return instanceCheck(self, instance); }); }
+PyObject* instanceCheckSlot(PyObject* self, PyObject* instance) { return guarded<PyObject*>(nullptr, [&] { return instanceCheck(self, instance); }); }
 PyObject* subclassCheckSlot(PyObject* self, PyObject* candidate) {
-    return guarded([&] { return subclassCheck(self, candidate); });
+    return guarded<PyObject*>(nullptr, [&] { return subclassCheck(self, candidate); });
 }
-PyObject* memberNamesSlot(PyObject* self, PyObject* unused) { return guarded([&] { return memberNames(self, unused); }); }
-PyObject* shallowCopySlot(PyObject* self, PyObject* unused) { return guarded([&] { return shallowCopyMethod(self, unused); }); }
-PyObject* deepCopySlot(PyObject* self, PyObject* memo) { return guarded([&] { return deepCopyMethod(self, memo); }); }
-PyObject* enterSlot(PyObject* self, PyObject* unused) { return guarded([&] { return enterMethod(self, unused); }); }
+PyObject* memberNamesSlot(PyObject* self, PyObject* unused) { return guarded<PyObject*>(nullptr, [&] { return memberNames(self, unused); }); }
+PyObject* shallowCopySlot(PyObject* self, PyObject* unused) { return guarded<PyObject*>(nullptr, [&] { return shallowCopyMethod(self, unused); }); }
+PyObject* deepCopySlot(PyObject* self, PyObject* memo) { return guarded<PyObject*>(nullptr, [&] { return deepCopyMethod(self, memo); }); }
+PyObject* enterSlot(PyObject* self, PyObject* unused) { return guarded<PyObject*>(nullptr, [&] { return enterMethod(self, unused); }); }
 PyObject* exitSlot(PyObject* self, PyObject* const* arguments, Py_ssize_t count) {
-    return guarded([&] { return exitMethod(self, arguments, count); });
+    return guarded<PyObject*>(nullptr, [&] { return exitMethod(self, arguments, count); });
 }
 
 }  // namespace

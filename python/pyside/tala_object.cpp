@@ -279,11 +279,17 @@ PyTypeObject* buildPerClassType(const Class_Generic& cls) {
                     genericCallableType(), protocolOf(cls));
 }
 
-// Host class -> its per-class wrapper type. Entries are never removed; the map holds the one
-// reference to each type. `lock` guards the map; the caller holds the interpreter lock.
+// Host class -> its wrapper type (its own, or the generic type it shares). Entries are never
+// removed; the types live for ever. `lock` guards the map; the caller holds the interpreter lock.
 struct PerClassTypes {
     spinlock lock;
-    std::unordered_map<const internal::ClassCell*, PyTypeObject*> types;
+    // The entry keeps its class alive, so that no other class ever takes the address it is
+    // keyed by.
+    struct Entry {
+        Class_Generic cls;
+        PyTypeObject* type;
+    };
+    std::unordered_map<const internal::ClassCell*, Entry> types;
 };
 
 PerClassTypes& perClassTypes() {
@@ -306,18 +312,10 @@ char* copyToMalloc(std::string_view text) {
     return buffer;
 }
 
-PyTypeObject* wrapperTypeFor(const Class_Generic& cls) {
-    if (belongsToModule(cls)) {
-        PerClassTypes& table = perClassTypes();
-        // Building a type may run Python code (the signature of a method that is a Python
-        // function), which lets other threads in: they wait for the map without the lock.
-        const std::unique_lock<spinlock> lock = lockReleasingGil(table.lock);
-        auto found = table.types.find(cls.cell());
-        if (found != table.types.end()) return found->second;
-        PyTypeObject* type = buildPerClassType(cls);
-        table.types.emplace(cls.cell(), type);
-        return type;
-    }
+namespace {
+
+// The type of a class outside any module: the generic type of its tables and protocol.
+PyTypeObject* genericTypeFor(const Class_Generic& cls) {
     const Protocol protocol = protocolOf(cls);
     if (cls.hasFlag(class_flags::Invokable)) return genericType(0, protocol);
     const bool mapping = cls.hasFlag(class_flags::Mapping);
@@ -327,6 +325,29 @@ PyTypeObject* wrapperTypeFor(const Class_Generic& cls) {
     if (mapping || cls.hasFlag(class_flags::SetLike)) return genericType(3, protocol);
     if (sequence) return genericType(2, protocol);
     return genericType(1, protocol);
+}
+
+}  // namespace
+
+PyTypeObject* wrapperTypeFor(const Class_Generic& cls) {
+    // Every class is looked up once: a class of a module gets a type of its own, any other the
+    // generic type it shares with the classes of its kind. One probe by the class's cell after.
+    PerClassTypes& table = perClassTypes();
+    {
+        const std::unique_lock<spinlock> lock = lockReleasingGil(table.lock);
+        auto found = table.types.find(cls.cell());
+        if (found != table.types.end()) return found->second.type;
+    }
+    const bool own = belongsToModule(cls);
+    PyTypeObject* generic = own ? nullptr : genericTypeFor(cls);
+    // Building a type may run Python code (the signature of a method that is a Python
+    // function), which lets other threads in: they wait for the map without the lock.
+    const std::unique_lock<spinlock> lock = lockReleasingGil(table.lock);
+    auto found = table.types.find(cls.cell());
+    if (found != table.types.end()) return found->second.type;
+    PyTypeObject* type = own ? buildPerClassType(cls) : generic;
+    table.types.emplace(cls.cell(), PerClassTypes::Entry{cls, type});
+    return type;
 }
 
 PyObject* wrapHostValue(const Any& value) {
