@@ -135,6 +135,12 @@ ClassBuilder& ClassBuilder::constructor(std::function<Any(std::span<const Any>)>
     return *this;
 }
 
+ClassBuilder& ClassBuilder::constructor(std::function<Any(std::span<const Any>)> constructor, Signature signature) {
+    cell_->constructor = std::move(constructor);
+    cell_->constructorSignature = std::move(signature);
+    return *this;
+}
+
 ClassBuilder& ClassBuilder::nativePayload(Any payload) {
     cell_->nativePayload = std::move(payload);
     return *this;
