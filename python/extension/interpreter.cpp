@@ -14,6 +14,7 @@
 
 #include "extension/gil.hpp"
 #include "extension/sys_path.hpp"
+#include "language/host_module_import.hpp"
 #include "language/language_python.hpp"
 
 namespace tala::python {
@@ -126,8 +127,10 @@ bool ensurePythonInitialized() {
         GilGuard gil;
         describeLanguage();
     }
-    // The language class exists whenever the interpreter does, also when someone else started it.
+    // The language class exists whenever the interpreter does, also when someone else started it;
+    // so does `import` of the host's modules.
     (void)LanguagePython::getClass();
+    installHostModuleImport();
     return true;
 }
 

@@ -9,6 +9,7 @@
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
 #include "pyside/member_names.hpp"
+#include "pyside/module_objects.hpp"
 #include "pyside/tala_object.hpp"
 
 namespace tala::python {
@@ -184,6 +185,7 @@ PyObject* readAttribute(PyObject* self, PyObject* name) {
     if (text->starts_with('_')) {
         if (PyObject* answer = introspect(value, *text)) return answer;
         if (PyErr_Occurred() != nullptr) return nullptr;
+        if (PyObject* answer = readModuleImportAttribute(value, *text)) return answer;
         return PyObject_GenericGetAttr(self, name);
     }
     return hostLookup(value, identifierOf(name, *text));
@@ -216,6 +218,7 @@ int writeAttribute(PyObject* self, PyObject* name, PyObject* newValue) {
     const Any* wrapped = wrappedHostValue(self);
     if (wrapped == nullptr) return PyObject_GenericSetAttr(self, name, newValue);
     const Any value = *wrapped;
+    if (auto answered = writeModuleAttribute(value, name, *text, newValue)) return *answered;
     const Identifier id = identifierOf(name, *text);
     if (newValue == nullptr) return deleteAttribute(value, name, id);
     if (auto found = property_of(value, id); !found.isEmpty()) {
