@@ -78,6 +78,17 @@ void registerGenerateStubs() {
                                                "Generates Python stubs for the given TALA module."));
 }
 
+void registerGenerateTypedStubs() {
+    pythonModule().addFunction(String("python_generate_typed_stubs"),
+                               native_function([](const Module& module) { return python_generate_typed_stubs(module); },
+                                               "python_generate_typed_stubs", {"module"},
+                                               "Generates the typed stubs of a stub package for the given TALA module, by "
+                                               "module name: the module's own, its children's and those of the modules "
+                                               "they refer to, with constructors, static methods, defaults, exception "
+                                               "bases, protocols, module functions and documentation, for type checkers "
+                                               "and editors."));
+}
+
 void registerImport() {
     pythonModule().addFunction(String("python_import"),
                                native_function([](const String& path) { return python_import(path); }, "python_import",
@@ -103,6 +114,7 @@ constexpr InitEntry kInitTable[] = {
     {4, "function evaluate_method", registerEvaluateMethod},
     {4, "function python_add_sys_path", registerAddSysPath},
     {4, "function python_generate_stubs", registerGenerateStubs},
+    {4, "function python_generate_typed_stubs", registerGenerateTypedStubs},
     {4, "function python_import", registerImport},
 };
 
