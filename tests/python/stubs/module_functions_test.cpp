@@ -1,5 +1,5 @@
-// tests/python/stubs/module_functions_test.cpp: python_import and python_generate_stubs, directly and as the module functions
-// of "tala.python" that the host and Python code call.
+// tests/python/stubs/module_functions_test.cpp: python_import, python_generate_stubs and python_generate_typed_stubs,
+// directly and as the module functions of "tala.python" that the host and Python code call.
 #include <gtest/gtest.h>
 
 #include <optional>
@@ -176,6 +176,25 @@ TEST_F(ModuleFunctionRegistrationTest, PythonCodeCallsThemThroughTheHostModule) 
     EXPECT_EQ(text(evaluated("tala.python.python_generate_stubs(tala).splitlines()[3]")), "'class LogRecord:'");
     EXPECT_EQ(errorMessage(evaluated("tala.python.python_import('os.nonexistent')")),
               "Unable to find the object: os.nonexistent.");
+}
+
+TEST_F(ModuleFunctionRegistrationTest, TheTypedStubsOfAPackageAreAModuleFunctionToo) {
+    const I_Invokable_Generic typed = function("python_generate_typed_stubs");
+    EXPECT_EQ(parameterNames(typed), (std::vector<std::string>{"module"}));
+    EXPECT_EQ(typed.doc(),
+              "Generates the typed stubs of a stub package for the given TALA module, by module name: the module's own, "
+              "its children's and those of the modules they refer to, with constructors, static methods, defaults, "
+              "exception bases, protocols, module functions and documentation, for type checkers and editors.");
+    EXPECT_EQ(typed.signature().toString(0x11), "(module: Module) -> HashMap<String, String>");
+    const tala::Module talaModule = *tala::Module::find("tala");
+    const auto stubs = tala::HashMap_Generic::cast(tala::resolve(typed(talaModule)));
+    ASSERT_TRUE(stubs.has_value());
+    EXPECT_EQ(stubs->size(), 2u);  // tala and its child tala.python
+    const auto talaStub = String::cast(stubs->get(String("tala")).value_or(Any()));
+    ASSERT_TRUE(talaStub.has_value());
+    EXPECT_NE(talaStub->toStdString().find("\ndef get_logger() -> Logger:\n"), std::string::npos) << talaStub->toStdString();
+    EXPECT_TRUE(stubs->get(String("tala.python")).has_value());
+    EXPECT_FALSE(pythonErrorPending());
 }
 
 }  // namespace
