@@ -85,9 +85,26 @@ bool isListedModule(const String& name) {
     return !name.isEmpty() && !name.startsWith("_") && name != "builtins" && name != "this" && name != "antigravity";
 }
 
+// Host module name -> the Python module it is declared for. Entries are never removed (a
+// declaration again replaces its own); `mutex` guards the map and is never held while Python runs.
+struct DeclaredModules {
+    std::mutex mutex;
+    std::unordered_map<std::string, std::string> pythonNames;
+};
+
+DeclaredModules& declaredModules() {
+    static auto* declared = new DeclaredModules();
+    return *declared;
+}
+
 // Declares the host module `hostName` on `module`: the Python module is imported and made into
 // a ModulePython when the member is first read.
 void declareIn(const Module& module, const String& hostName, const String& pythonName) {
+    {
+        DeclaredModules& declared = declaredModules();
+        std::lock_guard lock(declared.mutex);
+        declared.pythonNames[hostName.toStdString()] = pythonName.toStdString();
+    }
     module.addLazyModule(hostName, [hostName, pythonName] { return modulePythonFor(hostName, pythonName); });
 }
 
@@ -97,6 +114,14 @@ std::span<const StandardModule> standardModules() { return kStandardModules; }
 
 void declarePythonModule(const String& hostName, const String& pythonName) {
     declareIn(languageModule(), hostName, pythonName);
+}
+
+std::optional<String> declaredPythonModule(const String& hostName) {
+    DeclaredModules& declared = declaredModules();
+    std::lock_guard lock(declared.mutex);
+    auto found = declared.pythonNames.find(hostName.toStdString());
+    if (found == declared.pythonNames.end()) return std::nullopt;
+    return String(found->second);
 }
 
 void describeLanguage() {

@@ -9,6 +9,7 @@
 #include "bridge/exception_bases.hpp"
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
+#include "language/language_python.hpp"
 #include "proxies/module_python.hpp"
 #include "stubs/stub_generator.hpp"
 #include "stubs/stub_text.hpp"
@@ -22,7 +23,6 @@ namespace {
 using Members = std::vector<std::pair<String, Any>>;
 
 constexpr std::string_view kIndent = "    ";
-constexpr std::string_view kBodyIndent = "        ";
 
 Members byName(Members members) {
     std::stable_sort(members.begin(), members.end(), [](const auto& a, const auto& b) { return a.first.view() < b.first.view(); });
@@ -274,6 +274,11 @@ void sortModuleMember(ModuleMembers& out, const Module& module, const std::strin
     const bool lazy = !property.isValueProperty() && property.type() == Type(Module::getClass());
     if (!property.isValueProperty() && !lazy) {
         out.constants.emplace_back(name, property);
+        return;
+    }
+    // A Python module that the host declares is known without importing it.
+    if (auto python = declaredPythonModule(String(std::string(module.name().view()) + "." + name)); python && lazy) {
+        out.pythonModules.emplace_back(name, python->toStdString());
         return;
     }
     const Any value = resolve(property.get(module));

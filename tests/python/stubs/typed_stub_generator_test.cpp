@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "language/language_python.hpp"
 #include "python_test_support.hpp"
 #include "stubs/stub_text.hpp"
 #include "stubs/typed_annotations.hpp"
@@ -364,6 +365,9 @@ TEST_F(TypedStubTest, TheLanguageModuleNamesPythonsModulesAndTheyReExportThemsel
     EXPECT_NE(stub.find("\nimport decimal as decimal\n"), std::string::npos) << stub;
     EXPECT_NE(stub.find("\nimport collections as collections\n"), std::string::npos) << stub;
     EXPECT_EQ(stub.find("collections.abc as collections"), std::string::npos) << stub;  // no name Python can declare
+    // Declared Python modules are named without importing them: this one does not even exist.
+    tala::python::declarePythonModule(String("python.ts_declared"), String("ts_no_such_python_module"));
+    EXPECT_NE(stubOf(*python).find("\nimport ts_no_such_python_module as ts_declared\n"), std::string::npos);
     const Any decimal = tala::resolve(tala::property_of(*python, "decimal").as<tala::Property>().get(*python));
     ASSERT_TRUE(Module::matches(decimal));
     const std::string reexport = stubOf(Module(tala::internal::unchecked, decimal));
