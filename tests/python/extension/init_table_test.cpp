@@ -47,6 +47,7 @@ TEST(InitTable, TheObjectModelRunsEveryHandlerOnceInPriorityOrder) {
         {4, "function evaluate_method"},
         {4, "function python_add_sys_path"},
         {4, "function python_generate_stubs"},
+        {4, "function python_generate_typed_stubs"},
         {4, "function python_import"},
     };
     EXPECT_EQ(extensionHandlersInRunOrder(), expected);
@@ -57,7 +58,7 @@ TEST(InitTable, EveryHandlerIsADistinctFunction) {
     for (const tala::python::InitEntry& entry : tala::python::initTable()) handlers.push_back(entry.handler);
     std::sort(handlers.begin(), handlers.end());
     EXPECT_EQ(std::adjacent_find(handlers.begin(), handlers.end()), handlers.end());
-    EXPECT_EQ(handlers.size(), 17u);
+    EXPECT_EQ(handlers.size(), 18u);
 }
 
 }  // namespace
