@@ -5,7 +5,10 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <latch>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "language_test_support.hpp"
 
@@ -148,6 +151,23 @@ TEST_F(HostModuleImportTest, AHostModuleComesBeforeAPackageOfTheSameNameOnThePat
 TEST_F(HostModuleImportTest, AModuleOfPythonsStandardLibraryStaysPythons) {
     (void)Module::create("colorsys", String("A host module named like one of Python's standard library."));
     EXPECT_EQ(run("import colorsys\nreturn (type(colorsys).__name__, hasattr(colorsys, 'rgb_to_hsv'))"), "('module', True)");
+}
+
+TEST_F(HostModuleImportTest, ThreadsImportingAModuleForTheFirstTimeGetOneObject) {
+    (void)Module::create("hmi_threads", String("Imported by many threads at once."));
+    constexpr int kThreads = 8;
+    std::latch start(kThreads);
+    std::vector<std::string> seen(kThreads);
+    std::vector<std::thread> threads;
+    for (int index = 0; index < kThreads; ++index) {
+        threads.emplace_back([&, index] {
+            start.arrive_and_wait();
+            seen[index] = run("import hmi_threads\nreturn id(hmi_threads)");
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    const std::string byName = run("return id(globals()['hmi_threads'])");
+    for (const std::string& id : seen) EXPECT_EQ(id, byName);
 }
 
 TEST_F(HostModuleImportTest, TheFinderStandsBeforeThePathFinder) {
