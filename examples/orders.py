@@ -5,6 +5,11 @@
 import logging
 from decimal import Decimal
 
+# The values the host passes in, declared for type checkers.
+price: float = globals()["price"]
+quantity: int = globals()["quantity"]
+customer: str = globals()["customer"]
+
 unit = Decimal(str(price))
 total = unit * quantity
 discount = Decimal("0.10") if quantity >= 10 else Decimal("0")
@@ -12,4 +17,4 @@ total = (total * (1 - discount)).quantize(Decimal("0.01"))
 
 summary = f"{customer}: {quantity} x {unit} = {total}"
 logging.warning("order for %s totals %s", customer, total)
-return total
+return total  # type: ignore (the script's result: checkers allow return only in functions)

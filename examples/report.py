@@ -7,7 +7,7 @@
 # all orders that were not cancelled, and in `top_customer` the name of the best customer.
 import logging
 from decimal import Decimal
-
+db: str = globals()["db"]  # the path the host passes in, declared for type checkers
 shop = sqlite.Database.open(db)
 lines = shop.query("""
     SELECT c.name AS customer, o.id AS order_id, o.placed_at, l.qty, l.unit_price
@@ -34,4 +34,4 @@ for customer, total in sorted(totals.items(), key=lambda item: (-item[1], item[0
 grand_total = sum(totals.values(), Decimal("0.00"))
 top_customer = max(totals, key=lambda customer: (totals[customer], customer))
 logging.warning("orders report: %d customers, %d order lines, total %s", len(totals), len(lines), grand_total)
-return grand_total
+return grand_total  # type: ignore (the script's result: checkers allow return only in functions)

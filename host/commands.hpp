@@ -45,8 +45,12 @@ int runCommand(const std::string& file, const std::vector<std::string>& assignme
 int modulesCommand(bool all);
 // The display text of python_import(path).
 int importCommand(const std::string& path);
-// The stub text of a host module; with `outDir`, writes it into a stub package there instead.
+// The stub text of a host module; with `outDir`, writes the typed stubs of a stub package there
+// instead: the module's, its children's and those of the modules they refer to, with the
+// editor's files (__builtins__.pyi, and pyrightconfig.json when the folder has none).
 int stubsCommand(const std::string& moduleName, const std::optional<std::string>& outDir);
+// The same stub package for every registered module that is not internal.
+int stubsOfAllCommand(const std::string& outDir);
 // The interactive prompt; `interactive` false reads plain lines (no line editing), for tests
 // and pipes.
 int promptCommand(bool interactive);

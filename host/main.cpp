@@ -24,6 +24,7 @@ const char* const kUsageText = R"(Usage:
   tala [OPTIONS] import PATH
   tala [OPTIONS] modules [--all]
   tala [OPTIONS] stubs MODULE [--out DIR]
+  tala [OPTIONS] stubs --all --out DIR
   tala [OPTIONS] [prompt]
   tala --help
 
@@ -47,9 +48,13 @@ their start-up, then:
       (python.json, ...).
   stubs MODULE [--out DIR]
       Prints the Python stub text of the host module MODULE (tala.python, python.json,
-      ...). With --out DIR, writes it to DIR/<MODULE as folders>/__init__.pyi instead,
-      with the imports its annotations need and a py.typed marker, so that an editor or
-      a type checker given DIR as a search path reads it.
+      ...). With --out DIR, writes a stub package for type checkers and editors instead:
+      DIR/<MODULE as folders>/__init__.pyi with a py.typed marker, for the module, its
+      children and the modules they refer to, DIR/__builtins__.pyi (the host modules
+      scripts see without import), and DIR/pyrightconfig.json unless DIR has one, so
+      that an editor opens DIR with it.
+  stubs --all --out DIR
+      Writes that stub package for every registered host module.
   prompt, or no command on a terminal
       Opens Python's prompt: blocks continue on "..." lines until an empty line, names
       stay for the whole session, Tab completes names and attributes, history is kept in
@@ -223,15 +228,23 @@ int main(int argc, char** argv) {
     if (command == "stubs") {
         std::optional<std::string> moduleName;
         std::optional<std::string> outDir;
+        bool all = false;
         for (std::size_t index = 0; index < rest.size(); ++index) {
             if (rest[index] == "--out") {
                 if (index + 1 >= rest.size()) return usageError("--out needs a folder.");
                 outDir = rest[++index];
+            } else if (rest[index] == "--all") {
+                all = true;
             } else if (moduleName) {
                 return usageError("stubs takes one module.");
             } else {
                 moduleName = rest[index];
             }
+        }
+        if (all) {
+            if (moduleName) return usageError("stubs takes a module or --all, not both.");
+            if (!outDir) return usageError("stubs --all needs --out DIR.");
+            return tala::host::stubsOfAllCommand(*outDir);
         }
         if (!moduleName) return usageError("stubs needs a module.");
         return tala::host::stubsCommand(*moduleName, outDir);

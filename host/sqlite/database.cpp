@@ -217,7 +217,7 @@ Class_Generic buildDatabaseClass() {
                  "Every failure is an SqlError; every call on a closed database fails with \"The\n"
                  "database is closed.\".")
             .declaringContext(sqliteModule())
-            .constructor(constructDatabase, {Parameter{String("path"), String::getType()}})
+            .constructor(constructDatabase, Signature({Parameter{String("path"), String::getType()}}, Type::any()))
             // The parameters may be left out, for a statement that has none.
             .method(kQuery, blocking(native_function(
                 [](const Database& database, const String& sql, const std::optional<Any>& parameters) {

@@ -25,9 +25,9 @@ Class_Generic sqlErrorClass() {
             .declaringContext(sqliteModule())
             .parent(Error::getClass())
             .field(kCodeField, Integer::getType())
-            .property(kCode, [](const Any& self) -> Any {
+            .property(kCode, [](const Any& self) -> Integer {
                 const Any code = self.fieldValue(kCodeField);
-                return code.kind() == Kind::Integer ? code : Any(Integer(SQLITE_ERROR));
+                return code.kind() == Kind::Integer ? Integer(internal::unchecked, code) : Integer(SQLITE_ERROR);
             }, "SQLite's extended result code (19 or 2067 for a constraint, 21 for a misuse, 25 for a "
                "parameter out of range, ...); 1 when none was given.")
             .property(kCodeName, [](const Any& self) -> Any {

@@ -5,6 +5,7 @@
 #include "bridge/module_attribute.hpp"
 #include "extension/gil.hpp"
 #include "proxies/python_proxy.hpp"
+#include "pyside/module_objects.hpp"
 #include "pyside/tala_object.hpp"
 
 namespace tala::python {
@@ -81,6 +82,7 @@ PyObject* fromObject(const Any& value) {
         case internal::NativeTag::Decimal:
             return callType(types().decimal.get(), "s", Decimal(internal::unchecked, value).toString().c_str());
         case internal::NativeTag::Error: raise_host_error(Error(internal::unchecked, value)); return nullptr;
+        case internal::NativeTag::Module: return hostModuleObject(Module(internal::unchecked, value));
         case internal::NativeTag::StringObject: return toPythonLocked(String(internal::unchecked, value).sliced(0));
         case internal::NativeTag::Time: {
             const auto& time = Time(internal::unchecked, value).fields();

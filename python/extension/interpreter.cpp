@@ -15,6 +15,7 @@
 #include "extension/gil.hpp"
 #include "language/python_support.hpp"
 #include "extension/sys_path.hpp"
+#include "language/host_module_import.hpp"
 #include "language/language_python.hpp"
 
 namespace tala::python {
@@ -136,8 +137,10 @@ bool ensurePythonInitialized() {
         describeLanguage();
         installHelpForHostValues();
     }
-    // The language class exists whenever the interpreter does, also when someone else started it.
+    // The language class exists whenever the interpreter does, also when someone else started it;
+    // so does `import` of the host's modules.
     (void)LanguagePython::getClass();
+    installHostModuleImport();
     return true;
 }
 

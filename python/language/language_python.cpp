@@ -17,6 +17,7 @@
 #include "language/evaluate.hpp"
 #include "language/evaluation_arguments.hpp"
 #include "proxies/module_python.hpp"
+#include "stubs/module_functions.hpp"
 
 namespace tala {
 
@@ -85,9 +86,26 @@ bool isListedModule(const String& name) {
     return !name.isEmpty() && !name.startsWith("_") && name != "builtins" && name != "this" && name != "antigravity";
 }
 
+// Host module name -> the Python module it is declared for. Entries are never removed (a
+// declaration again replaces its own); `mutex` guards the map and is never held while Python runs.
+struct DeclaredModules {
+    std::mutex mutex;
+    std::unordered_map<std::string, std::string> pythonNames;
+};
+
+DeclaredModules& declaredModules() {
+    static auto* declared = new DeclaredModules();
+    return *declared;
+}
+
 // Declares the host module `hostName` on `module`: the Python module is imported and made into
 // a ModulePython when the member is first read.
 void declareIn(const Module& module, const String& hostName, const String& pythonName) {
+    {
+        DeclaredModules& declared = declaredModules();
+        std::lock_guard lock(declared.mutex);
+        declared.pythonNames[hostName.toStdString()] = pythonName.toStdString();
+    }
     module.addLazyModule(hostName, [hostName, pythonName] { return modulePythonFor(hostName, pythonName); });
 }
 
@@ -97,6 +115,14 @@ std::span<const StandardModule> standardModules() { return kStandardModules; }
 
 void declarePythonModule(const String& hostName, const String& pythonName) {
     declareIn(languageModule(), hostName, pythonName);
+}
+
+std::optional<String> declaredPythonModule(const String& hostName) {
+    DeclaredModules& declared = declaredModules();
+    std::lock_guard lock(declared.mutex);
+    auto found = declared.pythonNames.find(hostName.toStdString());
+    if (found == declared.pythonNames.end()) return std::nullopt;
+    return String(found->second);
 }
 
 void describeLanguage() {
@@ -237,6 +263,14 @@ Class_Generic LanguagePython::getClass() {
                               "that thread): it ends with an error of tala.python.Interrupted, which says it was "
                               "interrupted, raised again until it has ended. Answers whether an evaluation was running "
                               "there; on a thread that runs none it does nothing.")
+                // The stub package editors read: a tool of the language's, like the catalogue
+                // above, beside the module functions rather than among them.
+                .staticMethod(Identifier("$generateTypedStubs"),
+                              [](const Module& module) { return python::python_generate_typed_stubs(module); }, {"module"},
+                              "The typed stubs of a stub package for the given module, by module name: the "
+                              "module's own, its children's and those of the modules they refer to, with "
+                              "constructors, static methods, defaults, exception bases, protocols, module functions "
+                              "and documentation, for type checkers and editors.")
                 .build();
         Module::create("tala.python").addClass(cls);
         return cls;

@@ -1,6 +1,7 @@
 // python/language/language_python.hpp: LanguagePython, the host's view of Python as one of its languages, and the host module "python".
 #pragma once
 
+#include <optional>
 #include <span>
 
 #include "tala/tala.hpp"
@@ -41,6 +42,10 @@ void describeLanguage();
 // Makes the Python module `pythonName` known to the host: the host module "python" gets the
 // child module `hostName` (a name beginning with "python."), made when it is first read.
 void declarePythonModule(const String& hostName, const String& pythonName);
+
+// The Python module that the host module `hostName` is declared for ("decimal" for
+// "python.decimal"), without importing it; nothing for a name declared by no one.
+std::optional<String> declaredPythonModule(const String& hostName);
 
 // The host module for the Python module `pythonName`: imported and made (a ModulePython with a
 // class of its own) on the first call for `hostName`, the same value on every call after. The

@@ -10,6 +10,7 @@
 #include "extension/gil.hpp"
 #include "pyside/documentation.hpp"
 #include "pyside/member_names.hpp"
+#include "pyside/module_objects.hpp"
 #include "pyside/tala_object.hpp"
 
 namespace tala::python {
@@ -189,6 +190,7 @@ PyObject* readAttribute(PyObject* self, PyObject* name) {
         if (*text == "__call__" && I_Invokable_Generic::matches(value)) return PyObjectPtr::borrow(self).release();
         if (PyObject* answer = introspect(value, *text)) return answer;
         if (PyErr_Occurred() != nullptr) return nullptr;
+        if (PyObject* answer = readModuleImportAttribute(value, *text)) return answer;
         return PyObject_GenericGetAttr(self, name);
     }
     return hostLookup(value, identifierOf(name, *text));
@@ -232,6 +234,7 @@ int writeAttribute(PyObject* self, PyObject* name, PyObject* newValue) {
     const Any* wrapped = wrappedHostValue(self);
     if (wrapped == nullptr) return PyObject_GenericSetAttr(self, name, newValue);
     const Any value = *wrapped;
+    if (auto answered = writeModuleAttribute(value, name, *text, newValue)) return *answered;
     const Identifier id = identifierOf(name, *text);
     if (newValue == nullptr) return deleteAttribute(value, *text, id);
     if (auto found = property_of(value, id); !found.isEmpty()) {

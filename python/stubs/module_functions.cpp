@@ -8,6 +8,7 @@
 #include "extension/gil.hpp"
 #include "extension/interpreter.hpp"
 #include "stubs/stub_generator.hpp"
+#include "stubs/typed_stub_generator.hpp"
 
 namespace tala::python {
 
@@ -40,5 +41,7 @@ Union<Any, Lazy<Any>, Error> python_import(const String& path) {
 }
 
 String python_generate_stubs(const Module& module) { return generate_stubs(module); }
+
+HashMap<String, String> python_generate_typed_stubs(const Module& module) { return generate_typed_stub_package(module); }
 
 }  // namespace tala::python

@@ -16,4 +16,8 @@ Union<Any, Lazy<Any>, Error> python_import(const String& path);
 // The stub text of a host module (see generate_stubs).
 String python_generate_stubs(const Module& module);
 
+// The typed stubs of a stub package for a host module, by module name (see
+// generate_typed_stub_package): what `tala stubs --out` writes for type checkers and editors.
+HashMap<String, String> python_generate_typed_stubs(const Module& module);
+
 }  // namespace tala::python

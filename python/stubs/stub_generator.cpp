@@ -231,6 +231,8 @@ std::vector<Class_Generic> orderedClasses(const Module& module) {
 
 bool is_python_keyword(const String& name) { return isKeyword(name); }
 
+bool is_python_identifier(std::string_view name) { return isIdentifier(name); }
+
 String annotation_text(const Type& type, const Class_Generic& described, const Module& module) {
     return annotationOf(type, described, module);
 }

@@ -36,4 +36,8 @@ String annotation_text(const Type& type, const Class_Generic& described, const M
 // True when `name` is a Python keyword (`keyword.kwlist`, read once per process).
 bool is_python_keyword(const String& name);
 
+// True when `name` is made of letters, digits and "_" and does not begin with a digit; bytes
+// beyond ASCII are taken as the letters of other scripts, which Python allows in names too.
+bool is_python_identifier(std::string_view name);
+
 }  // namespace tala::python

@@ -309,6 +309,8 @@ std::vector<Type> Class_Generic::typeArguments() const {
 
 Type Class_Generic::asType() const { return Type(*this); }
 
+std::optional<Signature> Class_Generic::constructorSignature() const { return Signature::cast(cell()->constructorSignature); }
+
 Any make_instance(const Class_Generic& cls) {
     return Any::adopt(Kind::Object, new internal::ObjectCell(cls.cell()));
 }

@@ -135,9 +135,10 @@ ClassBuilder& ClassBuilder::constructor(std::function<Any(std::span<const Any>)>
     return *this;
 }
 
-ClassBuilder& ClassBuilder::constructor(std::function<Any(std::span<const Any>)> constructor, std::vector<Parameter> parameters) {
-    cell_->constructorParameters = std::move(parameters);
-    return this->constructor(std::move(constructor));
+ClassBuilder& ClassBuilder::constructor(std::function<Any(std::span<const Any>)> constructor, Signature signature) {
+    cell_->constructor = std::move(constructor);
+    cell_->constructorSignature = std::move(signature);
+    return *this;
 }
 
 ClassBuilder& ClassBuilder::nativePayload(Any payload) {

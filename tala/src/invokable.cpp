@@ -279,7 +279,7 @@ Signature I_Invokable_Generic::signature() const {
     if (const internal::FunctionCell* fn = function()) return fn->signature();
     const Class_Generic cls(internal::unchecked, static_cast<const Any&>(*this));
     std::vector<Parameter> parameters;
-    if (cls.cell()->constructorParameters) parameters = *cls.cell()->constructorParameters;
+    if (auto constructor = cls.constructorSignature()) parameters = constructor->parameters();
     else if (const auto* init = initOf(cls)) parameters = init->signature().parameters();
     return Signature(std::move(parameters), cls.asType());
 }

@@ -78,7 +78,7 @@ TEST(ClassSignatures, AConstructorSaysWhatItTakes) {
     const Class_Generic cls =
         tala::ClassBuilder("Opened")
             .constructor([](std::span<const Any> arguments) -> Any { return arguments.empty() ? Any() : arguments[0]; },
-                         {tala::Parameter{String("path"), String::getType()}})
+                         tala::Signature({tala::Parameter{String("path"), String::getType()}}, tala::Type::any()))
             .build();
     static auto* kept = new std::vector<Class_Generic>{cls};
     (void)kept;

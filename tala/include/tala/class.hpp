@@ -20,7 +20,7 @@ namespace tala {
 
 class Property;
 class I_Invokable_Generic;
-struct Parameter;
+class Signature;
 class Type;
 template <class K, class V>
 class HashMap;
@@ -78,8 +78,9 @@ public:
     // When set, invoking the class calls this with the arguments instead of factory + __init__
     // (classes that stand for another language's classes construct through that language).
     std::function<Any(std::span<const Any>)> constructor;
-    // The parameters the constructor takes, when it says (see I_Invokable_Generic::signature).
-    std::optional<std::vector<Parameter>> constructorParameters;
+    // The parameters the constructor takes (a Signature), or empty when it did not say: what
+    // tools that describe the class (stub generators, help) show as its constructor.
+    Any constructorSignature;
     // Whatever a language bridge keeps with a class it made (a boxed foreign type object).
     Any nativePayload;
 
@@ -206,6 +207,8 @@ public:
     Any instantiate(std::span<const Any> arguments) const;
     // The type of instances of this class.
     Type asType() const;
+    // The parameters of the constructor given to the class builder, when it gave them.
+    std::optional<Signature> constructorSignature() const;
 
     friend bool operator==(const Class_Generic& a, const Class_Generic& b) noexcept { return a.cell() == b.cell(); }
 

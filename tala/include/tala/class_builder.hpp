@@ -85,9 +85,9 @@ public:
 
     // Invoking the class calls `constructor` with the arguments (no factory, no __init__).
     ClassBuilder& constructor(std::function<Any(std::span<const Any>)> constructor);
-    // The same, with the parameters it takes: they are the class's signature as an invokable
-    // (otherwise its __init__'s, or none).
-    ClassBuilder& constructor(std::function<Any(std::span<const Any>)> constructor, std::vector<Parameter> parameters);
+    // The same, with the parameters it takes (the signature's result type is not read), so that
+    // the class can be described with its constructor.
+    ClassBuilder& constructor(std::function<Any(std::span<const Any>)> constructor, Signature signature);
     ClassBuilder& nativePayload(Any payload);
 
     // Publishes the class. The builder is spent afterwards.

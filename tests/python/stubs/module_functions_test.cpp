@@ -1,5 +1,5 @@
 // tests/python/stubs/module_functions_test.cpp: python_import and python_generate_stubs, directly and as the module functions
-// of "tala.python" that the host and Python code call.
+// of "tala.python" that the host and Python code call; the typed stubs of a package, through the language object.
 #include <gtest/gtest.h>
 
 #include <optional>
@@ -176,6 +176,29 @@ TEST_F(ModuleFunctionRegistrationTest, PythonCodeCallsThemThroughTheHostModule) 
     EXPECT_EQ(text(evaluated("tala.python.python_generate_stubs(tala).splitlines()[3]")), "'class ArgumentError:'");
     EXPECT_EQ(errorMessage(evaluated("tala.python.python_import('os.nonexistent')")),
               "Unable to find the object: os.nonexistent.");
+}
+
+TEST_F(ModuleFunctionRegistrationTest, TheTypedStubsOfAPackageAreAStaticMethodOfTheLanguage) {
+    // Not a module function: the module's functions stay the six of the start-up table.
+    EXPECT_TRUE(tala::Module::find("tala.python")->functions().get(String("python_generate_typed_stubs")) == std::nullopt);
+    const auto language = tala::Class_Generic::cast(
+        tala::Module::find("tala.python")->classes().get(String("LanguagePython")).value_or(Any()));
+    ASSERT_TRUE(language.has_value());
+    const auto found = tala::definedMethod(*language, tala::Identifier("$generateTypedStubs"));
+    ASSERT_FALSE(found.isEmpty());
+    const I_Invokable_Generic typed = found.as<I_Invokable_Generic>();
+    EXPECT_TRUE(typed.isIndependent());
+    EXPECT_EQ(parameterNames(typed), (std::vector<std::string>{"module"}));
+    EXPECT_EQ(typed.signature().toString(0x11), "(module: Module) -> HashMap<String, String>");
+    const tala::Module talaModule = *tala::Module::find("tala");
+    const auto stubs = tala::HashMap_Generic::cast(tala::resolve(typed(talaModule)));
+    ASSERT_TRUE(stubs.has_value());
+    EXPECT_EQ(stubs->size(), 2u);  // tala and its child tala.python
+    const auto talaStub = String::cast(stubs->get(String("tala")).value_or(Any()));
+    ASSERT_TRUE(talaStub.has_value());
+    EXPECT_NE(talaStub->toStdString().find("\ndef get_logger() -> Logger:\n"), std::string::npos) << talaStub->toStdString();
+    EXPECT_TRUE(stubs->get(String("tala.python")).has_value());
+    EXPECT_FALSE(pythonErrorPending());
 }
 
 }  // namespace
