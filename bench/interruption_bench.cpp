@@ -14,16 +14,12 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "loaded_extension.hpp"
 #include "tala/tala.hpp"
-
-#ifndef TALA_PYTHON_EXTENSION_PATH
-#error "TALA_PYTHON_EXTENSION_PATH must name the built Python extension"
-#endif
 
 namespace {
 
@@ -43,14 +39,9 @@ struct Setup {
     bool ready = false;
 
     Setup() {
-        const Any loaded = tala::load_extension(TALA_PYTHON_EXTENSION_PATH);
-        if (tala::is_error_result(loaded)) {
-            std::fprintf(stderr, "%s\n", tala::display(loaded).c_str());
-            return;
-        }
+        if (!tala_bench::loadPythonExtension()) return;
+        evaluate = tala::I_Invokable_Generic(tala::internal::unchecked, tala_bench::pythonModuleFunction("evaluate"));
         const auto module = tala::Module::find("tala.python");
-        evaluate = tala::I_Invokable_Generic(tala::internal::unchecked,
-                                             tala::property_of(*module, "evaluate").as<tala::Property>().get(*module));
         const auto language = tala::Class_Generic::cast(module->classes().get(String("LanguagePython")).value_or(Any()));
         auto method = [&](const char* name) {
             return tala::definedMethod(*language, tala::Identifier::intern(name)).as<tala::I_Invokable_Generic>();

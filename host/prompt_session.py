@@ -168,6 +168,15 @@ class Session:
         except OSError:
             pass
 
+    def load_history(self, line_editing):
+        """The blocks of earlier sessions, for Up to recall."""
+        if not self.history or not os.path.exists(self.history):
+            return
+        try:
+            line_editing.read_history_file(self.history)
+        except Exception:  # an unreadable file is no history
+            pass
+
     def source_name(self, block):
         """The name a block's code gets, registered so that tracebacks show its lines."""
         name = f"<python-input-{self.count}>"
@@ -195,11 +204,7 @@ class FancySession(Session):
         pyrepl_readline._setup(namespace)
         pyrepl_readline._wrapper.config.readline_completer = HostCompleter(namespace).complete
         self.more_lines = lambda text: simple_interact._more_lines(self.console, text)
-        if history and os.path.exists(history):
-            try:
-                pyrepl_readline.read_history_file(history)
-            except Exception:
-                pass
+        self.load_history(pyrepl_readline)
 
     def read(self):
         """The next block; None at the end (Ctrl-D); "" after a command of the prompt's own."""
@@ -254,11 +259,7 @@ class BasicSession(Session):
             self.line_editing = readline
             readline.set_completer(HostCompleter(namespace).complete)
             readline.parse_and_bind('tab: complete')
-            if history and os.path.exists(history):
-                try:
-                    readline.read_history_file(history)
-                except OSError:
-                    pass
+            self.load_history(readline)
 
     def read(self):
         self.lines = []

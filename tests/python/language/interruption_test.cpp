@@ -202,7 +202,7 @@ struct InterruptedHere {
     std::vector<std::string> calls;  // what the code told the host through note(text)
 };
 
-InterruptedHere evaluateAndInterrupt(const char* code, double graceSeconds = tala::python::kDefaultGraceSeconds,
+InterruptedHere evaluateAndInterrupt(const std::string& code, double graceSeconds = tala::python::kDefaultGraceSeconds,
                                      std::chrono::milliseconds delay = std::chrono::milliseconds(50),
                                      std::chrono::milliseconds again = std::chrono::milliseconds(0)) {
     InterruptedHere outcome;
@@ -232,6 +232,12 @@ InterruptedHere evaluateAndInterrupt(const char* code, double graceSeconds = tal
     outcome.secondsAfterInterruption = std::chrono::duration<double>(ended - asked).count();
     return outcome;
 }
+
+// Code that runs until it is interrupted, in a try block whose handlers follow.
+const std::string kLoopInTry = "started()\n"
+                               "try:\n"
+                               "    while True:\n"
+                               "        pass\n";
 
 // Waits of Python's own in C, each on the interpreter's main thread (the thread of this test,
 // which started it): each ends with the interruption long before its own end.
@@ -279,11 +285,7 @@ TEST_F(InterruptionTest, AWaitInCOnAnotherThreadEndsFirst) {
 
 TEST_F(InterruptionTest, FinallyBlocksRunToTheirEnd) {
     tala_python_test::Watchdog watchdog(std::chrono::seconds(60));
-    const InterruptedHere outcome = evaluateAndInterrupt("started()\n"
-                                                         "try:\n"
-                                                         "    while True:\n"
-                                                         "        pass\n"
-                                                         "finally:\n"
+    const InterruptedHere outcome = evaluateAndInterrupt(kLoopInTry + "finally:\n"
                                                          "    total = 0\n"
                                                          "    for i in range(100000):\n"
                                                          "        total += 1\n"
@@ -311,11 +313,7 @@ TEST_F(InterruptionTest, TheInterruptionIsRaisedOnceAndHandlersRunToTheirEnd) {
 
 TEST_F(InterruptionTest, CodeThatCatchesTheInterruptionAndReturnsStillEndsInterrupted) {
     tala_python_test::Watchdog watchdog(std::chrono::seconds(60));
-    const InterruptedHere outcome = evaluateAndInterrupt("started()\n"
-                                                         "try:\n"
-                                                         "    while True:\n"
-                                                         "        pass\n"
-                                                         "except KeyboardInterrupt:\n"
+    const InterruptedHere outcome = evaluateAndInterrupt(kLoopInTry + "except KeyboardInterrupt:\n"
                                                          "    note('caught')\n"
                                                          "return 'swallowed'\n");
     EXPECT_EQ(outcome.calls, std::vector<std::string>{"caught"});
@@ -328,22 +326,14 @@ TEST_F(InterruptionTest, CodeThatCatchesTheInterruptionAndReturnsStillEndsInterr
 
 TEST_F(InterruptionTest, CodeThatRaisesSomethingElseInsteadStillEndsInterrupted) {
     tala_python_test::Watchdog watchdog(std::chrono::seconds(60));
-    const InterruptedHere outcome = evaluateAndInterrupt("started()\n"
-                                                         "try:\n"
-                                                         "    while True:\n"
-                                                         "        pass\n"
-                                                         "except BaseException:\n"
+    const InterruptedHere outcome = evaluateAndInterrupt(kLoopInTry + "except BaseException:\n"
                                                          "    raise ValueError('not me')\n");
     EXPECT_EQ(errorProperty(outcome.result, "exceptionType"), "tala.python.Interrupted");
 }
 
 TEST_F(InterruptionTest, CodeStillRunningAfterTheGracePeriodIsInterruptedAgain) {
     tala_python_test::Watchdog watchdog(std::chrono::seconds(60));
-    const InterruptedHere outcome = evaluateAndInterrupt("started()\n"
-                                                         "try:\n"
-                                                         "    while True:\n"
-                                                         "        pass\n"
-                                                         "except KeyboardInterrupt:\n"
+    const InterruptedHere outcome = evaluateAndInterrupt(kLoopInTry + "except KeyboardInterrupt:\n"
                                                          "    note('caught')\n"
                                                          "    while True:\n"
                                                          "        pass\n",
@@ -355,11 +345,7 @@ TEST_F(InterruptionTest, CodeStillRunningAfterTheGracePeriodIsInterruptedAgain) 
 
 TEST_F(InterruptionTest, InterruptingAgainEndsTheGracePeriod) {
     tala_python_test::Watchdog watchdog(std::chrono::seconds(60));
-    const InterruptedHere outcome = evaluateAndInterrupt("import time\n"
-                                                         "started()\n"
-                                                         "try:\n"
-                                                         "    while True:\n"
-                                                         "        pass\n"
+    const InterruptedHere outcome = evaluateAndInterrupt("import time\n" + kLoopInTry +
                                                          "finally:\n"
                                                          "    time.sleep(50)\n",
                                                          600, std::chrono::milliseconds(50), std::chrono::milliseconds(200));
