@@ -4,7 +4,6 @@
 #include <chrono>
 #include <mutex>
 #include <unordered_map>
-#include <utility>
 
 #include "extension/gil.hpp"
 #include "language/interrupt_signal.hpp"
@@ -27,7 +26,7 @@ struct ThreadRecord {
     bool interrupted = false;       // the running evaluation was told to stop
     bool raised = false;            // ... and the interruption was raised in it
     Clock::time_point graceEnds{};  // from then on it is raised again at every jump
-    PyObject* first = nullptr;      // the exception first raised (owned), kept to the end
+    PyObjectPtr first;              // the exception first raised, kept to the end (null between evaluations)
 };
 
 // Thread identifier -> its record. `mutex` guards the map; the process-wide instance is never
@@ -73,15 +72,30 @@ ThreadRecord* interruptedHere() {
 
 // Raises the interruption; the first one is kept as the evaluation's own.
 void raiseIn(ThreadRecord& record) {
-    PyObject* exception = PyObject_CallNoArgs(interruptedType());
-    if (exception == nullptr) return;  // what went wrong is raised instead
+    PyObjectPtr exception = PyObjectPtr::steal(PyObject_CallNoArgs(interruptedType()));
+    if (!exception) return;  // what went wrong is raised instead
     if (!record.raised) {
         record.raised = true;
-        Py_IncRef(exception);
-        record.first = exception;
+        record.first = PyObjectPtr::borrow(exception.get());
     }
-    PyErr_SetRaisedException(exception);
+    PyErr_SetRaisedException(exception.release());
 }
+
+// Keeps the exception pending on this thread aside for one scope: the work done meanwhile is
+// the interruption's own, and what the code had pending is not its to lose.
+class PendingExceptionKept {
+public:
+    PendingExceptionKept() noexcept : pending_(PyObjectPtr::steal(PyErr_GetRaisedException())) {}
+    ~PendingExceptionKept() {
+        PyErr_Clear();
+        PyErr_SetRaisedException(pending_.release());
+    }
+    PendingExceptionKept(const PendingExceptionKept&) = delete;
+    PendingExceptionKept& operator=(const PendingExceptionKept&) = delete;
+
+private:
+    PyObjectPtr pending_;
+};
 
 // Where the interruption can be raised (a jump, a function start, a signal handler): raises it
 // the first time, and again at every such point once the grace period is over.
@@ -141,14 +155,11 @@ bool claimTool(PyObject* monitoringModule) {
 }
 
 void switchMonitoring(bool on) {
-    // Whatever the interrupted code had pending is not ours to lose.
-    PyObject* pending = PyErr_GetRaisedException();
+    const PendingExceptionKept kept;
     PyObjectPtr module = monitoring();
     if (module && claimTool(module.get())) {
         PyObjectPtr done = PyObjectPtr::steal(PyObject_CallMethod(module.get(), "set_events", "il", g_monitoringTool, on ? g_eventMask : 0L));
     }
-    PyErr_Clear();
-    PyErr_SetRaisedException(pending);
 }
 
 // ---- The exception type -------------------------------------------------------------------
@@ -187,9 +198,8 @@ EvaluationScope::EvaluationScope() noexcept {
     ++record.depth;
     if (!record.prepared) {
         record.prepared = true;
-        PyObject* pending = PyErr_GetRaisedException();
+        const PendingExceptionKept kept;
         prepareInterruptSignal(&g_signalHandler);
-        PyErr_SetRaisedException(pending);
     }
 }
 
@@ -199,7 +209,7 @@ EvaluationScope::~EvaluationScope() {
     // The evaluation ended: what was meant to stop it must not stop anything later.
     record.interrupted = false;
     record.raised = false;
-    if (PyObject* first = std::exchange(record.first, nullptr)) Py_DecRef(first);
+    record.first.reset();
     if (--g_pendingInterruptions == 0) switchMonitoring(false);
 }
 
@@ -208,9 +218,8 @@ bool EvaluationScope::endsInterrupted() noexcept {
     if (record == nullptr) return false;
     if (PyErr_Occurred() != nullptr && PyErr_ExceptionMatches(interruptedType())) return true;
     PyErr_Clear();
-    if (record->first != nullptr) {
-        Py_IncRef(record->first);
-        PyErr_SetRaisedException(record->first);
+    if (record->first) {
+        PyErr_SetRaisedException(PyObjectPtr::borrow(record->first.get()).release());
     } else {
         raiseIn(*record);
     }
