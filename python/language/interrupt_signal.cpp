@@ -9,14 +9,23 @@
 // returns with EINTR, Python calls the handler, and the handler raises the interruption.
 #include "language/interrupt_signal.hpp"
 
+#include "extension/gil.hpp"
+
+#if defined(_WIN32)
+
+// Windows has no signal that ends a wait of another thread: its waits end first.
+namespace tala::python {
+void prepareInterruptSignal(PyMethodDef*) {}
+bool sendInterruptSignal(std::int64_t) { return false; }
+int interruptSignalNumber() noexcept { return 0; }
+}  // namespace tala::python
+
+#else
+
 #include <pthread.h>
 #include <signal.h>
 
 #include <cstdlib>
-#include <cstring>
-#include <string>
-
-#include "extension/gil.hpp"
 
 namespace tala::python {
 
@@ -100,3 +109,5 @@ bool sendInterruptSignal(std::int64_t threadId) {
 int interruptSignalNumber() noexcept { return g_signal; }
 
 }  // namespace tala::python
+
+#endif
