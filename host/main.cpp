@@ -163,8 +163,9 @@ void giveThreadsEnoughStack() {
     pthread_attr_destroy(&defaults);
 }
 
-// Reads the evaluation option at arguments[index], moving `index` past its value. Nothing when
-// the argument is no evaluation option; else `failed` holds the status of a usage error, if any.
+// Reads the evaluation option at arguments[index], moving `index` past its value. False when the
+// argument is no evaluation option; when it is one, `failed` holds the status of a usage error,
+// if any.
 bool takeEvaluationOption(const std::vector<std::string>& arguments, std::size_t& index,
                           tala::host::EvaluationOptions& options, std::optional<int>& failed) {
     const std::string& argument = arguments[index];
@@ -202,6 +203,48 @@ struct RunArguments {
     std::vector<std::string> outNames;
     std::vector<std::string> scriptArguments;
 };
+
+// Reads the arguments of run or eval after the command; the status of a usage error, or nothing.
+std::optional<int> readRunArguments(bool isRun, const std::vector<std::string>& rest, tala::host::EvaluationOptions& options,
+                                    RunArguments& into) {
+    std::optional<int> failed;
+    for (std::size_t index = 0; index < rest.size(); ++index) {
+        const std::string& argument = rest[index];
+        if (isRun && argument == "--") {
+            into.scriptArguments.assign(rest.begin() + static_cast<std::ptrdiff_t>(index) + 1, rest.end());
+            break;
+        }
+        if (isRun && argument == "--out") {
+            if (index + 1 >= rest.size()) return usageError("--out needs a name.");
+            into.outNames.push_back(rest[++index]);
+        } else if (takeEvaluationOption(rest, index, options, failed)) {
+            if (failed) return failed;
+        } else if (argument.starts_with("--") && argument.size() > 2) {
+            return usageError("Unknown option '" + argument + "'." + (isRun ? " The script's own arguments go after --." : ""));
+        } else {
+            into.positional.push_back(argument);
+        }
+    }
+    if (into.positional.empty()) return usageError(isRun ? "run needs a script (or - for standard input)." : "eval needs an expression.");
+    return std::nullopt;
+}
+
+// run SCRIPT, -c CODE, or standard input as the script.
+int runScript(const std::string& command, const std::vector<std::string>& rest, const RunArguments& runArguments,
+              const tala::host::EvaluationOptions& options) {
+    using namespace tala::host;
+    Script script;
+    std::vector<std::string> assignments;
+    if (command == "run") {
+        assignments.assign(runArguments.positional.begin() + 1, runArguments.positional.end());
+        if (auto unreadable = readScriptFile(runArguments.positional[0], runArguments.scriptArguments, script)) return *unreadable;
+    } else if (command == "-c") {
+        script = commandScript(rest[0], std::vector<std::string>(rest.begin() + 1, rest.end()));
+    } else if (auto unreadable = readStandardInputScript(script)) {
+        return *unreadable;
+    }
+    return runCommand(script, assignments, runArguments.outNames, options);
+}
 
 // Ends the program with `status`: after a KeyboardInterrupt, as SIGINT ends a program that
 // does not handle it (its caller sees the signal; a shell shows 130), as Python's does.
@@ -248,28 +291,7 @@ int run(const std::vector<std::string>& arguments) {
     // Arguments of run and eval, checked before anything is loaded.
     RunArguments runArguments;
     if (command == "eval" || command == "run") {
-        const bool isRun = command == "run";
-        for (std::size_t index = 0; index < rest.size(); ++index) {
-            const std::string& argument = rest[index];
-            if (isRun && argument == "--") {
-                runArguments.scriptArguments.assign(rest.begin() + static_cast<std::ptrdiff_t>(index) + 1, rest.end());
-                break;
-            }
-            if (isRun && argument == "--out") {
-                if (index + 1 >= rest.size()) return usageError("--out needs a name.");
-                runArguments.outNames.push_back(rest[++index]);
-            } else if (takeEvaluationOption(rest, index, options, failed)) {
-                if (failed) return *failed;
-            } else if (argument.starts_with("--") && argument.size() > 2) {
-                return usageError("Unknown option '" + argument + "'." +
-                                  (isRun ? " The script's own arguments go after --." : ""));
-            } else {
-                runArguments.positional.push_back(argument);
-            }
-        }
-        if (runArguments.positional.empty()) {
-            return usageError(isRun ? "run needs a script (or - for standard input)." : "eval needs an expression.");
-        }
+        if (auto wrong = readRunArguments(command == "run", rest, options, runArguments)) return *wrong;
     }
 
     if (auto loadFailed = loadLibrary(extension, "The Python extension was not found at '" + extension + "'.")) return *loadFailed;
@@ -284,17 +306,7 @@ int run(const std::vector<std::string>& arguments) {
         return evalCommand(runArguments.positional[0], assignments, options);
     }
     if (command == "run" || command == "-c" || (command.empty() && !isatty(STDIN_FILENO))) {
-        Script script;
-        std::vector<std::string> assignments;
-        if (command == "run") {
-            assignments.assign(runArguments.positional.begin() + 1, runArguments.positional.end());
-            if (auto unreadable = readScriptFile(runArguments.positional[0], runArguments.scriptArguments, script)) return *unreadable;
-        } else if (command == "-c") {
-            script = commandScript(rest[0], std::vector<std::string>(rest.begin() + 1, rest.end()));
-        } else if (auto unreadable = readStandardInputScript(script)) {
-            return *unreadable;
-        }
-        return runCommand(script, assignments, runArguments.outNames, options);
+        return runScript(command, rest, runArguments, options);
     }
     if (command == "import") {
         if (rest.empty()) return usageError("import needs a path.");

@@ -17,6 +17,7 @@
 namespace tala::python {
 void prepareInterruptSignal(PyMethodDef*) {}
 bool sendInterruptSignal(std::int64_t) { return false; }
+void stopInterruptSignal() noexcept {}
 int interruptSignalNumber() noexcept { return 0; }
 }  // namespace tala::python
 
@@ -24,6 +25,8 @@ int interruptSignalNumber() noexcept { return 0; }
 
 #include <pthread.h>
 #include <signal.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <cstdlib>
 
@@ -36,6 +39,31 @@ int g_signal = 0;                      // the signal in use, 0 for none
 bool g_prepared = false;               // the main thread's first evaluation has set it up
 unsigned long g_signalThreadId = 0;    // that thread, as the interpreter knows it
 pthread_t g_signalThread{};            // ... and as pthread_kill knows it
+
+// The signal is sent again every 20 ms until the interruption is raised: one that lands after
+// the waiting function's last look for signals and before its wait begins (the thread has let
+// go of the interpreter lock, and may be preempted right there) would otherwise be missed until
+// the wait ends. A timer of the kernel's sends it; `g_resendArmed` is read and written under the
+// interpreter lock.
+constexpr long kResendNanoseconds = 20'000'000;
+timer_t g_resend{};
+bool g_resendMade = false;
+bool g_resendArmed = false;
+
+void makeResendTimer() {
+    sigevent event{};
+    event.sigev_notify = SIGEV_THREAD_ID;
+    event.sigev_signo = g_signal;
+    event._sigev_un._tid = gettid();
+    g_resendMade = timer_create(CLOCK_MONOTONIC, &event, &g_resend) == 0;
+}
+
+void armResend(bool on) {
+    if (!g_resendMade || g_resendArmed == on) return;
+    itimerspec every{};
+    if (on) every.it_value.tv_nsec = every.it_interval.tv_nsec = kResendNanoseconds;
+    if (timer_settime(g_resend, 0, &every, nullptr) == 0) g_resendArmed = on;
+}
 
 int chosenSignal() {
     const char* chosen = std::getenv("TALA_PYTHON_INTERRUPT_SIGNAL");
@@ -97,13 +125,19 @@ void prepareInterruptSignal(PyMethodDef* onSignal) {
     g_signal = chosen;
     g_signalThreadId = PyThread_get_thread_ident();
     g_signalThread = pthread_self();
+    makeResendTimer();
 }
 
 bool sendInterruptSignal(std::int64_t threadId) {
     if (g_signal == 0 || static_cast<unsigned long>(threadId) != g_signalThreadId) return false;
     // Marked first: when the wait returns, Python finds the signal already received.
     if (PyErr_SetInterruptEx(g_signal) != 0) return false;
+    armResend(true);
     return pthread_kill(g_signalThread, g_signal) == 0;
+}
+
+void stopInterruptSignal() noexcept {
+    if (g_resendArmed && PyThread_get_thread_ident() == g_signalThreadId) armResend(false);
 }
 
 int interruptSignalNumber() noexcept { return g_signal; }

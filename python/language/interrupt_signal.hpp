@@ -18,8 +18,12 @@ void prepareInterruptSignal(PyMethodDef* onSignal);
 // From any thread, with the interpreter lock held, for a thread that runs an interrupted
 // evaluation: when that thread can be reached by the signal, marks the signal as received for
 // Python and sends it there, so that a wait in C returns and Python calls the handler. Answers
-// whether it did.
+// whether it did. The signal is sent again every 20 ms until stopInterruptSignal.
 bool sendInterruptSignal(std::int64_t threadId);
+
+// On the thread the signal reaches, once the interruption was raised there or its evaluation
+// ended: the signal is not sent again. Elsewhere it does nothing. With the interpreter lock held.
+void stopInterruptSignal() noexcept;
 
 // The signal in use: SIGRTMAX - 2 unless TALA_PYTHON_INTERRUPT_SIGNAL names another number, or
 // 0 for none; 0 until the main thread's first evaluation.

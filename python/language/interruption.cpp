@@ -78,6 +78,7 @@ void raiseIn(ThreadRecord& record) {
         record.raised = true;
         record.first = PyObjectPtr::borrow(exception.get());
     }
+    stopInterruptSignal();
     PyErr_SetRaisedException(exception.release());
 }
 
@@ -210,6 +211,7 @@ EvaluationScope::~EvaluationScope() {
     record.interrupted = false;
     record.raised = false;
     record.first.reset();
+    stopInterruptSignal();
     if (--g_pendingInterruptions == 0) switchMonitoring(false);
 }
 
