@@ -171,7 +171,7 @@ int runCommand(const Script& script, const std::vector<std::string>& assignments
     HashMap<String, Any> locals;
     if (script.file) locals.set(String("__file__"), String(*script.file));
     if (Any parsed = parseAssignments(assignments, locals); is_error_result(parsed)) {
-        std::fprintf(stderr, "%s\n", Error(internal::unchecked, parsed).message().c_str());
+        std::fprintf(stderr, "%s The script's own arguments go after --.\n", Error(internal::unchecked, parsed).message().c_str());
         return kUsage;
     }
     if (Any prepared = prepareInterpreter(script.argv, script.pathEntry); is_error_result(prepared)) {
