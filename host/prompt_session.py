@@ -16,6 +16,7 @@ import linecache
 import os
 import rlcompleter
 import sys
+import tokenize
 import traceback
 
 def is_host_value(thing):
@@ -330,12 +331,25 @@ def fancy_console_or_why_not():
     return f"warning: can't use pyrepl: {problem}" if problem else None
 
 
+def run_startup_file(namespace):
+    """The file PYTHONSTARTUP names runs in the prompt's namespace first, as at Python's prompt."""
+    path = os.getenv("PYTHONSTARTUP")
+    if not path:
+        return
+    try:
+        with tokenize.open(path) as file:
+            exec(compile(file.read(), path, "exec"), namespace)
+    except Exception:
+        traceback.print_exc()
+
+
 def make_session(history, interactive):
     namespace = dict(HOST_GLOBALS)
     namespace['__name__'] = '__main__'
     namespace['__builtins__'] = builtins
     if not interactive:
         return BasicSession(namespace, None)
+    run_startup_file(namespace)
     why_not = fancy_console_or_why_not()
     if why_not is None:
         return FancySession(namespace, history)

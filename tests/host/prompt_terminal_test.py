@@ -2,7 +2,7 @@
 # pseudo-terminal, as a person types at them: Python 3.13's console (auto-indent, whole-block
 # recall, a paste with a blank line, completion of host members, tracebacks with source lines,
 # tables, Ctrl-C while typing and during a query, history kept as blocks are entered, exit), the
-# basic console where Python falls back to it, and breakpoint() in a script.
+# basic console where Python falls back to it, PYTHONSTARTUP, and breakpoint() in a script.
 #
 #     python3 prompt_terminal_test.py PATH_OF_TALA SCRIPTS_FOLDER
 import os
@@ -166,9 +166,14 @@ terminal.type("\x04", "\n", 5)
 check(terminal.status() == 0, "Ctrl-D leaves with status 0", "")
 
 home = tempfile.mkdtemp()
-terminal = Terminal([], "xterm", home, {"PYTHON_BASIC_REPL": "1"})
+startup = os.path.join(home, "startup.py")
+with open(startup, "w") as file:
+    file.write("greeting = 'set up by PYTHONSTARTUP'\n")
+terminal = Terminal([], "xterm", home, {"PYTHON_BASIC_REPL": "1", "PYTHONSTARTUP": startup})
 shown = terminal.read_until(">>> ")
 check("warning" not in shown, "PYTHON_BASIC_REPL gives the basic console without a warning", shown)
+shown = terminal.type("greeting\r", ">>> ")
+check("'set up by PYTHONSTARTUP'" in shown, "the file PYTHONSTARTUP names runs first", shown)
 shown = terminal.type("exit\r", ">>> ")
 check("Use exit() or Ctrl-D (i.e. EOF) to exit" in shown, "the basic console shows exit as Python's does", shown)
 terminal.type("exit()\r", "\x00", 2)
