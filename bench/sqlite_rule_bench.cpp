@@ -23,12 +23,9 @@
 #include <string>
 
 #include "database.hpp"
+#include "loaded_extension.hpp"
 #include "row.hpp"
 #include "tala/tala.hpp"
-
-#ifndef TALA_PYTHON_EXTENSION_PATH
-#error "TALA_PYTHON_EXTENSION_PATH must name the built Python extension"
-#endif
 
 namespace {
 
@@ -37,12 +34,6 @@ using tala::HashMap;
 using tala::String;
 
 constexpr std::int64_t kRows = 100000;
-
-Any moduleFunction(const char* name) {
-    const auto module = tala::Module::find("tala.python");
-    if (!module) return Any();
-    return tala::property_of(*module, name).as<tala::Property>().get(*module);
-}
 
 // The Python extension loaded as a host loads it, and the database filled once.
 struct Setup {
@@ -53,13 +44,9 @@ struct Setup {
     bool ready = false;
 
     Setup() {
-        const Any loaded = tala::load_extension(TALA_PYTHON_EXTENSION_PATH);
-        if (tala::is_error_result(loaded)) {
-            std::fprintf(stderr, "%s\n", tala::display(loaded).c_str());
-            return;
-        }
-        evaluate = tala::I_Invokable_Generic(tala::internal::unchecked, moduleFunction("evaluate"));
-        evaluateExpr = tala::I_Invokable_Generic(tala::internal::unchecked, moduleFunction("evaluate_expr"));
+        if (!tala_bench::loadPythonExtension()) return;
+        evaluate = tala::I_Invokable_Generic(tala::internal::unchecked, tala_bench::pythonModuleFunction("evaluate"));
+        evaluateExpr = tala::I_Invokable_Generic(tala::internal::unchecked, tala_bench::pythonModuleFunction("evaluate_expr"));
         path = (std::filesystem::temp_directory_path() / ("tala_bench_rule_" + std::to_string(getpid()) + ".db")).string();
         std::filesystem::remove(path);
         const Any opened = tala::sqlite::openDatabase(String(path));

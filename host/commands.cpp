@@ -3,15 +3,11 @@
 
 #include <algorithm>
 #include <charconv>
-#include <chrono>
-#include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <iostream>
-#include <mutex>
-#include <sstream>
-#include <thread>
+
+#include "profile.hpp"
+#include "script.hpp"
+#include "stopping.hpp"
 
 namespace tala::host {
 
@@ -101,71 +97,22 @@ std::optional<std::int64_t> exitStatusOf(const Any& error) {
     return status.rawInteger();
 }
 
-// How long an interrupted evaluation may take to end before the program ends without it: a
-// call that waits inside C (time.sleep, a socket read) or a long loop in C sees the interruption
-// only once it returns.
-constexpr std::chrono::seconds kGraceAfterTimeout{2};
-
-// Stops the evaluation of the calling thread when the time is up, through LanguagePython.interrupt;
-// when it does not end within the grace period, ends the program.
-class Deadline {
-public:
-    Deadline(std::optional<double> seconds) {
-        if (!seconds) return;
-        const Any threadId = callLanguageMethod("threadId", {});
-        thread_ = std::thread([this, limit = *seconds, threadId] {
-            std::unique_lock lock(mutex_);
-            const auto duration = std::chrono::duration<double>(limit);
-            if (changed_.wait_for(lock, duration, [this] { return done_; })) return;
-            lock.unlock();
-            const Any stopped = callLanguageMethod("interrupt", {threadId});
-            lock.lock();
-            expired_ = stopped.kind() == Kind::Boolean && stopped.rawBoolean();
-            if (!expired_ || changed_.wait_for(lock, kGraceAfterTimeout, [this] { return done_; })) return;
-            std::fflush(stdout);
-            std::fprintf(stderr, "Stopped after the timeout of %g seconds.\n", limit);
-            std::fflush(stderr);
-            std::_Exit(kTimedOut);
-        });
-    }
-    ~Deadline() { finish(); }
-    Deadline(const Deadline&) = delete;
-    Deadline& operator=(const Deadline&) = delete;
-
-    // Whether the evaluation was stopped; ends the waiting either way.
-    bool expired() {
-        finish();
-        return expired_;
-    }
-
-private:
-    void finish() {
-        if (!thread_.joinable()) return;
-        {
-            std::lock_guard lock(mutex_);
-            done_ = true;
-        }
-        changed_.notify_all();
-        thread_.join();
-    }
-
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool done_ = false;
-    bool expired_ = false;
-    std::thread thread_;
-};
-
-// Runs one evaluation under the options: the result, or the status to end with after a
+// Runs one evaluation under the options: Ctrl-C and the timeout stop it, and with --profile its
+// profile is printed once it ends, whichever way. The result, or the status to end with after a
 // failure was reported.
 template <class Evaluate>
 std::optional<int> evaluateWith(const EvaluationOptions& options, Any& result, Evaluate&& evaluate) {
-    Deadline deadline(options.timeoutSeconds);
-    result = evaluate();
-    const bool timedOut = deadline.expired();
+    const Any profiler = options.profile ? startProfile() : Any();
+    if (is_error_result(profiler)) return reportFailure(profiler, false);
+    Stopping stopping({options.timeoutSeconds, options.graceSeconds, true});
+    {
+        const Stopping::Running running(stopping);
+        result = evaluate();
+    }
+    if (options.profile) printProfile(profiler);
     if (!is_error_result(result)) return std::nullopt;
     const int status = reportFailure(result, options.quietTraceback);
-    if (timedOut) {
+    if (stopping.timedOut()) {
         std::fprintf(stderr, "Stopped after the timeout of %g seconds.\n", *options.timeoutSeconds);
         return kTimedOut;
     }
@@ -181,7 +128,8 @@ int reportFailure(const Any& result, bool quiet) {
         printReport(display(result).view());
         return kEvaluationFailed;
     }
-    if (errorText(*error, "exceptionType").value_or(String()) == "SystemExit") {
+    const String exceptionType = errorText(*error, "exceptionType").value_or(String());
+    if (exceptionType == "SystemExit") {
         // As Python's program ends: with the status, or printing the code and ending with 1.
         if (auto status = exitStatusOf(*error)) return static_cast<int>(*status);
         printReport(error->message().view());
@@ -195,7 +143,8 @@ int reportFailure(const Any& result, bool quiet) {
     } else {
         printReport(traceback->view());
     }
-    return kEvaluationFailed;
+    const bool interrupted = exceptionType == "KeyboardInterrupt" || exceptionType == "tala.python.Interrupted";
+    return interrupted ? kInterrupted : kEvaluationFailed;
 }
 
 int evalCommand(const std::string& expression, const std::vector<std::string>& assignments,
@@ -216,38 +165,49 @@ int evalCommand(const std::string& expression, const std::vector<std::string>& a
     return kOk;
 }
 
-int runCommand(const std::string& file, const std::vector<std::string>& assignments,
+int runCommand(const Script& script, const std::vector<std::string>& assignments,
                const std::vector<std::string>& outNames, const EvaluationOptions& options) {
-    std::stringstream text;
-    if (file == "-") {
-        text << std::cin.rdbuf();
-    } else {
-        std::ifstream input(file, std::ios::binary);
-        if (!input) {
-            std::fprintf(stderr, "Cannot read the file '%s'.\n", file.c_str());
-            return kUsage;
-        }
-        text << input.rdbuf();
-    }
     // The script knows its file as Python's own program tells it, and its tracebacks name it.
-    HashMap<String, Any> locals{{String("__file__"), String(file == "-" ? std::string("<stdin>") : file)}};
+    HashMap<String, Any> locals;
+    if (script.file) locals.set(String("__file__"), String(*script.file));
     if (Any parsed = parseAssignments(assignments, locals); is_error_result(parsed)) {
-        std::fprintf(stderr, "%s\n", Error(internal::unchecked, parsed).message().c_str());
+        std::fprintf(stderr, "%s The script's own arguments go after --.\n", Error(internal::unchecked, parsed).message().c_str());
         return kUsage;
+    }
+    if (Any prepared = prepareInterpreter(script.argv, script.pathEntry); is_error_result(prepared)) {
+        return reportFailure(prepared, false);
     }
     HashMap<String, Any> outLocals;
     for (const std::string& name : outNames) outLocals.set(String(name), Any());
     Any result;
     if (auto failed = evaluateWith(options, result, [&] {
-            return callModuleFunction("evaluate", {String(text.str()), locals, Any(), outNames.empty() ? Any() : Any(outLocals)});
+            return callModuleFunction("evaluate", {String(script.source), locals, Any(), outNames.empty() ? Any() : Any(outLocals)});
         })) {
         return *failed;
     }
     flushPythonOutput();
     if (!result.isEmpty()) printLine(stdout, display(result).view());
+    // A name the script never binds is reported instead of printed as None.
+    std::vector<std::string> unassigned;
     for (const std::string& name : outNames) {
+        if (outLocals.get(String(name)).value_or(Any()).isEmpty()) unassigned.push_back(name);
+    }
+    if (!unassigned.empty()) unassigned = namesNeverAssigned(script, unassigned);
+    for (const std::string& name : outNames) {
+        if (std::find(unassigned.begin(), unassigned.end(), name) != unassigned.end()) continue;
         printLine(stdout, String("{} = {}").arg(String(name), display(outLocals.get(String(name)).value_or(Any()))).view());
     }
+    std::fflush(stdout);
+    for (const std::string& name : unassigned) {
+        std::fprintf(stderr, "--out %s: the script never assigns '%s'.\n", name.c_str(), name.c_str());
+    }
+    return unassigned.empty() ? kOk : kEvaluationFailed;
+}
+
+int versionCommand() {
+    const Any version = callModuleFunction("evaluate_expr", {String("__import__('sys').version.split()[0]"), Any(), Any()});
+    if (is_error_result(version)) return reportFailure(version, false);
+    std::printf("tala %s (Python %s)\n", TALA_VERSION, String::cast(version).value_or(String()).c_str());
     return kOk;
 }
 

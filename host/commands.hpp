@@ -9,18 +9,24 @@
 
 namespace tala::host {
 
+struct Script;
+
 // Exit statuses: 0 success, 1 the evaluation failed, 2 usage or start-up errors, 124 the
-// evaluation was stopped by --timeout (as the timeout program ends). A script that calls
-// sys.exit ends the program with its status, as Python's own program does.
+// evaluation was stopped by --timeout (as the timeout program ends), 130 a KeyboardInterrupt
+// (Ctrl-C) ended it: the program then ends as SIGINT ends a program, as Python's own does. A
+// script that calls sys.exit ends the program with its status, as under Python's program.
 constexpr int kOk = 0;
 constexpr int kEvaluationFailed = 1;
 constexpr int kUsage = 2;
 constexpr int kTimedOut = 124;
+constexpr int kInterrupted = 130;
 
 // What eval and run are told besides their code and values.
 struct EvaluationOptions {
     std::optional<double> timeoutSeconds;  // --timeout SECONDS
+    double graceSeconds = 1.0;             // --grace SECONDS: how long cleanup may run once interrupted
     bool quietTraceback = false;           // --quiet-traceback: only the last line of a report
+    bool profile = false;                  // --profile: the script's profile on standard error
 };
 
 // Turns "NAME=VALUE" arguments into locals: an integer when VALUE parses as one, else a float
@@ -38,8 +44,12 @@ Any importAllModules();
 
 int evalCommand(const std::string& expression, const std::vector<std::string>& assignments,
                 const EvaluationOptions& options);
-int runCommand(const std::string& file, const std::vector<std::string>& assignments,
+// Runs a script (of run, -c or standard input) as the body of a function, with sys.argv and
+// sys.path[0] as Python's program sets them.
+int runCommand(const Script& script, const std::vector<std::string>& assignments,
                const std::vector<std::string>& outNames, const EvaluationOptions& options);
+// "tala VERSION (Python X.Y.Z)": the program's version and that of the loaded interpreter.
+int versionCommand();
 // The registered host modules; with `all`, then the Python modules known to the host (after
 // importAllModules) that are not registered themselves.
 int modulesCommand(bool all);
@@ -60,7 +70,8 @@ void flushPythonOutput();
 
 // Prints a failed evaluation's report on standard error as Python's own program prints it (the
 // traceback, or with `quiet` its last line; the message of an error that is no Python
-// exception) and answers the status the program ends with: the status of a SystemExit, else 1.
+// exception) and answers the status the program ends with: the status of a SystemExit, 130
+// for a KeyboardInterrupt (the interruption included), else 1.
 int reportFailure(const Any& result, bool quiet);
 
 // A property of an error value that is a string, if it has one.

@@ -21,7 +21,6 @@ TALA_PACKAGES=(
     libgtest-dev
     libgmock-dev
     libbenchmark-dev
-    libreadline-dev
     libsqlite3-dev
     # The fuzz and ThreadSanitizer presets: clang, its sanitizer and libFuzzer runtimes, and
     # llvm-symbolizer for readable reports.

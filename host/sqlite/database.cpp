@@ -39,12 +39,19 @@ const Identifier kExit{"$__exit__"};
 
 // ---- Operations, each under the connection's lock -------------------------------------------
 
-// Runs `body(connection)` with the lock held, or answers the closed-database error.
+// Runs `body(connection)` with the lock held, or answers the closed-database error. A runtime
+// that is asked to stop the call (an interrupted evaluation) interrupts the statements running on
+// the connection meanwhile, which are this call's own while it holds the lock: they end with
+// SQLite's "interrupted". The connection stays open until the scope has ended.
 template <class Body>
 Any withConnection(const Database& database, Body&& body) {
     DatabaseCell* cell = database.cell();
     std::lock_guard lock(cell->lock);
     if (cell->connection == nullptr) return closedError();
+    const CancelScope cancellable([connection = cell->connection] { sqlite3_interrupt(connection); });
+    // Asked to stop while it waited for the lock: SQLite forgets an interrupt that comes before
+    // any statement runs, so the call ends here.
+    if (cancellable.cancelled()) return sqlError(SQLITE_INTERRUPT, String(sqlite3_errstr(SQLITE_INTERRUPT)));
     return body(cell->connection);
 }
 

@@ -72,7 +72,7 @@ public:
     Any call(std::span<const Any> arguments) const override {
         if (auto shortage = python::stackShortage()) return *shortage;
         GilGuard gil;
-        const python::EvaluationScope evaluation;
+        python::EvaluationScope evaluation;
         // The arguments go by the vectorcall protocol, from the stack for the usual few: no
         // argument tuple is made. The slot in front of them lets a bound method put its receiver.
         ConvertedArguments converted(arguments.size());
@@ -83,6 +83,7 @@ public:
         }
         PyObjectPtr result = PyObjectPtr::steal(
             PyObject_Vectorcall(callable_, converted.arguments(), arguments.size() | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+        if (evaluation.endsInterrupted()) result.reset();
         if (!result) return python::fetch_python_error_or("The Python call failed.");
         return python::fromPythonResultLocked(result.get());
     }

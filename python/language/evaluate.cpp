@@ -180,7 +180,7 @@ Any evaluate_expr(const String& code, const Union<I_Map<String, Any>, None>& loc
     if (auto shortage = stackShortage()) return *shortage;
     (void)ensurePythonOnce();
     GilGuard gil;
-    const EvaluationScope evaluation;
+    EvaluationScope evaluation;
     PyObjectPtr globalNames = evaluationGlobals();
     Any stored = storeEntries(globalNames.get(), globals.isEmpty() ? Any(tala::globals()) : Any(globals));
     if (is_error_result(stored)) return stored;
@@ -194,6 +194,7 @@ Any evaluate_expr(const String& code, const Union<I_Map<String, Any>, None>& loc
     PyObjectPtr localNames = PyObjectPtr::steal(PyDict_New());
     if (!localNames) return fetch_python_error_or("Unable to prepare the evaluation.");
     PyObjectPtr result = PyObjectPtr::steal(PyEval_EvalCode(program.get(), globalNames.get(), localNames.get()));
+    if (evaluation.endsInterrupted()) result.reset();
     if (!result) {
         const ExceptionOrigin origin{program.get(), code.view(), false};
         return fetch_python_error_or("Unable to evaluate the expression.", &origin);
@@ -218,7 +219,7 @@ Union<Any, Lazy<Any>, Error> language_python_evaluate_method(const Any& self, co
     if (auto shortage = stackShortage()) return *shortage;
     (void)ensurePythonOnce();
     GilGuard gil;
-    const EvaluationScope evaluation;
+    EvaluationScope evaluation;
     PyObjectPtr globalNames = evaluationGlobals();
     // Globals, then output locals (whose names the program is made for), then locals: a later
     // map wins a name.
@@ -239,6 +240,7 @@ Union<Any, Lazy<Any>, Error> language_python_evaluate_method(const Any& self, co
 
     const RunningCodeScope running(outLocals);
     PyObjectPtr ran = PyObjectPtr::steal(PyEval_EvalCode(program.get(), globalNames.get(), localNames.get()));
+    if (evaluation.endsInterrupted()) ran.reset();
     if (!ran) {
         const ExceptionOrigin origin{program.get(), code.view(), true};
         return fetch_python_error_or("Unable to run the code.", &origin);

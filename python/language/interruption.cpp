@@ -1,22 +1,32 @@
 // python/language/interruption.cpp: stopping an evaluation that runs on another host thread.
 #include "language/interruption.hpp"
 
+#include <chrono>
 #include <mutex>
 #include <unordered_map>
 
 #include "extension/gil.hpp"
+#include "language/interrupt_signal.hpp"
+#include "tala/cancellation.hpp"
 
 namespace tala::python {
 
 namespace {
 
-// What the interrupting side knows of one thread. `depth` and `interrupted` are read and
+using Clock = std::chrono::steady_clock;
+
+// What the interrupting side knows of one thread. Everything but the identifiers is read and
 // written under the interpreter lock only; the record is listed in the registry while its
 // thread lives.
 struct ThreadRecord {
     unsigned long threadId = PyThread_get_thread_ident();
-    int depth = 0;             // evaluations running on the thread, nested
-    bool interrupted = false;  // the running evaluation was told to stop
+    std::uint64_t blockingKey = current_thread_key();  // for stopping its blocking host calls
+    int depth = 0;                  // evaluations running on the thread, nested
+    bool prepared = false;          // its first evaluation has run prepareInterruptSignal
+    bool interrupted = false;       // the running evaluation was told to stop
+    bool raised = false;            // ... and the interruption was raised in it
+    Clock::time_point graceEnds{};  // from then on it is raised again at every jump
+    PyObjectPtr first;              // the exception first raised, kept to the end (null between evaluations)
 };
 
 // Thread identifier -> its record. `mutex` guards the map; the process-wide instance is never
@@ -53,28 +63,64 @@ struct OwnRecord {
 
 TALA_HOT_THREAD_LOCAL OwnRecord t_record;
 
-// ---- Raising again until the evaluation ends ---------------------------------------------------
+// The record of this thread when the evaluation running on it was told to stop.
+ThreadRecord* interruptedHere() {
+    if (!t_record.listed) return nullptr;
+    ThreadRecord& record = t_record.record;
+    return record.depth > 0 && record.interrupted ? &record : nullptr;
+}
+
+// Raises the interruption; the first one is kept as the evaluation's own.
+void raiseIn(ThreadRecord& record) {
+    PyObjectPtr exception = PyObjectPtr::steal(PyObject_CallNoArgs(interruptedType()));
+    if (!exception) return;  // what went wrong is raised instead
+    if (!record.raised) {
+        record.raised = true;
+        record.first = PyObjectPtr::borrow(exception.get());
+    }
+    stopInterruptSignal();
+    PyErr_SetRaisedException(exception.release());
+}
+
+// Keeps the exception pending on this thread aside for one scope: the work done meanwhile is
+// the interruption's own, and what the code had pending is not its to lose.
+class PendingExceptionKept {
+public:
+    PendingExceptionKept() noexcept : pending_(PyObjectPtr::steal(PyErr_GetRaisedException())) {}
+    ~PendingExceptionKept() {
+        PyErr_Clear();
+        PyErr_SetRaisedException(pending_.release());
+    }
+    PendingExceptionKept(const PendingExceptionKept&) = delete;
+    PendingExceptionKept& operator=(const PendingExceptionKept&) = delete;
+
+private:
+    PyObjectPtr pending_;
+};
+
+// Where the interruption can be raised (a jump, a function start, a signal handler): raises it
+// the first time, and again at every such point once the grace period is over.
+PyObject* raiseIfDue(PyObject*, PyObject* const*, Py_ssize_t) {
+    ThreadRecord* record = interruptedHere();
+    if (record == nullptr || (record->raised && Clock::now() < record->graceEnds)) Py_RETURN_NONE;
+    raiseIn(*record);
+    return nullptr;
+}
+
+PyMethodDef g_monitoringCallback{"tala_interruption_check", fastCallFunction(raiseIfDue), METH_FASTCALL,
+                                 "Raises the interruption in an evaluation that was told to stop."};
+PyMethodDef g_signalHandler{"tala_interruption_signal", fastCallFunction(raiseIfDue), METH_FASTCALL,
+                            "Raises the interruption where a wait in C was ended by the interrupt signal."};
+
+// ---- Monitoring ----------------------------------------------------------------------------
 //
-// The first interruption is an asynchronous exception, which the interpreter raises at the next
-// point where it looks. Code that catches it and goes on is stopped by a monitoring callback on
-// jumps and function starts, which raises it again while an interruption is pending on its
-// thread. The callback is only switched on while some interruption is pending, so evaluations
-// pay nothing for it otherwise. All of this runs under the interpreter lock.
+// A monitoring callback on jumps and function starts raises the interruption in Python code. It
+// is only switched on while some interruption is pending, so evaluations pay nothing for it
+// otherwise. All of this runs under the interpreter lock.
 
 int g_pendingInterruptions = 0;
 int g_monitoringTool = -1;  // the sys.monitoring tool id we hold, or -1
 long g_eventMask = 0;       // the events its callback is registered for
-
-PyObject* raiseIfInterrupted(PyObject*, PyObject* const*, Py_ssize_t) {
-    if (t_record.listed && t_record.record.depth > 0 && t_record.record.interrupted) {
-        PyErr_SetNone(interruptedType());
-        return nullptr;
-    }
-    Py_RETURN_NONE;
-}
-
-PyMethodDef g_callbackDefinition{"tala_interruption_check", fastCallFunction(raiseIfInterrupted), METH_FASTCALL,
-                                 "Raises the interruption in an evaluation that was told to stop."};
 
 PyObjectPtr monitoring() {
     PyObjectPtr sys = PyObjectPtr::steal(PyImport_ImportModule("sys"));
@@ -86,7 +132,7 @@ PyObjectPtr monitoring() {
 // the process.
 bool claimTool(PyObject* monitoringModule) {
     if (g_monitoringTool >= 0) return true;
-    PyObjectPtr callback = PyObjectPtr::steal(PyCFunction_New(&g_callbackDefinition, nullptr));
+    PyObjectPtr callback = PyObjectPtr::steal(PyCFunction_New(&g_monitoringCallback, nullptr));
     PyObjectPtr events = PyObjectPtr::steal(PyObject_GetAttrString(monitoringModule, "events"));
     if (!callback || !events) return false;
     for (int tool : {4, 3}) {
@@ -110,18 +156,18 @@ bool claimTool(PyObject* monitoringModule) {
 }
 
 void switchMonitoring(bool on) {
+    const PendingExceptionKept kept;
     PyObjectPtr module = monitoring();
-    if (!module || !claimTool(module.get())) {
-        PyErr_Clear();
-        return;
+    if (module && claimTool(module.get())) {
+        PyObjectPtr done = PyObjectPtr::steal(PyObject_CallMethod(module.get(), "set_events", "il", g_monitoringTool, on ? g_eventMask : 0L));
     }
-    PyObjectPtr done = PyObjectPtr::steal(PyObject_CallMethod(module.get(), "set_events", "il", g_monitoringTool, on ? g_eventMask : 0L));
-    if (!done) PyErr_Clear();
 }
 
-// The constructor of Interrupted, in C: an interruption is raised as the bare type, and Python
-// makes the instance at the point where the evaluation stops. Python code run there would be
-// stopped by the very interruption it is making. An instance method receives (self, *args).
+// ---- The exception type -------------------------------------------------------------------
+
+// The constructor of Interrupted, in C: no Python code runs while the instance is made where the
+// evaluation stops (it would be stopped by the very interruption it is making). An instance
+// method receives (self, *args).
 PyObject* initInterrupted(PyObject*, PyObject* arguments) {
     const Py_ssize_t count = PyTuple_GET_SIZE(arguments);
     if (count < 1) {
@@ -148,15 +194,38 @@ PyObject* makeInterruptedType() {
 
 }  // namespace
 
-EvaluationScope::EvaluationScope() noexcept { ++t_record.get().depth; }
+EvaluationScope::EvaluationScope() noexcept {
+    ThreadRecord& record = t_record.get();
+    ++record.depth;
+    if (!record.prepared) {
+        record.prepared = true;
+        const PendingExceptionKept kept;
+        prepareInterruptSignal(&g_signalHandler);
+    }
+}
 
 EvaluationScope::~EvaluationScope() {
     ThreadRecord& record = t_record.record;
     if (--record.depth > 0 || !record.interrupted) return;
     // The evaluation ended: what was meant to stop it must not stop anything later.
     record.interrupted = false;
-    (void)PyThreadState_SetAsyncExc(record.threadId, nullptr);
+    record.raised = false;
+    record.first.reset();
+    stopInterruptSignal();
     if (--g_pendingInterruptions == 0) switchMonitoring(false);
+}
+
+bool EvaluationScope::endsInterrupted() noexcept {
+    ThreadRecord* record = interruptedHere();
+    if (record == nullptr) return false;
+    if (PyErr_Occurred() != nullptr && PyErr_ExceptionMatches(interruptedType())) return true;
+    PyErr_Clear();
+    if (record->first) {
+        PyErr_SetRaisedException(PyObjectPtr::borrow(record->first.get()).release());
+    } else {
+        raiseIn(*record);
+    }
+    return true;
 }
 
 std::int64_t currentThreadId() noexcept { return static_cast<std::int64_t>(PyThread_get_thread_ident()); }
@@ -174,21 +243,38 @@ PyObject* interruptedType() {
     return type;
 }
 
-bool interruptEvaluation(std::int64_t threadId) {
+bool interruptEvaluation(std::int64_t threadId, double graceSeconds) {
     if (!Py_IsInitialized()) return false;
     GilGuard gil;  // evaluations start and end under the lock: none can end half-way through this
-    PyObject* type = interruptedType();
-    const auto id = static_cast<unsigned long>(threadId);
+    (void)interruptedType();  // made before any record is marked: making it may let go of the lock
+    std::uint64_t blockingKey = 0;
     bool first = false;
     {
         std::lock_guard lock(registry().mutex);
-        auto found = registry().threads.find(id);
+        auto found = registry().threads.find(static_cast<unsigned long>(threadId));
         if (found == registry().threads.end() || found->second->depth == 0) return false;
-        first = !found->second->interrupted;
-        found->second->interrupted = true;
-        (void)PyThreadState_SetAsyncExc(id, type);
+        ThreadRecord& record = *found->second;
+        const auto now = Clock::now();
+        first = !record.interrupted;
+        if (first) {
+            record.interrupted = true;
+            record.graceEnds = now + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(graceSeconds));
+        } else {
+            record.graceEnds = now;  // asked again: no more grace
+        }
+        blockingKey = record.blockingKey;
     }
     if (first && g_pendingInterruptions++ == 0) switchMonitoring(true);
+    // A blocking host call is asked to stop; a wait of Python's own is ended by the signal
+    // where one can reach it.
+    if (cancel_blocking_call(blockingKey) != CancelOutcome::Cancelled) (void)sendInterruptSignal(threadId);
+    return true;
+}
+
+bool raisePendingInterruption() noexcept {
+    ThreadRecord* record = interruptedHere();
+    if (record == nullptr) return false;
+    raiseIn(*record);
     return true;
 }
 

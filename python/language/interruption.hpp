@@ -17,19 +17,39 @@ public:
     ~EvaluationScope();
     EvaluationScope(const EvaluationScope&) = delete;
     EvaluationScope& operator=(const EvaluationScope&) = delete;
+
+    // Once the code has run: when the evaluation was interrupted, leaves the interruption as the
+    // pending exception and answers true, so that the evaluation fails with it whatever the code
+    // gave. The interruption the code let out stays as it is; one the code caught (and then
+    // returned, or raised something else) is raised again as it was first raised, with the
+    // frames it passed; one that came too late to be raised is made now.
+    bool endsInterrupted() noexcept;
 };
 
 // The identifier of the calling thread as the interpreter knows it (threading.get_ident() in
 // that thread): what `interruptEvaluation` takes. Needs no lock and no interpreter.
 std::int64_t currentThreadId() noexcept;
 
-// Stops the evaluation running on the thread `threadId`: the evaluation ends with the error of
-// a `tala.python.Interrupted` exception (a KeyboardInterrupt, "The evaluation was
-// interrupted."), raised again and again until the evaluation has ended, so that code that
-// catches it with a bare `except:` is stopped all the same. Other threads' evaluations are not
-// touched. True when an evaluation was running there; on a thread that runs none it does
-// nothing and answers false. Safe to call at any moment from any thread.
-bool interruptEvaluation(std::int64_t threadId);
+// How long code may go on after the interruption before it is interrupted again at every jump.
+constexpr double kDefaultGraceSeconds = 1.0;
+
+// Stops the evaluation running on the thread `threadId`. The evaluation sees a
+// `tala.python.Interrupted` exception (a KeyboardInterrupt, "The evaluation was interrupted."),
+// raised once where it runs: in Python code at its next jump or call, in a wait of Python's own
+// in C on the interpreter's main thread (a signal ends the wait: interrupt_signal.hpp), or in a
+// blocking host function, which is asked to stop (tala::cancel_blocking_call). `except` and
+// `finally` blocks then run; code still running `graceSeconds` later is interrupted again at
+// every jump, so that a bare `except: pass` loop ends too. The evaluation ends with the
+// interruption's error whatever the code does. Interrupting an evaluation that was interrupted
+// already ends its grace period at once. Other threads' evaluations are not touched. True when
+// an evaluation was running there; on a thread that runs none it does nothing and answers
+// false. Safe to call at any moment from any thread.
+bool interruptEvaluation(std::int64_t threadId, double graceSeconds = kDefaultGraceSeconds);
+
+// After a blocking host call that was asked to stop gave its error: raises the interruption of
+// this thread's evaluation in its place and answers true; false (nothing raised) when the
+// evaluation was not interrupted. The caller holds the interpreter lock.
+bool raisePendingInterruption() noexcept;
 
 // The exception type raised in an interrupted evaluation (borrowed, kept for the process).
 // The caller holds the interpreter lock.

@@ -212,6 +212,25 @@ Any evaluateCode(const Any& self, const Any& code, const std::optional<Any>& loc
                                                outLocals.value_or(Any()));
 }
 
+// LanguagePython.interrupt(threadId, graceSeconds = 1).
+Union<Boolean, Error> interrupt(const Integer& threadId, const std::optional<Any>& graceSeconds) {
+    double grace = python::kDefaultGraceSeconds;
+    if (graceSeconds && !graceSeconds->isEmpty()) {
+        const Any& given = *graceSeconds;
+        if (given.kind() == Kind::Integer) {
+            grace = static_cast<double>(given.rawInteger());
+        } else if (given.kind() == Kind::Float) {
+            grace = Float(internal::unchecked, given).value();
+        } else {
+            grace = -1;
+        }
+        if (!(grace >= 0)) {
+            return Error(String("The grace period must be a number of seconds, not {}.").arg(display(given)));
+        }
+    }
+    return Boolean(python::interruptEvaluation(threadId.value(), grace));
+}
+
 List<String> examples() {
     return List<String>{String("LanguagePython::evaluateExpression( u\"[1, 2, 3]\"_bytea );"),
                         String("tala.python.LanguagePython.evaluateExpression( '[1, 2, 3]' )")};
@@ -256,13 +275,15 @@ Class_Generic LanguagePython::getClass() {
                 // holds LanguagePython can stop what it started.
                 .staticMethod(Identifier("$threadId"), [] { return Integer(python::currentThreadId()); }, {},
                               "The identifier of the calling thread, as interrupt takes it.")
-                .staticMethod(Identifier("$interrupt"),
-                              [](const Integer& threadId) { return Boolean(python::interruptEvaluation(threadId.value())); },
-                              {"threadId"},
+                .staticMethod(Identifier("$interrupt"), interrupt, {"threadId", "graceSeconds"},
                               "Stops the Python evaluation running on the thread with that identifier (threadId() of "
-                              "that thread): it ends with an error of tala.python.Interrupted, which says it was "
-                              "interrupted, raised again until it has ended. Answers whether an evaluation was running "
-                              "there; on a thread that runs none it does nothing.")
+                              "that thread): it sees a tala.python.Interrupted exception once, where it runs (also in "
+                              "a wait of Python's in C on the interpreter's main thread, and in a blocking host "
+                              "function that can be stopped), and its except and finally blocks run; code still "
+                              "running graceSeconds later (1 by default) is interrupted again at every jump. The "
+                              "evaluation ends with the interruption's error whatever the code does. Interrupting it "
+                              "again ends the grace period at once. Answers whether an evaluation was running there; "
+                              "on a thread that runs none it does nothing.")
                 // The stub package editors read: a tool of the language's, like the catalogue
                 // above, beside the module functions rather than among them.
                 .staticMethod(Identifier("$generateTypedStubs"),

@@ -6,6 +6,7 @@
 #include "bridge/from_python.hpp"
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
+#include "language/interruption.hpp"
 #include "pyside/tala_object.hpp"
 
 namespace tala::python {
@@ -35,23 +36,31 @@ std::optional<HashMap<String, Any>> namedArguments(PyObject* keywords) {
     return named;
 }
 
-// Runs `call` with the interpreter lock let go when the function is a blocking one: other
-// threads run Python meanwhile, and a thread this call waits for may need it too.
+// Runs `call` and gives its result to Python. A blocking function runs with the interpreter lock
+// let go: other threads run Python meanwhile, and a thread this call waits for may need it too.
+// When the evaluation is interrupted meanwhile, the call is asked to stop; the error it then
+// gives reaches Python as the interruption.
 template <class Call>
-Any releasingIfBlocking(bool blocking, Call&& call) {
-    if (!blocking) return call();
-    const GilReleased released;
-    return call();
+PyObject* resultOfCall(bool blocking, Call&& call) {
+    if (!blocking) return toPythonLocked(call());
+    Any result;
+    const BlockingCall blockingCall;
+    {
+        const GilReleased released;
+        result = call();
+    }
+    if (blockingCall.cancelled() && is_error_result(result) && raisePendingInterruption()) return nullptr;
+    return toPythonLocked(result);
 }
 
 // Invokes with the arguments as they are: a function's cell is called in place (no copy of the
 // wrapped value, so no shared count moves); a class is invoked as itself.
-Any invoke(const Any& value, std::span<const Any> arguments) {
+PyObject* invoke(const Any& value, std::span<const Any> arguments) {
     if (value.kind() == Kind::Function) {
         const auto* function = value.cellAs<internal::FunctionCell>();
-        return releasingIfBlocking(function->isBlocking(), [&] { return function->call(arguments); });
+        return resultOfCall(function->isBlocking(), [&] { return function->call(arguments); });
     }
-    return I_Invokable_Generic(internal::unchecked, value).invokeWith(arguments);
+    return toPythonLocked(I_Invokable_Generic(internal::unchecked, value).invokeWith(arguments));
 }
 
 PyObject* callPositional(const Any& value, PyObject* arguments) {
@@ -62,13 +71,13 @@ PyObject* callPositional(const Any& value, PyObject* arguments) {
         std::array<Any, kInline> values;
         for (Py_ssize_t index = 0; index < count; ++index) values[index] = fromPythonLocked(PyTuple_GET_ITEM(arguments, index));
         if (PyErr_Occurred() != nullptr) return nullptr;  // an int beyond 64 bits: raise, don't pass -1 on
-        return toPythonLocked(invoke(value, std::span<const Any>(values.data(), static_cast<std::size_t>(count))));
+        return invoke(value, std::span<const Any>(values.data(), static_cast<std::size_t>(count)));
     }
     List<Any> values;
     values.reserve(static_cast<std::size_t>(count));
     for (Py_ssize_t index = 0; index < count; ++index) values.append(fromPythonLocked(PyTuple_GET_ITEM(arguments, index)));
     if (PyErr_Occurred() != nullptr) return nullptr;
-    return toPythonLocked(invoke(value, values.items()));
+    return invoke(value, values.items());
 }
 
 PyObject* call(PyObject* self, PyObject* arguments, PyObject* keywords) {
@@ -93,7 +102,7 @@ PyObject* call(PyObject* self, PyObject* arguments, PyObject* keywords) {
         if (!named) return nullptr;
         if (!named->isEmpty()) {
             const I_Invokable_Generic invokable(internal::unchecked, value);
-            return toPythonLocked(releasingIfBlocking(invokable.isBlocking(), [&] { return invokable.invokeWith(*named); }));
+            return resultOfCall(invokable.isBlocking(), [&] { return invokable.invokeWith(*named); });
         }
     }
     return callPositional(value, arguments);

@@ -364,4 +364,36 @@ I_Invokable_Generic blocking(I_Invokable_Generic function) {
     return function;
 }
 
+namespace {
+
+// A blocking function whose calls each run inside a scope that can stop them.
+class CancellableFunctionCell final : public internal::FunctionCell {
+public:
+    CancellableFunctionCell(I_Invokable_Generic target, CancelCall cancel) : target_(std::move(target)), cancel_(std::move(cancel)) {
+        markBlocking();
+    }
+
+    Any call(std::span<const Any> arguments) const override {
+        const CancelScope scope([this, arguments] { cancel_(arguments); });
+        return target_.invokeWith(arguments);
+    }
+    Signature signature() const override { return target_.signature(); }
+    String name() const override { return target_.name(); }
+    String doc() const override { return target_.doc(); }
+    bool isIndependent() const override { return target_.isIndependent(); }
+    std::size_t parameterCount() const override { return target_.parameterCount(); }
+
+private:
+    I_Invokable_Generic target_;
+    CancelCall cancel_;
+};
+
+}  // namespace
+
+I_Invokable_Generic blocking(I_Invokable_Generic function, CancelCall cancel) {
+    if (!cancel) return blocking(std::move(function));
+    return I_Invokable_Generic(internal::unchecked,
+                               Any::adopt(Kind::Function, new CancellableFunctionCell(std::move(function), std::move(cancel))));
+}
+
 }  // namespace tala

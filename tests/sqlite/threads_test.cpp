@@ -1,6 +1,7 @@
 // tests/sqlite/threads_test.cpp: one Database used by several host threads at once, directly and
 // from Python code that each thread evaluates, and closed while others use it.
 #include <atomic>
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -141,6 +142,37 @@ t.join()
 return (rows[0].n, during > 1000)
 )PY", Map{{String("db"), database}});
     EXPECT_EQ(text(result), "(2000000, True)") << errorMessage(result);
+}
+
+// A static method of LanguagePython (threadId, interrupt), called through the object model.
+Any languageMethod(const char* name, std::initializer_list<Any> arguments) {
+    const auto module = tala::Module::find("tala.python");
+    const auto language = tala::Class_Generic::cast(module->classes().get(String("LanguagePython")).value_or(Any()));
+    return tala::resolve(tala::definedMethod(*language, tala::Identifier::intern(name)).as<tala::I_Invokable_Generic>().invokeWith(arguments));
+}
+
+TEST_F(ThreadsTest, AnInterruptedEvaluationStopsItsRunningStatementAndKeepsTheConnection) {
+    // A runaway recursive query, stopped with SQLite's own interrupt: the script sees the
+    // interruption, its finally block still writes through the same connection.
+    std::atomic<bool> started{false};
+    Any threadId;
+    Any result;
+    std::thread runner([&] {
+        threadId = languageMethod("threadId", {});
+        result = evaluate(R"PY(
+started()
+try:
+    db.query("WITH RECURSIVE c(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM c) SELECT count(*) FROM c")
+finally:
+    db.execute("INSERT INTO events (thread, n) VALUES (7, 7)")
+)PY", Map{{String("db"), database}, {String("started"), tala::native_function([&started] { started = true; }, "started")}});
+    });
+    while (!started.load()) std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(text(languageMethod("interrupt", {threadId})), "True");
+    runner.join();
+    EXPECT_EQ(errorMessage(result), "The evaluation was interrupted.");
+    EXPECT_EQ(text(call(database, "query", {String("SELECT thread, n FROM events")})), "[Row(thread=7, n=7)]");
 }
 
 }  // namespace

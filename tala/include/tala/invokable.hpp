@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "tala/cancellation.hpp"
 #include "tala/class.hpp"
 #include "tala/containers.hpp"
 #include "tala/error.hpp"
@@ -108,6 +109,18 @@ public:
 // keeps that runtime's other threads waiting, nor waits for one of them while it holds the lock.
 // Mark a function before it is shared.
 I_Invokable_Generic blocking(I_Invokable_Generic function);
+
+// How to stop one call of a blocking function while it waits: given the call's arguments (the
+// receiver first for a method), it makes the call return soon, with an error of its own.
+using CancelCall = std::function<void(std::span<const Any> arguments)>;
+
+// A blocking function that `cancel` can stop: a new function that runs `function` inside a
+// CancelScope (tala/cancellation.hpp) whose cancel function is `cancel` with the call's
+// arguments, so that a runtime that is asked to stop the call (cancel_blocking_call) ends its
+// wait. `cancel` runs on the stopping thread while the call runs on its own; a function whose
+// waits must be told apart from other calls' (a connection shared by threads) makes its own
+// CancelScope around each wait instead.
+I_Invokable_Generic blocking(I_Invokable_Generic function, CancelCall cancel);
 
 // A function that answers `value` whatever it is given.
 I_Invokable_Generic constant_function(Any value, Type resultType = Type::any());

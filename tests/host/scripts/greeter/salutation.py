@@ -1,0 +1,3 @@
+# tests/host/scripts/greeter/salutation.py: the module greet.py imports from its own folder.
+def greeting(name):
+    return f"Hello, {name}!"
