@@ -21,7 +21,7 @@ using tala_api_test::ApiTest;
 namespace py = tala::py;
 
 constexpr int kThreads = 8;
-constexpr int kRounds = 50;
+constexpr int kRounds = 100;
 
 // How many calls of each function gave the expected answer.
 struct Tally {
