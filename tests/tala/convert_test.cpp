@@ -28,16 +28,11 @@ using tala::Integer;
 using tala::List;
 using tala::Result;
 using tala::String;
+using tala_test::failure;
 using tala_test::shown;
 
 tala::Decimal decimal(const char* text) { return *tala::Decimal::fromString(text).get<tala::Decimal>(); }
 
-// The message of a failed result, or a marker that says it did not fail.
-template <class T>
-std::string failure(const Result<T>& result) {
-    if (result.ok()) return "<no error>";
-    return result.error().message().toStdString();
-}
 
 // ---- Result ---------------------------------------------------------------------------------
 

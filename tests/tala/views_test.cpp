@@ -18,13 +18,9 @@ using tala::Integer;
 using tala::List;
 using tala::Result;
 using tala::String;
+using tala_test::failure;
 using tala_test::shown;
 
-template <class T>
-std::string failure(const Result<T>& result) {
-    if (result.ok()) return "<no error>";
-    return result.error().message().toStdString();
-}
 
 // Every item of an iteration by its display text; an error item as "error: <message>".
 std::vector<std::string> itemsOf(const tala::Iteration& iteration) {

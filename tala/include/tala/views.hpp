@@ -73,14 +73,26 @@ private:
     Mode mode_ = Mode::NotStarted;
 };
 
+namespace internal {
+// Base of the views below: iterating a view iterates its value (see Iteration).
+template <class Derived>
+class CollectionView : public View<Derived> {
+public:
+    using View<Derived>::View;
+    Iteration::iterator begin() const { return Iteration(*this).begin(); }
+    std::default_sentinel_t end() const noexcept { return {}; }
+};
+}  // namespace internal
+
 // A map: a host HashMap, a Python dict's proxy, a sqlite row, anything that implements I_Map.
-// Reading it never throws: every answer is a Result.
+// Reading it never throws: every answer is a Result. Iterating it gives the keys, as Python
+// iterates a dict.
 //
 //     tala::Result<tala::MapView> prices = tala::to<tala::MapView>(result);
 //     tala::Result<double> tea = prices->get<double>("tea");
-class MapView : public internal::View<MapView> {
+class MapView : public internal::CollectionView<MapView> {
 public:
-    using View::View;
+    using CollectionView::CollectionView;
     static bool matches(const Any& value);
     static const char* typeName() { return "tala::MapView"; }
 
@@ -97,17 +109,13 @@ public:
     Result<std::vector<Any>> keys() const;
     Result<std::vector<Any>> values() const;
     Result<std::vector<std::pair<Any, Any>>> items() const;
-
-    // Iterates the keys, as Python iterates a dict.
-    Iteration::iterator begin() const { return Iteration(*this).begin(); }
-    std::default_sentinel_t end() const noexcept { return {}; }
 };
 
 // A sequence: a host list or tuple, a Python list's or tuple's proxy, anything that implements
 // I_Sequence.
-class SequenceView : public internal::View<SequenceView> {
+class SequenceView : public internal::CollectionView<SequenceView> {
 public:
-    using View::View;
+    using CollectionView::CollectionView;
     static bool matches(const Any& value);
     static const char* typeName() { return "tala::SequenceView"; }
 
@@ -120,39 +128,30 @@ public:
     }
     Result<bool> contains(const Arg& value) const;
     Result<std::vector<Any>> items() const;
-
-    Iteration::iterator begin() const { return Iteration(*this).begin(); }
-    std::default_sentinel_t end() const noexcept { return {}; }
 };
 
 // A set: a host Set, a Python set's proxy, anything that implements I_Set.
-class SetView : public internal::View<SetView> {
+class SetView : public internal::CollectionView<SetView> {
 public:
-    using View::View;
+    using CollectionView::CollectionView;
     static bool matches(const Any& value);
     static const char* typeName() { return "tala::SetView"; }
 
     Result<std::int64_t> size() const;
     Result<bool> contains(const Arg& value) const;
     Result<std::vector<Any>> items() const;
-
-    Iteration::iterator begin() const { return Iteration(*this).begin(); }
-    std::default_sentinel_t end() const noexcept { return {}; }
 };
 
 // An iterator: a Python iterator's proxy, or anything that implements I_Iterator. Reading it
 // consumes it.
-class IteratorView : public internal::View<IteratorView> {
+class IteratorView : public internal::CollectionView<IteratorView> {
 public:
-    using View::View;
+    using CollectionView::CollectionView;
     static bool matches(const Any& value);
     static const char* typeName() { return "tala::IteratorView"; }
 
     // The next item; nothing at the end.
     Result<std::optional<Any>> next() const;
-
-    Iteration::iterator begin() const { return Iteration(*this).begin(); }
-    std::default_sentinel_t end() const noexcept { return {}; }
 };
 
 }  // namespace tala
