@@ -71,8 +71,8 @@ int main() {
     }
 
     tala::List<tala::Any> parcels;
-    for (auto [weight, destination] : std::vector<std::pair<double, const char*>>{{2.5, "FR"}, {0.8, "DE"}, {4.0, "FR"}}) {
-        parcels.append(parcelClass().instantiate(std::vector<tala::Any>{tala::Float(weight), tala::String(destination)}));
+    for (auto [weight, destination] : {std::pair{2.5, "FR"}, std::pair{0.8, "DE"}, std::pair{4.0, "FR"}}) {
+        parcels.append(parcelClass().instantiate(std::vector{tala::to_any(weight), tala::to_any(destination)}));
     }
 
     // Any thread may evaluate at any time: each call takes Python's lock itself.
@@ -86,7 +86,9 @@ int main() {
         std::fprintf(stderr, "%s\n", tala::py::traceback(error).value_or(tala::py::message(error)).c_str());
         return 1;
     }
-    for (const auto& [country, cost] : *postage) std::printf("postage %s: %s\n", country.c_str(), cost.toString().c_str());
+    for (const auto& [country, cost] : *postage) {
+        std::printf("postage %s: %s\n", country.c_str(), cost.toString().c_str());
+    }
     std::printf("heaviest: %s\n", tala::display(out.get("heaviest").toAny()).c_str());
     return 0;
 }

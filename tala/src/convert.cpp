@@ -90,7 +90,9 @@ ExactInteger integerOfDecimal(const Any& value) {
 ExactDouble doubleOfInteger(std::int64_t number) {
     const auto converted = static_cast<double>(number);
     // 2^63 itself is no int64: a number that rounded up to it was not held exactly.
-    if (converted >= 9223372036854775808.0 || static_cast<std::int64_t>(converted) != number) return {ExactDouble::Inexact};
+    if (converted >= 9223372036854775808.0 || static_cast<std::int64_t>(converted) != number) {
+        return {ExactDouble::Inexact};
+    }
     return {ExactDouble::Ok, converted};
 }
 
@@ -113,7 +115,8 @@ ExactDouble doubleOfDecimal(const Any& value) {
     const auto parsed = std::from_chars(text.data(), text.data() + text.size(), nearest);
     if (parsed.ec != std::errc() || !std::isfinite(nearest) || nearest == 0.0) return {ExactDouble::Inexact};
     char expansion[800];
-    const auto written = std::to_chars(expansion, expansion + sizeof expansion, nearest, std::chars_format::scientific, 767);
+    const auto written =
+        std::to_chars(expansion, expansion + sizeof expansion, nearest, std::chars_format::scientific, 767);
     if (written.ec != std::errc()) return {ExactDouble::Inexact};
     const std::optional<DecimalValue> exact = DecimalValue::parse(std::string_view(expansion, written.ptr - expansion));
     if (!exact || exact->compare(*decimal) != 0) return {ExactDouble::Inexact};
@@ -215,7 +218,9 @@ ItemsRead readEntriesUnguarded(const Any& value, std::vector<std::pair<Any, Any>
     if (is_error_result(keys)) return {true, keys};
     std::vector<Any> keyItems;
     const ItemsRead read = readItemsUnguarded(keys, ItemSource::Iterable, keyItems);
-    if (!read.isCollection) return {true, message("The keys of " + shown(value) + " are no collection: " + shown(keys) + ".")};
+    if (!read.isCollection) {
+        return {true, message("The keys of " + shown(value) + " are no collection: " + shown(keys) + ".")};
+    }
     if (read.error.hasValue()) return {true, read.error};
     entries.reserve(keyItems.size());
     for (Any& key : keyItems) {

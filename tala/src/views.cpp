@@ -74,7 +74,8 @@ Result<std::optional<Any>> Iteration::start() {
     // implements `iter` too.
     const bool iterable = !method_of(source_, Any::$iter).isEmpty();
     if (!iterable && I_Sequence_Generic::matches(source_)) {
-        Result<std::int64_t> length = countOf(source_, guarded([&] { return I_Sequence_Generic(internal::unchecked, source_).length(); }));
+        const Any counted = guarded([&] { return I_Sequence_Generic(internal::unchecked, source_).length(); });
+        Result<std::int64_t> length = countOf(source_, counted);
         if (!length) return length.error();
         length_ = *length;
         mode_ = Mode::Positional;

@@ -106,12 +106,14 @@ int main(int argc, char** argv) {
                 const std::string name = "snippet" + std::to_string(snippets);
                 bodies += "int " + name + "() {\n" + lineDirective(block.line + 1, argv[1]) + block.text +
                           "    return 0;\n}\n\n";
-                calls += "    std::fputs(" + literal(marker(snippets, block.line)) + ", stdout);\n    std::fflush(stdout);\n" +
-                         "    if (" + name + "() != 0) return 1;\n    std::fflush(stdout);\n";
+                calls += "    std::fputs(" + literal(marker(snippets, block.line)) + ", stdout);\n" +
+                         "    std::fflush(stdout);\n" + "    if (" + name + "() != 0) return 1;\n" +
+                         "    std::fflush(stdout);\n";
                 expected += marker(snippets, block.line);
             } else if (block.info == "text") {
                 if (previous == nullptr || !previous->info.starts_with("cpp") || previous->info == "cpp declarations") {
-                    throw std::runtime_error("the output on line " + std::to_string(block.line) + " follows no snippet");
+                    throw std::runtime_error("the output on line " + std::to_string(block.line) +
+                                             " follows no snippet");
                 }
                 expected += block.text;
             }
@@ -121,11 +123,10 @@ int main(int argc, char** argv) {
 
         const std::string made = "// Made by tala_extract_snippets from " + std::string(argv[1]) + ".\n";
         const std::string main =
-            !program.empty()
-                ? made + declarations + program
-                : made + "#include <cstdio>\n" + declarations + "\nnamespace tala_document_snippets {\n\n" + bodies +
-                      "}  // namespace tala_document_snippets\n\nint main() {\n    using namespace tala_document_snippets;\n" +
-                      calls + "    return 0;\n}\n";
+            !program.empty() ? made + declarations + program
+                             : made + "#include <cstdio>\n" + declarations + "\nnamespace tala_document_snippets {\n\n" +
+                                   bodies + "}  // namespace tala_document_snippets\n\nint main() {\n" +
+                                   "    using namespace tala_document_snippets;\n" + calls + "    return 0;\n}\n";
         const std::filesystem::path out(argv[2]);
         std::filesystem::create_directories(out);
         write(out / "CMakeLists.txt", cmake);

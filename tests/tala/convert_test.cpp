@@ -150,7 +150,8 @@ TEST(ConvertNumbers, ADecimalBecomesADoubleOnlyWhenExact) {
     std::snprintf(text, sizeof text, "%.1074e", least);
     EXPECT_EQ(*tala::to<double>(decimal(text)), least);
     EXPECT_EQ(failure(tala::to<double>(decimal("0.1"))), "Cannot convert 0.1 to double exactly.");
-    EXPECT_EQ(failure(tala::to<double>(decimal("9007199254740993"))), "Cannot convert 9007199254740993 to double exactly.");
+    EXPECT_EQ(failure(tala::to<double>(decimal("9007199254740993"))),
+              "Cannot convert 9007199254740993 to double exactly.");
     EXPECT_EQ(failure(tala::to<double>(decimal("1E+400"))), "Cannot convert 1E+400 to double exactly.");
     EXPECT_EQ(failure(tala::to<double>(decimal("1E-400"))), "Cannot convert 1E-400 to double exactly.");
     EXPECT_TRUE(std::isinf(*tala::to<double>(decimal("-Infinity"))));

@@ -85,11 +85,12 @@ public:
     // What the code left under `name`; "There is no output local named 'x'." for a name that
     // is not in the map.
     Result<Any> get(std::string_view name) const {
+        const auto missing = [name] { return Error(String("There is no output local named '{}'.").arg(String(name))); };
         Result<MapView> map = to<MapView>(map_);
-        if (!map) return Error(String("There is no output local named '{}'.").arg(String(name)));
+        if (!map) return missing();
         Result<std::optional<Any>> found = map->find(String(name));
         if (!found) return found.error();
-        if (!found->has_value()) return Error(String("There is no output local named '{}'.").arg(String(name)));
+        if (!found->has_value()) return missing();
         return **found;
     }
     template <class T>
@@ -183,12 +184,12 @@ TALA_PY_EXTENSION_FUNCTION(threadIdFunction, "threadId", "LanguagePython.threadI
 TALA_PY_EXTENSION_FUNCTION(interruptFunction, "interrupt", "LanguagePython.interrupt", languageMethod)
 #undef TALA_PY_EXTENSION_FUNCTION
 
-// The first error among the names given to an evaluation, or the empty value.
-inline Any firstError(std::initializer_list<const Names*> names) {
+// The first error among the names given to an evaluation.
+inline std::optional<Error> firstError(std::initializer_list<const Names*> names) {
     for (const Names* given : names) {
-        if (given->error().hasValue()) return given->error();
+        if (given->error().hasValue()) return Error(unchecked, given->error());
     }
-    return Any();
+    return std::nullopt;
 }
 
 // A property that the extension gives an error that came out of Python, or nothing.
@@ -218,7 +219,7 @@ inline std::optional<std::string> errorText(const Error& error, const Identifier
 // names it sees; a name in both is seen with its value from `locals`. Without `globals` the
 // process-wide globals are visible too. The error of Python's exception when it raises.
 inline Result<Any> evaluate_expr(const String& code, const Names& locals = {}, const Names& globals = {}) {
-    if (Any failed = internal::firstError({&locals, &globals}); failed.hasValue()) return Error(internal::unchecked, failed);
+    if (std::optional<Error> failed = internal::firstError({&locals, &globals})) return *failed;
     return internal::evaluateExprFunction().call(code, locals.value(), globals.value());
 }
 
@@ -227,15 +228,15 @@ inline Result<Any> evaluate_expr(const String& code, const Names& locals = {}, c
 // Unlike evaluate_expr, the process-wide globals are not added when `globals` is left out.
 inline Result<Any> evaluate(const String& code, const Names& locals = {}, const Names& globals = {},
                             const OutLocals& outLocals = {}) {
-    if (Any failed = internal::firstError({&locals, &globals}); failed.hasValue()) return Error(internal::unchecked, failed);
+    if (std::optional<Error> failed = internal::firstError({&locals, &globals})) return *failed;
     return internal::evaluateFunction().call(code, locals.value(), globals.value(), outLocals.value());
 }
 
 // evaluate, with `self` bound to a host value (`return self.weight * 2`).
 inline Result<Any> evaluate_method(const Arg& self, const String& code, const Names& locals = {},
                                    const Names& globals = {}, const OutLocals& outLocals = {}) {
-    if (is_error_result(self.value())) return Error(internal::unchecked, self.value());
-    if (Any failed = internal::firstError({&locals, &globals}); failed.hasValue()) return Error(internal::unchecked, failed);
+    if (is_error_result(self.value())) return Error(tala::internal::unchecked, self.value());
+    if (std::optional<Error> failed = internal::firstError({&locals, &globals})) return *failed;
     return internal::evaluateMethodFunction().call(self.value(), code, locals.value(), globals.value(),
                                                    outLocals.value());
 }

@@ -449,7 +449,9 @@ struct Convert<std::optional<T>> {
 template <class... Ts>
 struct Convert<std::tuple<Ts...>> {
     static std::string name() { return "std::tuple<" + internal::nameList<Ts...>() + ">"; }
-    static Result<std::tuple<Ts...>> fromAny(const Any& value) { return fromItems<std::tuple<Ts...>, Ts...>(value, name()); }
+    static Result<std::tuple<Ts...>> fromAny(const Any& value) {
+        return fromItems<std::tuple<Ts...>, Ts...>(value, name());
+    }
     static Any toAny(const std::tuple<Ts...>& value) {
         return std::apply([](const Ts&... items) { return hostTuple(items...); }, value);
     }
@@ -461,7 +463,9 @@ struct Convert<std::tuple<Ts...>> {
         const internal::ItemsRead read = internal::readItems(value, internal::ItemSource::Sequence, items);
         if (!read.isCollection) return internal::cannotConvert(value, target);
         if (read.error.hasValue()) return Error(internal::unchecked, read.error);
-        if (items.size() != sizeof...(Items)) return internal::wrongItemCount(value, target, items.size(), sizeof...(Items));
+        if (items.size() != sizeof...(Items)) {
+            return internal::wrongItemCount(value, target, items.size(), sizeof...(Items));
+        }
         return convertAll<Tuple, Items...>(items, std::index_sequence_for<Items...>());
     }
     template <class... Items>
@@ -477,9 +481,12 @@ private:
     template <class Tuple, class... Items, std::size_t... I>
     static Result<Tuple> convertAll(const std::vector<Any>& items, std::index_sequence<I...>) {
         std::tuple<Result<Items>...> converted{to<Items>(items[I])...};
+        // The first item that failed, with its index.
         std::optional<Error> failed;
-        ((failed || std::get<I>(converted) ? void() : void(failed = internal::atIndex(I, std::get<I>(converted).error()))),
-         ...);
+        const auto check = [&failed](std::size_t index, const auto& item) {
+            if (!failed && !item) failed = internal::atIndex(index, item.error());
+        };
+        (check(I, std::get<I>(converted)), ...);
         if (failed) return *failed;
         return Tuple(std::move(std::get<I>(converted)).value()...);
     }

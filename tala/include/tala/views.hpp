@@ -46,7 +46,9 @@ public:
             return *this;
         }
         void operator++(int) { advance(); }
-        friend bool operator==(const iterator& position, std::default_sentinel_t) noexcept { return !position.current_; }
+        friend bool operator==(const iterator& position, std::default_sentinel_t) noexcept {
+            return !position.current_;
+        }
 
     private:
         friend class Iteration;

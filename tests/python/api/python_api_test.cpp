@@ -106,7 +106,8 @@ TEST_F(Results, ADictIsReadLikeAHostMap) {
     std::vector<std::string> keys;
     for (const Result<Any>& key : *dict) keys.push_back(shown(key));
     EXPECT_EQ(keys, (std::vector<std::string>{"'tea'", "'cake'"}));
-    EXPECT_EQ((*tala::to<std::map<std::string, double>>(*dict)), (std::map<std::string, double>{{"cake", 3}, {"tea", 4.5}}));
+    EXPECT_EQ((*tala::to<std::map<std::string, double>>(*dict)),
+              (std::map<std::string, double>{{"cake", 3}, {"tea", 4.5}}));
 }
 
 TEST_F(Results, ListsSetsAndGeneratorsBecomeStandardContainers) {
@@ -136,7 +137,8 @@ TEST_F(Results, ConversionsThatDoNotFitAreErrors) {
     EXPECT_EQ(failure(py::evaluate_expr("2.5").to<int>()), "Cannot convert 2.5 to int32_t exactly.");
     EXPECT_EQ(failure(py::evaluate_expr("300").to<std::uint8_t>()), "The number 300 does not fit in uint8_t.");
     EXPECT_EQ(failure(py::evaluate_expr("'12'").to<int>()), "Cannot convert '12' to int32_t.");
-    EXPECT_EQ(failure(py::evaluate_expr("[1, 'two']").to<std::vector<int>>()), "At [1]: Cannot convert 'two' to int32_t.");
+    EXPECT_EQ(failure(py::evaluate_expr("[1, 'two']").to<std::vector<int>>()),
+              "At [1]: Cannot convert 'two' to int32_t.");
     EXPECT_EQ(failure(py::evaluate_expr("{'a': 1}").to<std::vector<int>>()),
               "Cannot convert {'a': 1} to std::vector<int32_t>.");
 }
