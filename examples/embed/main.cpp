@@ -1,9 +1,13 @@
 // examples/embed/main.cpp: a host that embeds the Python extension: it registers a class of its
-// own, loads the extension with one call and evaluates a script against host values.
+// own, loads the extension with one call, evaluates a script against host values and reads what
+// comes back as C++ values.
 #include <csignal>
 #include <cstdio>
+#include <string>
+#include <utility>
 #include <vector>
 
+#include "tala/python.hpp"
 #include "tala/tala.hpp"
 
 namespace {
@@ -51,15 +55,6 @@ logging.warning("%d parcels, heaviest %s", len(parcels), heaviest)
 return sorted(postage.items())
 )PY";
 
-// A module function of "tala.python", found by the ordinary member look-up; None when absent.
-tala::Any pythonFunction(const char* name) {
-    const auto module = tala::Module::find("tala.python");
-    if (!module) return tala::Any();
-    const auto property = tala::property_of(*module, name);
-    if (property.isEmpty()) return tala::Any();
-    return property.as<tala::Property>().get(*module);
-}
-
 }  // namespace
 
 int main() {
@@ -76,28 +71,24 @@ int main() {
     }
 
     tala::List<tala::Any> parcels;
-    for (auto [weight, destination] : std::vector<std::pair<double, const char*>>{{2.5, "FR"}, {0.8, "DE"}, {4.0, "FR"}}) {
-        parcels.append(parcelClass().instantiate(std::vector<tala::Any>{tala::Float(weight), tala::String(destination)}));
+    for (auto [weight, destination] : {std::pair{2.5, "FR"}, std::pair{0.8, "DE"}, std::pair{4.0, "FR"}}) {
+        parcels.append(parcelClass().instantiate(std::vector{tala::to_any(weight), tala::to_any(destination)}));
     }
-    const tala::HashMap<tala::String, tala::Any> locals{
-        {tala::String("parcels"), parcels},
-        {tala::String("rate"), tala::Decimal::fromString("4.20")},
-    };
-    const tala::HashMap<tala::String, tala::Any> outLocals{{tala::String("heaviest"), tala::Any()}};
 
-    // evaluate(code, locals, globals, outLocals): any thread may call it; it takes the
-    // interpreter lock itself.
-    const auto evaluate = tala::I_Invokable_Generic::cast(pythonFunction("evaluate"));
-    if (!evaluate) {
-        std::fprintf(stderr, "The extension offers no function tala.python.evaluate.\n");
+    // Any thread may evaluate at any time: each call takes Python's lock itself.
+    tala::py::OutLocals out{"heaviest"};
+    const auto postage =
+        tala::py::evaluate(kScript, {{"parcels", parcels}, {"rate", tala::Decimal::fromString("4.20")}}, {}, out)
+            .to<std::vector<std::pair<std::string, tala::Decimal>>>();
+    if (!postage) {
+        // Python's own report when the script raised; the message for anything else.
+        const tala::Error& error = postage.error();
+        std::fprintf(stderr, "%s\n", tala::py::traceback(error).value_or(tala::py::message(error)).c_str());
         return 1;
     }
-    const tala::Any result = tala::resolve((*evaluate)(tala::String(kScript), locals, tala::Any(), outLocals));
-    if (tala::is_error_result(result)) {
-        std::fprintf(stderr, "%s\n", tala::display(result).c_str());
-        return 1;
+    for (const auto& [country, cost] : *postage) {
+        std::printf("postage %s: %s\n", country.c_str(), cost.toString().c_str());
     }
-    std::printf("postage: %s\n", tala::display(result).c_str());
-    std::printf("heaviest: %s\n", tala::display(*outLocals.get(tala::String("heaviest"))).c_str());
+    std::printf("heaviest: %s\n", tala::display(out.get("heaviest").toAny()).c_str());
     return 0;
 }

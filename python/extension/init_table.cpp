@@ -4,6 +4,8 @@
 // interpreter), 3 the documentation of module "tala.python", 4 the module functions.
 #include "extension/init_table.hpp"
 
+#include <optional>
+
 #include "extension/identifiers.hpp"
 #include "extension/logging_bridge.hpp"
 #include "extension/sys_path.hpp"
@@ -21,6 +23,11 @@ namespace tala::python {
 namespace {
 
 Module pythonModule() { return Module::create("tala.python"); }
+
+// The maps of the evaluation functions are trailing parameters that callers may leave out, from
+// C++ and from Python (`tala.python.evaluate_expr("1 + 1")`), as the language object's methods
+// may: left out is None, as passing None is.
+using OptionalMap = std::optional<Any>;
 
 template <class T>
 void registerClass() {
@@ -41,8 +48,10 @@ void describeModule() {
 void registerEvaluate() {
     pythonModule().addFunction(
         String("evaluate"),
-        native_function([](const String& code, const Any& locals, const Any& globals, const Any& outLocals) {
-            return evaluateMethodWithArguments(Any(), code, locals, globals, outLocals);
+        native_function([](const String& code, const OptionalMap& locals, const OptionalMap& globals,
+                           const OptionalMap& outLocals) {
+            return evaluateMethodWithArguments(Any(), code, locals.value_or(Any()), globals.value_or(Any()),
+                                               outLocals.value_or(Any()));
         }, "evaluate", {"code", "locals", "globals", "outLocals"},
                         "Runs Python code; what it returns is the result, and the names of outLocals are written back "
                         "into that map."));
@@ -51,16 +60,18 @@ void registerEvaluate() {
 void registerEvaluateExpr() {
     pythonModule().addFunction(
         String("evaluate_expr"),
-        native_function([](const String& code, const Any& locals, const Any& globals) {
-            return evaluateExprWithArguments(code, locals, globals);
+        native_function([](const String& code, const OptionalMap& locals, const OptionalMap& globals) {
+            return evaluateExprWithArguments(code, locals.value_or(Any()), globals.value_or(Any()));
         }, "evaluate_expr", {"code", "locals", "globals"}, "Evaluates a Python expression."));
 }
 
 void registerEvaluateMethod() {
     pythonModule().addFunction(
         String("evaluate_method"),
-        native_function([](const Any& self, const String& code, const Any& locals, const Any& globals, const Any& outLocals) {
-            return evaluateMethodWithArguments(self, code, locals, globals, outLocals);
+        native_function([](const Any& self, const String& code, const OptionalMap& locals, const OptionalMap& globals,
+                           const OptionalMap& outLocals) {
+            return evaluateMethodWithArguments(self, code, locals.value_or(Any()), globals.value_or(Any()),
+                                               outLocals.value_or(Any()));
         }, "evaluate_method", {"self", "code", "locals", "globals", "outLocals"},
                         "Runs Python code with `self` bound to a host value."));
 }

@@ -20,6 +20,13 @@ inline int order(const tala::Any& a, const tala::Any& b) {
     return (result > 0) - (result < 0);
 }
 
+// The message of a failed result, or a marker that says it did not fail.
+template <class T>
+std::string failure(const tala::Result<T>& result) {
+    if (result.ok()) return "<no error>";
+    return result.error().message().toStdString();
+}
+
 inline std::uint32_t refCountOf(const tala::Any& value) {
     return value.cell() == nullptr ? 0 : value.cell()->refCount();
 }

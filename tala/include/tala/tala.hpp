@@ -26,3 +26,6 @@
 #include "tala/init.hpp"
 #include "tala/interfaces.hpp"
 #include "tala/logger.hpp"
+#include "tala/result.hpp"
+#include "tala/convert.hpp"
+#include "tala/views.hpp"

@@ -121,6 +121,52 @@ TEST_F(ModuleFunctionsTest, EvaluateRejectsAnOutLocalsArgumentThatIsNoMap) {
               "The argument 'outLocals' must be a map or None, got 'out'.");
 }
 
+TEST_F(ModuleFunctionsTest, TheMapsAreOptionalTrailingParameters) {
+    EXPECT_EQ(text(call("evaluate_expr", {String("1 + 2")})), "3");
+    EXPECT_EQ(text(call("evaluate_expr", {String("x * 2"), Map{{String("x"), Integer(21)}}})), "42");
+    EXPECT_EQ(text(call("evaluate", {String("return 5")})), "5");
+    EXPECT_EQ(text(call("evaluate", {String("return n + 1"), Map{{String("n"), Integer(1)}}})), "2");
+    EXPECT_EQ(text(call("evaluate_method", {Integer(6), String("return self * 2")})), "12");
+    // By name, the ones left out are left out at the end.
+    EXPECT_EQ(text(callNamed("evaluate_expr", Map{{String("code"), String("7")}})), "7");
+    EXPECT_EQ(text(callNamed("evaluate", Map{{String("code"), String("return a")},
+                                             {String("locals"), Map{{String("a"), Integer(8)}}}})),
+              "8");
+}
+
+TEST_F(ModuleFunctionsTest, OnlyTheMapsAreOptional) {
+    const auto optional = [](const char* name) {
+        std::vector<bool> flags;
+        for (const tala::Parameter& parameter : function(name).signature().parameters()) flags.push_back(parameter.optional);
+        return flags;
+    };
+    EXPECT_EQ(optional("evaluate_expr"), (std::vector<bool>{false, true, true}));
+    EXPECT_EQ(optional("evaluate"), (std::vector<bool>{false, true, true, true}));
+    EXPECT_EQ(optional("evaluate_method"), (std::vector<bool>{false, false, true, true, true}));
+    // The code (and the receiver of evaluate_method) must still be given: the object model's
+    // error for a call with too few arguments.
+    EXPECT_TRUE(tala::is_error_result(call("evaluate_expr", {})));
+    EXPECT_TRUE(tala::is_error_result(call("evaluate_method", {Integer(1)})));
+    EXPECT_TRUE(tala::is_error_result(call("evaluate", {})));
+}
+
+TEST_F(ModuleFunctionsTest, PythonCodeLeavesTheMapsOut) {
+    const auto evaluated = [](const char* code) {
+        Any result = tala::resolve(tala::python::evaluate(String(code), tala_language_test::noMap(),
+                                                          tala_language_test::noMap(), tala_language_test::noMutableMap()));
+        EXPECT_FALSE(pythonErrorPending());
+        return text(result);
+    };
+    EXPECT_EQ(evaluated("return tala.python.evaluate_expr('1 + 1')"), "2");
+    EXPECT_EQ(evaluated("return tala.python.evaluate_expr('x', {'x': 3})"), "3");
+    // A call with keywords is a call by name only.
+    EXPECT_EQ(evaluated("return tala.python.evaluate_expr(code='x', locals={'x': 4})"), "4");
+    EXPECT_EQ(evaluated("return tala.python.evaluate('return 5')"), "5");
+    EXPECT_EQ(evaluated("return tala.python.evaluate_method([1, 2], 'return len(self)')"), "2");
+    // A keyword after one that was left out has no place to go: pass None for the one before.
+    EXPECT_EQ(evaluated("return tala.python.evaluate_expr('x', None, {'x': 6})"), "6");
+}
+
 TEST_F(ModuleFunctionsTest, MapThatChangesWhileReadGivesTheIteratorErrorAsAValue) {
     // The host function's border turns the object model's exception into an error value.
     Map locals;
