@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "extension/gil.hpp"
+#include "extension/interpreters.hpp"
 #include "language/python_support.hpp"
 
 namespace tala::python {
@@ -31,7 +32,7 @@ String textOf(PyObject* text) {
 class ExceptionRecord {
 public:
     ExceptionRecord(PyObject* exception, const ExceptionOrigin* origin, String typeName)
-        : exception_(exception), typeName_(std::move(typeName)) {
+        : exception_(exception), owner_(currentInterpreter()), typeName_(std::move(typeName)) {
         Py_IncRef(exception_);
         if (origin != nullptr && origin->program != nullptr) {
             program_ = origin->program;
@@ -42,6 +43,11 @@ public:
     }
     ~ExceptionRecord() {
         if (!Py_IsInitialized() || Py_IsFinalizing()) return;
+        if (owner_ != nullptr) {
+            owner_->release(exception_);
+            if (program_ != nullptr) owner_->release(program_);
+            return;
+        }
         GilGuard gil;
         Py_DecRef(exception_);
         if (program_ != nullptr) Py_DecRef(program_);
@@ -50,9 +56,10 @@ public:
     ExceptionRecord& operator=(const ExceptionRecord&) = delete;
 
     PyObject* exception() const noexcept { return exception_; }
+    Interpreter* owner() const noexcept { return owner_; }
 
     String text() {
-        GilGuard gil;
+        GilGuard gil(owner_);
         if (!text_) text_ = format();
         return *text_;
     }
@@ -78,6 +85,7 @@ private:
     }
 
     PyObject* exception_;
+    Interpreter* owner_;  // the exception's interpreter: every use of it happens there
     PyObject* program_ = nullptr;
     String source_;
     bool generatedTop_ = false;
@@ -162,7 +170,10 @@ PyObject* originalException(const Error& error) {
     if (property.isEmpty()) return nullptr;
     const Any record = property.as<Property>().get(error);
     if (!RecordBox::matches(record)) return nullptr;
-    return RecordBox(internal::unchecked, record).value()->exception();
+    const std::shared_ptr<ExceptionRecord>& kept = RecordBox(internal::unchecked, record).value();
+    // An exception of another interpreter is not raised here again: the error is raised anew.
+    if (interpreterLayout() == InterpreterLayout::Isolated && kept->owner() != currentInterpreter()) return nullptr;
+    return kept->exception();
 }
 
 }  // namespace tala::python

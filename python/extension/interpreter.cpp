@@ -13,6 +13,8 @@
 #endif
 
 #include "extension/gil.hpp"
+#include "extension/interpreters.hpp"
+#include "extension/logging_bridge.hpp"
 #include "language/python_support.hpp"
 #include "extension/sys_path.hpp"
 #include "language/host_module_import.hpp"
@@ -81,28 +83,47 @@ void nameInstallationProgram() {
 // exist there. Around a fork made by a host thread, the forking thread takes the lock and lets
 // Python prepare and repair its state, as os.fork() does. A fork made from Python code (os.fork,
 // where this thread holds the lock and Python has prepared already) is left to Python.
+//
+// In the isolated layout the fork is prepared in the main interpreter, under this thread's own
+// state there; CPython keeps only the main interpreter in the child, where the others are then
+// forgotten (interpreters.cpp).
 thread_local bool t_forkPrepared = false;
 thread_local PyGILState_STATE t_forkState{};
 
+bool isolated() { return interpreterLayout() == InterpreterLayout::Isolated; }
+
 void beforeFork() {
-    if (!Py_IsInitialized() || PyThreadState_GetUnchecked() != nullptr) return;
-    t_forkState = PyGILState_Ensure();
+    if (!Py_IsInitialized() || PyThreadState_GetUnchecked() != nullptr || mainInterpreter() == nullptr) return;
+    if (isolated()) {
+        PyEval_RestoreThread(threadStateIn(*mainInterpreter()));
+    } else {
+        t_forkState = PyGILState_Ensure();
+    }
     PyOS_BeforeFork();
     t_forkPrepared = true;
+}
+
+void releaseAfterFork() {
+    if (isolated()) {
+        (void)PyEval_SaveThread();
+    } else {
+        PyGILState_Release(t_forkState);
+    }
 }
 
 void afterForkInParent() {
     if (!t_forkPrepared) return;
     t_forkPrepared = false;
     PyOS_AfterFork_Parent();
-    PyGILState_Release(t_forkState);
+    releaseAfterFork();
 }
 
 void afterForkInChild() {
     if (!t_forkPrepared) return;
     t_forkPrepared = false;
     PyOS_AfterFork_Child();
-    PyGILState_Release(t_forkState);
+    forgetInterpretersAfterFork();
+    releaseAfterFork();
 }
 #endif
 
@@ -113,6 +134,21 @@ void installHelpForHostValues() {
     PyObjectPtr done = install != nullptr ? PyObjectPtr::steal(PyObject_CallNoArgs(install)) : PyObjectPtr();
     if (!done) PyErr_Clear();
 }
+
+}  // namespace
+
+// What every interpreter gets when it starts, run with its lock held: the main one by
+// ensurePythonInitialized below, the isolated ones when the pool makes them.
+void prepareInterpreter(Interpreter& interpreter) {
+    nameInstallationProgram();
+    if (interpreter.isMain()) return;  // the rest follows in ensurePythonInitialized
+    applySearchPaths(interpreter);
+    installHelpForHostValues();
+    installHostModuleImportHere();
+    installLoggingBridgeHere();
+}
+
+namespace {
 
 void installForkHandlers() {
 #if !defined(_WIN32)
@@ -127,7 +163,8 @@ bool ensurePythonInitialized() {
         exposeInterpreterSymbols();
         Py_InitializeEx(0);  // no signal handlers: the host owns the process's signals
         g_starts.fetch_add(1, std::memory_order_relaxed);
-        nameInstallationProgram();
+        adoptMainInterpreter(true);
+        prepareInterpreter(*mainInterpreter());
         installForkHandlers();
         for (const String& path : pendingSysPaths()) (void)python_add_sys_path(path);
         // From here on no thread holds the lock between calls: this thread gives it up for
@@ -137,6 +174,8 @@ bool ensurePythonInitialized() {
         describeLanguage();
         installHelpForHostValues();
     }
+    // Someone else's interpreter is used as it is: shared by every thread.
+    adoptMainInterpreter(false);
     // The language class exists whenever the interpreter does, also when someone else started it;
     // so does `import` of the host's modules.
     (void)LanguagePython::getClass();
