@@ -51,6 +51,9 @@ public:
     OwnMembers* ownMembers() const noexcept { return own_.load(std::memory_order_acquire); }
     OwnMembers& ensureOwnMembers() const;
 
+    // The fields, then the members inserted into this object.
+    void visitChildren(ChildVisitor& visitor) const noexcept override;
+
 protected:
     void lastReleased() noexcept override;
     // Objects made before their class exists (the class of classes) set it afterwards.
