@@ -7,6 +7,7 @@
 #include "extension/gil.hpp"
 #include "extension/interpreters.hpp"
 #include "language/python_support.hpp"
+#include "pyside/cycles.hpp"
 
 namespace tala::python {
 
@@ -57,6 +58,7 @@ public:
 
     PyObject* exception() const noexcept { return exception_; }
     Interpreter* owner() const noexcept { return owner_; }
+    PyObject* program() const noexcept { return program_; }
 
     String text() {
         GilGuard gil(owner_);
@@ -107,6 +109,25 @@ String qualifiedTypeName(PyObject* exception) {
     return String(moduleName.toStdString() + "." + name.toStdString());
 }
 
+}  // namespace
+}  // namespace tala::python
+
+// The record's references are its own while its box is its one holder: the exception (whose
+// traceback holds the frames of the code that raised it) and the program, for Python's cycle
+// collector. A record shared with someone else is not reported.
+template <>
+struct tala::BoxedChildren<std::shared_ptr<tala::python::ExceptionRecord>> {
+    static void visit(const std::shared_ptr<tala::python::ExceptionRecord>& record, ChildVisitor& visitor) noexcept {
+        if (record == nullptr || record.use_count() != 1) return;
+        const void* heap = tala::python::pythonHeapTag(record->owner());
+        visitor.foreign(heap, record->exception());
+        if (record->program() != nullptr) visitor.foreign(heap, record->program());
+    }
+};
+
+namespace tala::python {
+namespace {
+
 using RecordBox = Boxed<std::shared_ptr<ExceptionRecord>>;
 
 // Kept with the error under a name Python code cannot read (it begins with "_").
@@ -134,13 +155,26 @@ std::optional<std::int64_t> exitStatusOf(PyObject* exception) {
 
 namespace {
 
+// The record kept with the error, or null.
+std::shared_ptr<ExceptionRecord> recordOf(const Any& error) {
+    auto property = raw_property_of(error, kRecordProperty);
+    if (property.isEmpty()) return nullptr;
+    const Any record = property.as<Property>().get(error);
+    if (!RecordBox::matches(record)) return nullptr;
+    return RecordBox(internal::unchecked, record).value();
+}
+
 std::shared_ptr<ExceptionRecord> describeTraceback(const Error& error, PyObject* exception, const ExceptionOrigin* origin) {
     const String typeName = qualifiedTypeName(exception);
     auto record = std::make_shared<ExceptionRecord>(exception, origin, typeName);
     (void)insert_property_value(error, kExceptionTypeProperty, typeName);
+    // The getter finds the record through the error: captured, it would have a second holder,
+    // and the exception it keeps would no longer be reported as the error's own.
     (void)insert_property(error, Property(kTracebackProperty,
-                                          native_function([record](const Any&) { return record->text(); },
-                                                          "traceback", {}, String(), false),
+                                          native_function([](const Any& self) {
+                                              const auto found = recordOf(self);
+                                              return found != nullptr ? found->text() : String();
+                                          }, "traceback", {}, String(), false),
                                           Any(), String("The report Python prints for the exception.")));
     return record;
 }
@@ -166,14 +200,11 @@ void describeCarriedException(const Error& error, PyObject* exception, const Exc
 }
 
 PyObject* originalException(const Error& error) {
-    auto property = raw_property_of(error, kRecordProperty);
-    if (property.isEmpty()) return nullptr;
-    const Any record = property.as<Property>().get(error);
-    if (!RecordBox::matches(record)) return nullptr;
-    const std::shared_ptr<ExceptionRecord>& kept = RecordBox(internal::unchecked, record).value();
+    const auto record = recordOf(error);
+    if (record == nullptr) return nullptr;
     // An exception of another interpreter is not raised here again: the error is raised anew.
-    if (interpreterLayout() == InterpreterLayout::Isolated && kept->owner() != currentInterpreter()) return nullptr;
-    return kept->exception();
+    if (interpreterLayout() == InterpreterLayout::Isolated && record->owner() != currentInterpreter()) return nullptr;
+    return record->exception();
 }
 
 }  // namespace tala::python

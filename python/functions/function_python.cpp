@@ -14,6 +14,7 @@
 #include "extension/interpreter.hpp"
 #include "extension/stack.hpp"
 #include "language/interruption.hpp"
+#include "pyside/cycles.hpp"
 
 namespace tala {
 
@@ -77,6 +78,12 @@ public:
     }
 
     PyObject* callable() const noexcept { return callable_; }
+
+    // The callable is this function's own reference, for Python's cycle collector.
+    void visitChildren(ChildVisitor& visitor) const noexcept override {
+        FunctionCell::visitChildren(visitor);
+        visitor.foreign(python::pythonHeapTag(owner_), callable_);
+    }
 
     Any call(std::span<const Any> arguments) const override {
         if (auto shortage = python::stackShortage()) return *shortage;

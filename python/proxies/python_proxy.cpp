@@ -12,6 +12,7 @@
 #include "extension/interpreters.hpp"
 #include "extension/identifiers.hpp"
 #include "functions/function_python.hpp"
+#include "pyside/cycles.hpp"
 
 namespace tala::python {
 
@@ -187,13 +188,42 @@ Union<Integer, Lazy<Integer>, Error> compareProxy(const Any& self, const Any& ot
 
 bool PythonProxy::matches(const Any& value) { return internal::is_instance_of(value, getClass()); }
 
+namespace {
+
+// The field `_pyobj` of a proxy's cell, read in place, or null when the class has none.
+const Any* pyobjectField(const internal::ObjectCell& object) {
+    if (object.objectClass() == nullptr) return nullptr;
+    const std::int64_t slot = object.objectClass()->fieldSlot($_pyobj);
+    if (slot < 0 || static_cast<std::size_t>(slot) >= object.fieldCount()) return nullptr;
+    return &object.fieldSlots()[slot];
+}
+
+// The cell of the proxies made here. The object in its box is the proxy's own reference (its
+// finalizer gives it back), which the cell reports to Python's cycle collector. The field's slot
+// is found once, so that a collection never rebuilds a class's tables; a lazy field is not
+// resolved for it either, since resolving runs code.
+class PythonProxyCell final : public internal::ObjectCell {
+public:
+    explicit PythonProxyCell(const internal::ClassCell* cls) : ObjectCell(cls), field_(pyobjectField(*this)) {}
+    void visitChildren(ChildVisitor& visitor) const noexcept override {
+        ObjectCell::visitChildren(visitor);
+        if (field_ != nullptr && Box::matches(*field_)) {
+            visitor.foreign(pythonHeapTag(static_cast<const Interpreter*>(foreignRuntime())), field_->cellAs<Box::Cell>()->value_);
+        }
+    }
+
+private:
+    const Any* field_;  // into this cell's own fields, which never move
+};
+
+}  // namespace
+
 PyObject* pyobjectOf(const Any& proxy) {
     // Read in place (every proxy operation starts here): no copy of the box, so no shared count moves.
     const internal::ObjectCell* object = internal::objectCellOf(proxy);
-    if (object == nullptr || object->objectClass() == nullptr) return nullptr;
-    const std::int64_t slot = object->objectClass()->fieldSlot($_pyobj);
-    if (slot < 0 || static_cast<std::size_t>(slot) >= object->fieldCount()) return nullptr;
-    const Any& field = object->fieldSlots()[slot];
+    const Any* found = object == nullptr ? nullptr : pyobjectField(*object);
+    if (found == nullptr) return nullptr;
+    const Any& field = *found;
     if (Box::matches(field)) return field.cellAs<Box::Cell>()->value_;
     if (field.kind() != Kind::Lazy) return nullptr;
     const Any stored = resolve(field);
@@ -208,7 +238,7 @@ PyObject* pythonObjectOfProxy(const Any& value) {
 
 Any makeProxyOf(const Class_Generic& cls, PyObject* object) {
     Py_IncRef(object);
-    Any proxy = make_instance(cls);
+    Any proxy = Any::adopt(Kind::Object, new PythonProxyCell(cls.cell()));
     (void)proxy.setFieldValue($_pyobj, Box(object));
     markOwnedHere(proxy);  // the caller runs in the object's interpreter
     return proxy;

@@ -54,11 +54,15 @@ PyObject* resultOfCall(bool blocking, Call&& call) {
 }
 
 // Invokes with the arguments as they are: a function's cell is called in place (no copy of the
-// wrapped value, so no shared count moves); a class is invoked as itself.
+// wrapped value, so no shared count moves); a class is invoked as itself. A blocking call holds
+// the function while the lock is let go: a cell that only its wrapper holds is open to the cycle
+// collector of another thread (cycles.cpp), which must not walk what the call uses.
 PyObject* invoke(const Any& value, std::span<const Any> arguments) {
     if (value.kind() == Kind::Function) {
         const auto* function = value.cellAs<internal::FunctionCell>();
-        return resultOfCall(function->isBlocking(), [&] { return function->call(arguments); });
+        if (!function->isBlocking()) return toPythonLocked(function->call(arguments));
+        const Any held = value;
+        return resultOfCall(true, [&] { return function->call(arguments); });
     }
     return toPythonLocked(I_Invokable_Generic(internal::unchecked, value).invokeWith(arguments));
 }

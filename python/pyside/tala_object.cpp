@@ -7,11 +7,13 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "bridge/module_attribute.hpp"
 #include "extension/gil.hpp"
 #include "extension/interpreters.hpp"
+#include "pyside/cycles.hpp"
 #include "pyside/slots.hpp"
 
 namespace tala::python {
@@ -75,11 +77,12 @@ void destroy(PyObject* self) {
     // Dropping the host value may run any host code (its last reference may go), so take the
     // lock again even though the caller holds it.
     GilGuard gil;
-    auto* wrapper = reinterpret_cast<TalaObject*>(self);
+    // Untracked first: the release may run Python code, and a collection meanwhile must not meet
+    // a wrapper half gone.
+    PyObject_GC_UnTrack(self);
     PyTypeObject* type = Py_TYPE(self);
-    delete wrapper->value;
-    wrapper->value = nullptr;
-    PyObject_Free(self);
+    delete std::exchange(reinterpret_cast<TalaObject*>(self)->value, nullptr);
+    PyObject_GC_Del(self);
     Py_DecRef(reinterpret_cast<PyObject*>(type));  // every instance holds its (heap) type
 }
 
@@ -107,6 +110,8 @@ void addCommonSlots(SlotList& slots) {
     PyTypeObject common{};
     fillCommonSlots(common);
     slots.add(Py_tp_dealloc, destroy);
+    slots.add(Py_tp_traverse, traverseWrapper);
+    slots.add(Py_tp_clear, clearWrapper);
     slots.add(Py_tp_repr, common.tp_repr);
     slots.add(Py_tp_str, common.tp_str);
     slots.add(Py_tp_hash, common.tp_hash);
@@ -166,15 +171,16 @@ void registerProtocol(PyTypeObject* type, Protocol protocol) {
 }
 
 // Types are heap types made from specs; nobody may change or subclass them, nor make instances
-// but the conversion. The type's `__name__` is the spec's text after its last dot (the host
-// class's name), while `tp_name`, which Python's own messages print, is set to `typeName`.
+// but the conversion. Instances take part in cycle collection (cycles.cpp). The type's
+// `__name__` is the spec's text after its last dot (the host class's name), while `tp_name`,
+// which Python's own messages print, is set to `typeName`.
 PyTypeObject* makeType(const std::string& specName, const char* typeName, const char* doc, SlotList& slots,
                        PyMethodDef* methods, PyGetSetDef* properties, PyTypeObject* base, Protocol protocol) {
     slots.add(Py_tp_doc, const_cast<char*>(doc));
     slots.add(Py_tp_methods, methods);
     slots.add(Py_tp_getset, properties);
     PyType_Spec spec{specName.c_str(), static_cast<int>(sizeof(TalaObject)), 0,
-                     static_cast<unsigned int>(Py_TPFLAGS_DEFAULT | Py_TPFLAGS_IMMUTABLETYPE |
+                     static_cast<unsigned int>(Py_TPFLAGS_DEFAULT | Py_TPFLAGS_IMMUTABLETYPE | Py_TPFLAGS_HAVE_GC |
                                                Py_TPFLAGS_DISALLOW_INSTANTIATION | matchFlag(protocol)),
                      slots.finish()};
     PyObjectPtr bases = base != nullptr ? PyObjectPtr::steal(PyTuple_Pack(1, base)) : PyObjectPtr();
@@ -355,9 +361,10 @@ PyObject* wrapHostValue(const Any& value) {
 
 PyObject* wrapHostValueLocked(const Any& value) {
     PyTypeObject* type = wrapperTypeFor(raw_class_of(value));
-    auto* wrapper = reinterpret_cast<TalaObject*>(_PyObject_New(type));  // takes a reference to the type
+    TalaObject* wrapper = PyObject_GC_New(TalaObject, type);  // takes a reference to the type
     if (wrapper == nullptr) return nullptr;
     wrapper->value = new Any(value);
+    PyObject_GC_Track(wrapper);
     return reinterpret_cast<PyObject*>(wrapper);
 }
 

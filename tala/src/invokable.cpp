@@ -1,6 +1,7 @@
 // tala/src/invokable.cpp: function cells, invocation by position and by name, binding.
 #include "tala/invokable.hpp"
 
+#include "tala/children.hpp"
 #include "tala/display.hpp"
 #include "tala/property.hpp"
 
@@ -174,6 +175,11 @@ public:
     bool isIndependent() const override { return !leading_.empty() || target_.isIndependent(); }
     FunctionKind functionKind() const override { return FunctionKind::Bound; }
     bool isBlocking() const override { return target_.isBlocking(); }
+    void visitChildren(ChildVisitor& visitor) const noexcept override {
+        FunctionCell::visitChildren(visitor);
+        visitor.child(target_);
+        for (const Any& argument : leading_) visitor.child(argument);
+    }
     std::size_t parameterCount() const override {
         const std::size_t full = target_.parameterCount();
         return full > leading_.size() ? full - leading_.size() : 0;
@@ -193,6 +199,10 @@ public:
     FunctionKind functionKind() const override { return FunctionKind::Constant; }
     std::size_t parameterCount() const override { return 0; }
     const Any& value() const noexcept { return value_; }
+    void visitChildren(ChildVisitor& visitor) const noexcept override {
+        FunctionCell::visitChildren(visitor);
+        visitor.child(value_);
+    }
 
 private:
     Any value_;
@@ -382,6 +392,10 @@ public:
     String doc() const override { return target_.doc(); }
     bool isIndependent() const override { return target_.isIndependent(); }
     std::size_t parameterCount() const override { return target_.parameterCount(); }
+    void visitChildren(ChildVisitor& visitor) const noexcept override {
+        FunctionCell::visitChildren(visitor);
+        visitor.child(target_);
+    }
 
 private:
     I_Invokable_Generic target_;

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cmath>
 
+#include "tala/children.hpp"
 #include "tala/class_builder.hpp"
 #include "tala/containers.hpp"
 #include "tala/datetime.hpp"
@@ -202,6 +203,11 @@ class ContainerIteratorCell final : public internal::ObjectCell {
 public:
     ContainerIteratorCell(const internal::ClassCell* cls, Any source)
         : ObjectCell(cls), source_(std::move(source)), version_(tableVersion()) {}
+
+    void visitChildren(ChildVisitor& visitor) const noexcept override {
+        ObjectCell::visitChildren(visitor);
+        visitor.child(source_);
+    }
 
     Any next() {
         switch (source_.kind()) {

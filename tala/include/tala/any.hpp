@@ -45,6 +45,7 @@ class Any;
 class String;
 class Class_Generic;
 class Error;
+class ChildVisitor;
 
 namespace internal {
 
@@ -65,6 +66,14 @@ public:
         if (!immortal_ && refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) const_cast<Cell*>(this)->lastReleased();
     }
     std::uint32_t refCount() const noexcept { return refs_.load(std::memory_order_relaxed); }
+    // True when exactly one reference holds the cell; never for an immortal cell, which anyone may
+    // copy at any time. Read with acquire order, so that what other threads did with the cell
+    // before they let go of it is seen: a walker may then read a cell that only its own
+    // reference leads to, since nothing else can reach it to change it meanwhile.
+    bool isSolelyHeld() const noexcept { return !immortal_ && refs_.load(std::memory_order_acquire) == 1; }
+    // Reports the values and foreign references this cell holds (see tala/children.hpp). Cells
+    // without any keep this default.
+    virtual void visitChildren(ChildVisitor& visitor) const noexcept { (void)visitor; }
     // Process-wide cells (classes, types, shared constants) are never freed, and copying them
     // touches no shared counter, so threads do not fight over their cache line.
     void makeImmortal() noexcept { immortal_ = true; }

@@ -7,6 +7,7 @@
 #include <typeinfo>
 
 #include "tala/any.hpp"
+#include "tala/children.hpp"
 
 namespace tala {
 
@@ -52,6 +53,14 @@ struct BoxedTraits {
     }
 };
 
+// What a box of T reports to walkers of the graph of values (tala/children.hpp): nothing, unless
+// a specialization says otherwise for a payload that owns references (a language bridge's record
+// of a foreign object reports that object as a foreign reference).
+template <class T>
+struct BoxedChildren {
+    static void visit(const T&, ChildVisitor&) noexcept {}
+};
+
 template <class T>
 class Boxed : public internal::View<Boxed<T>> {
     using Base = internal::View<Boxed<T>>;
@@ -78,6 +87,7 @@ public:
             return Any();
         }
         const internal::ClassCell* boxedClass() const override { return classCell(); }
+        void visitChildren(ChildVisitor& visitor) const noexcept override { BoxedChildren<T>::visit(value_, visitor); }
         T value_;
     };
 

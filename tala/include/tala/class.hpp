@@ -61,6 +61,9 @@ public:
     ClassCell();
     ~ClassCell() override;
     using ObjectCell::setObjectClass;
+    // Nothing: instances point at their class without counting, so what a class holds is never
+    // held by the one reference that a walker came through.
+    void visitChildren(ChildVisitor& visitor) const noexcept override;
 
     // Description, fixed once the class is published.
     String name;

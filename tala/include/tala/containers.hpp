@@ -23,6 +23,7 @@ class ObjectCell;
 class ListCell final : public Cell {
 public:
     explicit ListCell(const ObjectCell* elementType) noexcept : elementType(elementType) {}
+    void visitChildren(ChildVisitor& visitor) const noexcept override;
     std::vector<Any> items;
     const ObjectCell* elementType;
 };
@@ -65,6 +66,7 @@ private:
 class MapCell final : public Cell {
 public:
     MapCell(const ObjectCell* keyType, const ObjectCell* valueType) noexcept : keyType(keyType), valueType(valueType) {}
+    void visitChildren(ChildVisitor& visitor) const noexcept override;
     OrderedTable table;
     const ObjectCell* keyType;
     const ObjectCell* valueType;
@@ -73,6 +75,7 @@ public:
 class SetCell final : public Cell {
 public:
     explicit SetCell(const ObjectCell* elementType) noexcept : elementType(elementType) {}
+    void visitChildren(ChildVisitor& visitor) const noexcept override;
     OrderedTable table;
     const ObjectCell* elementType;
 };
@@ -84,6 +87,7 @@ public:
     std::size_t size() const noexcept { return items_.size(); }
     const Any& at(std::size_t index) const noexcept { return items_[index]; }
     std::span<const Any> items() const noexcept { return items_; }
+    void visitChildren(ChildVisitor& visitor) const noexcept override;
 
 private:
     std::vector<Any> items_;

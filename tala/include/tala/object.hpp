@@ -57,6 +57,9 @@ public:
     void markForeignRuntime(const void* runtime) noexcept { foreignRuntime_ = runtime; }
     OwnMembers& ensureOwnMembers() const;
 
+    // The fields, then the members inserted into this object.
+    void visitChildren(ChildVisitor& visitor) const noexcept override;
+
 protected:
     void lastReleased() noexcept override;
     // Objects made before their class exists (the class of classes) set it afterwards.

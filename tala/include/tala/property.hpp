@@ -9,6 +9,7 @@ namespace internal {
 class PropertyCell final : public ObjectCell {
 public:
     PropertyCell(Identifier name, Any getter, Any setter, String doc);
+    void visitChildren(ChildVisitor& visitor) const noexcept override;
     Identifier name;
     Any getter;  // an invokable
     Any setter;  // an invokable, or empty for a read-only property

@@ -4,6 +4,7 @@
 #include "tala/any.hpp"
 #include "tala/boxed.hpp"
 #include "tala/cancellation.hpp"
+#include "tala/children.hpp"
 #include "tala/class.hpp"
 #include "tala/class_builder.hpp"
 #include "tala/containers.hpp"

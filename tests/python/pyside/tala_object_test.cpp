@@ -65,7 +65,7 @@ TEST_F(TalaObjectTest, GenericWrapperTypeIsNamedTalaObject) {
     EXPECT_EQ(tala_python_test::textOf(name.get()), ">TalaObject");
 }
 
-TEST_F(TalaObjectTest, GenericTypesHaveTheRecordLayoutAndNoCycleCollection) {
+TEST_F(TalaObjectTest, GenericTypesHaveTheRecordLayoutAndTakePartInCycleCollection) {
     GilGuard gil;
     for (int which = Callable; which <= FullSequenceWithMapping; ++which) {
         SCOPED_TRACE(which);
@@ -75,7 +75,10 @@ TEST_F(TalaObjectTest, GenericTypesHaveTheRecordLayoutAndNoCycleCollection) {
         EXPECT_EQ(type->tp_basicsize, static_cast<Py_ssize_t>(sizeof(PyObject) + sizeof(void*)));
         EXPECT_EQ(type->tp_basicsize, static_cast<Py_ssize_t>(sizeof(TalaObject)));
         EXPECT_EQ(type->tp_itemsize, 0);
-        EXPECT_EQ(type->tp_flags & Py_TPFLAGS_HAVE_GC, 0u);
+        // The collector sees through wrappers to the Python objects their host values hold.
+        EXPECT_NE(type->tp_flags & Py_TPFLAGS_HAVE_GC, 0u);
+        EXPECT_NE(type->tp_traverse, nullptr);
+        EXPECT_NE(type->tp_clear, nullptr);
         // Heap types that Python code can neither change, nor derive from, nor instantiate.
         EXPECT_NE(type->tp_flags & Py_TPFLAGS_HEAPTYPE, 0u);
         EXPECT_NE(type->tp_flags & Py_TPFLAGS_IMMUTABLETYPE, 0u);
@@ -85,7 +88,7 @@ TEST_F(TalaObjectTest, GenericTypesHaveTheRecordLayoutAndNoCycleCollection) {
         EXPECT_EQ(type->tp_base, &PyBaseObject_Type);
     }
     PyObjectPtr wrapper = wrap(tala::List<tala::Integer>{});
-    EXPECT_EQ(PyObject_GC_IsTracked(wrapper.get()), 0);
+    EXPECT_EQ(PyObject_GC_IsTracked(wrapper.get()), 1);
 }
 
 TEST_F(TalaObjectTest, ClassesDifferingInMappingAndSequenceFlagsGetDifferentGenericTypes) {
