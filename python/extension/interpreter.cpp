@@ -18,7 +18,11 @@
 #include "language/python_support.hpp"
 #include "extension/sys_path.hpp"
 #include "language/host_module_import.hpp"
+#include "language/evaluate.hpp"
 #include "language/language_python.hpp"
+
+// Takes the interpreters other than the main one out of CPython's list (fork_child.c).
+extern "C" void tala_python_keep_only_the_main_interpreter(void);
 
 namespace tala::python {
 
@@ -85,8 +89,8 @@ void nameInstallationProgram() {
 // where this thread holds the lock and Python has prepared already) is left to Python.
 //
 // In the isolated layout the fork is prepared in the main interpreter, under this thread's own
-// state there; CPython keeps only the main interpreter in the child, where the others are then
-// forgotten (interpreters.cpp).
+// state there. The child keeps only the main interpreter, whichever way it was forked: the others
+// leave CPython's list before its repair (fork_child.c) and are forgotten here (interpreters.cpp).
 thread_local bool t_forkPrepared = false;
 thread_local PyGILState_STATE t_forkState{};
 
@@ -119,10 +123,16 @@ void afterForkInParent() {
 }
 
 void afterForkInChild() {
+    if (isolated() && mainInterpreter() != nullptr) {
+        // Before CPython's repair of the child: here for a fork by a host thread, and for os.fork()
+        // from Python code, which repairs the child after these handlers have run.
+        tala_python_keep_only_the_main_interpreter();
+        forgetInterpretersAfterFork();
+    }
     if (!t_forkPrepared) return;
     t_forkPrepared = false;
     PyOS_AfterFork_Child();
-    forgetInterpretersAfterFork();
+    if (!isolated()) forgetInterpretersAfterFork();
     releaseAfterFork();
 }
 #endif
@@ -146,6 +156,11 @@ void prepareInterpreter(Interpreter& interpreter) {
     installHelpForHostValues();
     installHostModuleImportHere();
     installLoggingBridgeHere();
+    // An evaluation and a code block, run once here: what the first ones import and make in an
+    // interpreter is then made already, before an evaluation can be stopped while it does so.
+    (void)evaluate_expr(String("None"), None(), None());
+    (void)evaluate(String("pass"), None(), None(), None());
+    PyErr_Clear();
 }
 
 namespace {

@@ -109,8 +109,8 @@ struct ThreadStates {
 };
 thread_local ThreadStates t_states;
 
-// A new isolated interpreter, prepared as the main one was; the calling thread (which holds no
-// lock) keeps the thread state CPython made it as its own there.
+// A new isolated interpreter, prepared as the main one was, by the calling thread (which holds
+// no lock) in the thread state CPython made with it.
 Interpreter* makeInterpreter() {
     PyThreadState* made = nullptr;
     PyInterpreterConfig config{};
@@ -124,10 +124,16 @@ Interpreter* makeInterpreter() {
     const PyStatus status = Py_NewInterpreterFromConfig(&made, &config);
     if (PyStatus_Exception(status) || made == nullptr) return nullptr;
     auto* interpreter = new Interpreter(PyThreadState_GetInterpreter(made), g_count.load(std::memory_order_relaxed));
-    t_states.states.emplace_back(interpreter, made);
-    prepareInterpreter(*interpreter);
+    // The state CPython made with the interpreter is kept by the interpreter, never dropped: an
+    // interpreter whose last thread state goes makes its next one in the storage of its first,
+    // and CPython 3.13 can do so while that first one is still being taken down on another
+    // thread ("init_threadstate: thread state already initialized"). The threads that enter it,
+    // this one included, have states of their own.
+    // Known before it is prepared: the preparation runs in it and finds its state through it.
+    // Only this thread can enter it until its home is chosen, which g_makeMutex holds back.
     g_interpreters[static_cast<std::size_t>(interpreter->index())].store(interpreter, std::memory_order_release);
     g_count.fetch_add(1, std::memory_order_release);
+    prepareInterpreter(*interpreter);
     (void)PyEval_SaveThread();
     return interpreter;
 }
@@ -201,8 +207,11 @@ Interpreter* currentInterpreter() noexcept {
     if (current == nullptr) return nullptr;
     if (g_settings.layout == InterpreterLayout::Shared) return mainInterpreter();
     PyInterpreterState* handle = PyThreadState_GetInterpreter(current);
-    if (t_lastSeen.handle != handle) t_lastSeen = LastSeen{handle, interpreterOf(handle)};
-    return t_lastSeen.record;
+    if (t_lastSeen.handle == handle) return t_lastSeen.record;
+    Interpreter* record = interpreterOf(handle);
+    // Only what is found is remembered: an interpreter is known from the moment it is made.
+    if (record != nullptr) t_lastSeen = LastSeen{handle, record};
+    return record;
 }
 
 Interpreter& homeInterpreter() {
@@ -239,6 +248,17 @@ std::vector<Interpreter*> allInterpreters() {
     const int count = g_count.load(std::memory_order_acquire);
     for (int index = 0; index < count; ++index) all.push_back(g_interpreters[static_cast<std::size_t>(index)].load());
     return all;
+}
+
+void releasePendingEverywhere() {
+    for (bool waiting = true; waiting;) {
+        waiting = false;
+        for (Interpreter* interpreter : allInterpreters()) {
+            if (!interpreter->alive() || !interpreter->hasPendingReleases()) continue;
+            waiting = true;
+            GilGuard gil(interpreter);  // an entry drains what waits
+        }
+    }
 }
 
 void adoptMainInterpreter(bool startedHere) {

@@ -50,8 +50,9 @@ public:
     void release(PyObject* object) noexcept;
     // Drops what was queued; the caller runs in this interpreter.
     void drainReleases() noexcept {
-        if (pendingCount_.load(std::memory_order_acquire) != 0) drainReleasesSlowly();
+        if (hasPendingReleases()) drainReleasesSlowly();
     }
+    bool hasPendingReleases() const noexcept { return pendingCount_.load(std::memory_order_acquire) != 0; }
 
     // Host threads that have this interpreter as theirs (the pool's affinity).
     std::atomic<int> assignedThreads{0};
@@ -121,6 +122,12 @@ PyObject* keptHere(PyObject*& slot, bool& tried, Make&& make) {
 // Every interpreter of ours, in the order they were made (a copy: interpreters may be made
 // meanwhile).
 std::vector<Interpreter*> allInterpreters();
+
+// Drops the objects that wait for their interpreters now, entering each such interpreter in turn
+// from the calling thread (which must hold no interpreter's lock), until none waits: a release
+// can free a host value that holds an object of yet another interpreter. For a host that wants
+// the memory back at a quiet moment rather than at each interpreter's next entry.
+void releasePendingEverywhere();
 
 // Called once Python runs: makes the record of the main interpreter and reads the layout when
 // this extension started Python (`startedHere`, the calling thread then holds the lock); an

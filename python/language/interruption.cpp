@@ -236,16 +236,16 @@ PyObject* makeInterruptedType() {
 
 EvaluationScope::EvaluationScope() noexcept {
     ThreadRecord& record = t_record.get();
-    {
-        std::lock_guard lock(record.lists);
-        record.evaluating.push_back(currentInterpreter());
-        record.depth.fetch_add(1, std::memory_order_relaxed);
-    }
+    // Prepared before the evaluation can be stopped: the preparation may import (the first time
+    // in an interpreter), and an interruption raised inside an import made here would be lost.
     if (!record.prepared) {
         record.prepared = true;
         const PendingExceptionKept kept;
         prepareInterruptSignal(&g_signalHandler);
     }
+    std::lock_guard lock(record.lists);
+    record.evaluating.push_back(currentInterpreter());
+    record.depth.fetch_add(1, std::memory_order_relaxed);
 }
 
 EvaluationScope::~EvaluationScope() {
