@@ -84,13 +84,13 @@ OPTIONS, before the command:
       once: the libraries load in the order given.
   --interpreters shared|isolated
       How Python runs for the host's threads: shared (the default) runs every thread in
-      one interpreter; isolated gives each thread that enters Python an interpreter with
+      one interpreter, and isolated gives each thread that enters Python an interpreter with
       a lock of its own, so that threads run Python on several cores at once (the
       environment variable TALA_PYTHON_INTERPRETERS says the same). The prompt and the
       script run in the main interpreter either way.
   --interpreter-count N
       The most interpreters the isolated layout makes, 1 to 64 (the number of cores by
-      default; TALA_PYTHON_INTERPRETER_COUNT says the same).
+      default, TALA_PYTHON_INTERPRETER_COUNT says the same).
   EVALUATION OPTIONS may come here too, for -c and standard input.
 
 EVALUATION OPTIONS:

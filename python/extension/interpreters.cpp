@@ -268,11 +268,11 @@ void adoptMainInterpreter(bool startedHere) {
     g_interpreters[0].store(main, std::memory_order_release);
     g_count.store(1, std::memory_order_release);
     if (!startedHere) return;
-    // The thread that starts Python has the main interpreter as its home, and the state it
-    // started with as its own there.
+    // The thread that starts Python has the main interpreter as its home. The state it started
+    // with stays with the interpreter for good (see makeInterpreter): in the isolated layout the
+    // thread makes another of its own on its next entry.
     t_home.interpreter = main;
     main->assignedThreads.fetch_add(1, std::memory_order_relaxed);
-    if (g_settings.layout == InterpreterLayout::Isolated) t_states.states.emplace_back(main, PyThreadState_Get());
 }
 
 void forgetInterpretersAfterFork() noexcept {
