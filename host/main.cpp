@@ -82,6 +82,15 @@ OPTIONS, before the command:
       else libtala_NAME.so, beside the Python extension (--load sqlite gives the module
       sqlite). Anything with a "/" or ending in ".so" is a path. May be given more than
       once: the libraries load in the order given.
+  --interpreters shared|isolated
+      How Python runs for the host's threads: shared (the default) runs every thread in
+      one interpreter, and isolated gives each thread that enters Python an interpreter with
+      a lock of its own, so that threads run Python on several cores at once (the
+      environment variable TALA_PYTHON_INTERPRETERS says the same). The prompt and the
+      script run in the main interpreter either way.
+  --interpreter-count N
+      The most interpreters the isolated layout makes, 1 to 64 (the number of cores by
+      default, TALA_PYTHON_INTERPRETER_COUNT says the same).
   EVALUATION OPTIONS may come here too, for -c and standard input.
 
 EVALUATION OPTIONS:
@@ -280,6 +289,23 @@ int run(const std::vector<std::string>& arguments) {
             const bool load = argument == "--load";
             if (next + 1 >= arguments.size()) return usageError(load ? "--load needs a name or a path." : "--extension needs a path.");
             (load ? libraries.emplace_back() : extension) = arguments[++next];
+        } else if (argument == "--interpreters") {
+            if (next + 1 >= arguments.size()) return usageError("--interpreters needs shared or isolated.");
+            const std::string& layout = arguments[++next];
+            if (layout != "shared" && layout != "isolated") {
+                return usageError("--interpreters takes shared or isolated, not '" + layout + "'.");
+            }
+            // Read by the extension when Python starts, which is after the libraries load.
+            tala::set_language_option("python.interpreters", tala::String(layout));
+        } else if (argument == "--interpreter-count") {
+            if (next + 1 >= arguments.size()) return usageError("--interpreter-count needs a number from 1 to 64.");
+            const std::string& text = arguments[++next];
+            int count = 0;
+            const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+            if (error != std::errc() || end != text.data() + text.size() || count < 1 || count > 64) {
+                return usageError("--interpreter-count needs a number from 1 to 64, not '" + text + "'.");
+            }
+            tala::set_language_option("python.interpreterCount", tala::Integer(count));
         } else if (!takeEvaluationOption(arguments, next, options, failed)) {
             break;
         }

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Build everything and pass every test: the "default" preset, then the
-# "asan" preset (AddressSanitizer, LeakSanitizer and UBSan), then the fuzz
+# "asan" preset (AddressSanitizer, LeakSanitizer and UBSan), each twice: with
+# Python's shared interpreter and with isolated interpreters; then the fuzz
 # targets for a bounded number of inputs each ("fuzz" preset: libFuzzer with
 # ASan and UBSan), then the thread and stress tests under ThreadSanitizer
-# ("tsan" preset). Prints how long each stage took.
+# ("tsan" preset), also twice. Prints how long each stage took.
 # Installs missing Debian packages with apt-get and finds CPython 3.13 under
 # the pyenv root or the system. Prints "N passed, 0 failed" when all pass.
 # TALA_TEST_JOBS sets the number of tests ctest runs at once (default 2).
@@ -18,14 +19,19 @@ TALA_TEST_JOBS="${TALA_TEST_JOBS:-2}"
 
 total_passed=0
 
-# run_ctest PRESET BUILD_DIR: run the preset's tests, stop on failure, and add
-# the number of passed tests to total_passed.
+# run_ctest PRESET BUILD_DIR [LAYOUT]: run the preset's tests, stop on failure, and
+# add the number of passed tests to total_passed. LAYOUT "isolated" runs them again
+# with Python's isolated interpreters forced by TALA_PYTHON_INTERPRETERS (all but the
+# soak, whose minute the first run gives).
 run_ctest() {
-    local preset="$1" build_dir="$2"
-    local log="$build_dir/ctest-$preset.log"
-    tala_log "running tests of preset $preset"
+    local preset="$1" build_dir="$2" layout="${3:-shared}"
+    local log="$build_dir/ctest-$preset-$layout.log"
+    local extra=()
+    [[ "$layout" == "isolated" ]] && extra=(-E '^tala_soak_60s$')
+    tala_log "running tests of preset $preset ($layout interpreters)"
     local rc=0
-    ctest --preset "$preset" -j "$TALA_TEST_JOBS" </dev/null 2>&1 | tee "$log" || rc=$?
+    TALA_PYTHON_INTERPRETERS="$layout" ctest --preset "$preset" -j "$TALA_TEST_JOBS" "${extra[@]}" </dev/null 2>&1 |
+        tee "$log" || rc=$?
     if [[ $rc -ne 0 ]]; then
         tala_die "tests of the preset '$preset' failed (log: $log)."
     fi
@@ -57,11 +63,13 @@ tala_find_python
 
 stage "build default" tala_configure default
 stage "test default" run_ctest default build
+stage "test default isolated" run_ctest default build isolated
 
 stage "build asan" tala_configure asan
 # The sanitizers' options and PYTHONMALLOC=malloc (so that LeakSanitizer scans Python objects)
 # come from the test preset.
 stage "test asan" run_ctest asan build-asan
+stage "test asan isolated" run_ctest asan build-asan isolated
 
 # Each fuzz target runs for a bounded number of inputs (tests/fuzz/CMakeLists.txt); its test
 # prints the input it failed on.
@@ -71,6 +79,7 @@ stage "fuzz" run_ctest fuzz build-fuzz
 # The thread and stress tests under ThreadSanitizer (tests/tsan.supp names what is suppressed).
 stage "build tsan" tala_configure tsan
 stage "test tsan" run_ctest tsan build-tsan
+stage "test tsan isolated" run_ctest tsan build-tsan isolated
 
 echo "Time per stage:"
 printf '  %s\n' "${stage_times[@]}"

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "extension/gil.hpp"
+#include "extension/interpreters.hpp"
 #include "language/python_support.hpp"
 #include "pyside/cycles.hpp"
 
@@ -32,7 +33,7 @@ String textOf(PyObject* text) {
 class ExceptionRecord {
 public:
     ExceptionRecord(PyObject* exception, const ExceptionOrigin* origin, String typeName)
-        : exception_(exception), typeName_(std::move(typeName)) {
+        : exception_(exception), owner_(currentInterpreter()), typeName_(std::move(typeName)) {
         Py_IncRef(exception_);
         if (origin != nullptr && origin->program != nullptr) {
             program_ = origin->program;
@@ -43,6 +44,11 @@ public:
     }
     ~ExceptionRecord() {
         if (!Py_IsInitialized() || Py_IsFinalizing()) return;
+        if (owner_ != nullptr) {
+            owner_->release(exception_);
+            if (program_ != nullptr) owner_->release(program_);
+            return;
+        }
         GilGuard gil;
         Py_DecRef(exception_);
         if (program_ != nullptr) Py_DecRef(program_);
@@ -51,10 +57,11 @@ public:
     ExceptionRecord& operator=(const ExceptionRecord&) = delete;
 
     PyObject* exception() const noexcept { return exception_; }
+    Interpreter* owner() const noexcept { return owner_; }
     PyObject* program() const noexcept { return program_; }
 
     String text() {
-        GilGuard gil;
+        GilGuard gil(owner_);
         if (!text_) text_ = format();
         return *text_;
     }
@@ -80,6 +87,7 @@ private:
     }
 
     PyObject* exception_;
+    Interpreter* owner_;  // the exception's interpreter: every use of it happens there
     PyObject* program_ = nullptr;
     String source_;
     bool generatedTop_ = false;
@@ -111,8 +119,9 @@ template <>
 struct tala::BoxedChildren<std::shared_ptr<tala::python::ExceptionRecord>> {
     static void visit(const std::shared_ptr<tala::python::ExceptionRecord>& record, ChildVisitor& visitor) noexcept {
         if (record == nullptr || record.use_count() != 1) return;
-        visitor.foreign(tala::python::pythonHeapTag(), record->exception());
-        if (record->program() != nullptr) visitor.foreign(tala::python::pythonHeapTag(), record->program());
+        const void* heap = tala::python::pythonHeapTag(record->owner());
+        visitor.foreign(heap, record->exception());
+        if (record->program() != nullptr) visitor.foreign(heap, record->program());
     }
 };
 
@@ -192,7 +201,10 @@ void describeCarriedException(const Error& error, PyObject* exception, const Exc
 
 PyObject* originalException(const Error& error) {
     const auto record = recordOf(error);
-    return record != nullptr ? record->exception() : nullptr;
+    if (record == nullptr) return nullptr;
+    // An exception of another interpreter is not raised here again: the error is raised anew.
+    if (interpreterLayout() == InterpreterLayout::Isolated && record->owner() != currentInterpreter()) return nullptr;
+    return record->exception();
 }
 
 }  // namespace tala::python

@@ -10,18 +10,15 @@
 #include "bridge/python_names.hpp"
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
+#include "extension/interpreters.hpp"
 #include "pyside/tala_object.hpp"
 
 namespace tala::python {
 
-namespace {
-
-// The attribute in which an exception carries the host error it was raised for.
-StaticName kTalaAttribute{"tala"};
-
-// Host error class -> Python exception type, one per class for the life of the process. The
-// table owns one reference to each type; `lock` guards the map. Callers hold the interpreter
-// lock before they take `lock` (never the other way round), so the two cannot deadlock.
+// Host error class -> Python exception type, one per class for the life of the interpreter (its
+// InterpreterState holds the table). The table owns one reference to each type; `lock` guards the
+// map. Callers hold the interpreter lock before they take `lock` (never the other way round), so
+// the two cannot deadlock.
 struct ExceptionTypes {
     spinlock lock;
     std::unordered_map<const internal::ClassCell*, PyObject*> types;
@@ -29,8 +26,14 @@ struct ExceptionTypes {
     ExceptionTypes() { types.max_load_factor(1.0f); }
 };
 
+namespace {
+
+// The attribute in which an exception carries the host error it was raised for.
+StaticName kTalaAttribute{"tala"};
+
 ExceptionTypes& exceptionTypes() {
-    static auto* table = new ExceptionTypes();
+    ExceptionTypes*& table = state().exceptionTypes;
+    if (table == nullptr) table = new ExceptionTypes();
     return *table;
 }
 
@@ -172,7 +175,11 @@ PyObject* makeExceptionType(const Class_Generic& errorClass, const std::vector<P
 
 PyObject* exception_type_for(const Class_Generic& errorClass) {
     if (errorClass == StopIteration::getClass()) return PyExc_StopIteration;
-    if (PyObject* pythonType = pythonTypeOfClassView(errorClass)) return pythonType;
+    if (PyObject* pythonType = pythonTypeOfClassView(errorClass)) {
+        // The exception class of another interpreter is no type here: its errors raise as
+        // RuntimeError.
+        return usableHere(errorClass) ? pythonType : PyExc_RuntimeError;
+    }
     if (errorClass == Error::getClass()) return PyExc_RuntimeError;
     GilGuard gil;
     ExceptionTypes& table = exceptionTypes();

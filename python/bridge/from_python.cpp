@@ -8,6 +8,7 @@
 #include "bridge/errors.hpp"
 #include "bridge/module_attribute.hpp"
 #include "extension/gil.hpp"
+#include "extension/interpreters.hpp"
 #include "functions/function_python.hpp"
 #include "proxies/python_proxy.hpp"
 #include "proxies/python_type.hpp"
@@ -17,20 +18,21 @@ namespace tala::python {
 
 namespace {
 
-// Types looked up once per process; separate from the caches of the other direction. A failed
-// look-up stays null and the test it serves never matches.
+// Types looked up once per interpreter; separate from the caches of the other direction. A
+// failed look-up stays null and the test it serves never matches.
 StandardTypes& types() {
-    static StandardTypes cached;
-    return cached;
+    StandardTypes*& cached = state().fromPythonTypes;
+    if (cached == nullptr) cached = new StandardTypes();
+    return *cached;
 }
+
 PyObject* formatException() {
-    static MadeOnce state;
-    static PyObject* function = nullptr;
-    makeOnce(state, [] {
-        function = moduleAttribute("traceback", "format_exception");
-        if (function != nullptr) Py_IncRef(function);  // kept for the life of the process
+    InterpreterState& here = state();
+    return keptHere(here.formatException, here.formatExceptionLooked, [] {
+        PyObject* function = moduleAttribute("traceback", "format_exception");  // borrowed
+        if (function != nullptr) Py_IncRef(function);
+        return function;
     });
-    return function;
 }
 
 String stringFromUnicode(PyObject* text) {

@@ -2,18 +2,19 @@
 #include "bridge/python_names.hpp"
 
 #include <array>
+#include <atomic>
+#include <vector>
 #include <functional>
 
 #include "extension/gil.hpp"
+#include "extension/interpreters.hpp"
 
 namespace tala::python {
 
-namespace {
-
 // A small table keyed by the host string's cell: a slot keeps the host string (so its cell
 // cannot be freed and its address taken by another text) and one reference to the interned
-// Python string. A clash replaces the slot. Read and written under the interpreter lock only;
-// the process-wide instance is never destroyed.
+// Python string. A clash replaces the slot. One per interpreter (its InterpreterState), read and
+// written under its lock only, never destroyed.
 struct NameCache {
     struct Slot {
         String name;
@@ -22,12 +23,27 @@ struct NameCache {
     std::array<Slot, 256> slots;
 };
 
+namespace {
+
 NameCache& nameCache() {
-    static auto* cache = new NameCache();
+    NameCache*& cache = state().nameCache;
+    if (cache == nullptr) cache = new NameCache();
     return *cache;
 }
 
+std::atomic<std::size_t> g_staticNames{0};
+
 }  // namespace
+
+StaticName::StaticName(const char* text) noexcept : text_(text), index_(g_staticNames.fetch_add(1)) {}
+
+PyObject* StaticName::get() {
+    std::vector<PyObject*>& names = state().staticNames;
+    if (names.size() <= index_) names.resize(g_staticNames.load(), nullptr);
+    PyObject*& name = names[index_];
+    if (name == nullptr) name = PyUnicode_InternFromString(text_);
+    return name;
+}
 
 PyObject* pythonName(const String& name) {
     const internal::Cell* cell = name.cell();

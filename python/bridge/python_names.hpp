@@ -3,6 +3,8 @@
 
 #include <Python.h>
 
+#include <cstddef>
+
 #include "tala/tala.hpp"
 
 namespace tala::python {
@@ -13,19 +15,17 @@ namespace tala::python {
 // holds the interpreter lock.
 PyObject* pythonName(const String& name);
 
-// An interned Python string for a fixed name of ours ("__builtins__", "self"), made on first
-// use and kept for the process (borrowed). The caller holds the interpreter lock.
+// An interned Python string for a fixed name of ours ("__builtins__", "self"): one per
+// interpreter, made on first use there and kept (borrowed). Define one as a namespace-scope
+// object; the caller of get() holds the lock of the interpreter it runs in.
 class StaticName {
 public:
-    explicit constexpr StaticName(const char* text) noexcept : text_(text) {}
-    PyObject* get() {
-        if (object_ == nullptr) object_ = PyUnicode_InternFromString(text_);
-        return object_;
-    }
+    explicit StaticName(const char* text) noexcept;
+    PyObject* get();
 
 private:
     const char* text_;
-    PyObject* object_ = nullptr;  // written once under the interpreter lock
+    std::size_t index_;  // its slot in every interpreter's InterpreterState::staticNames
 };
 
 }  // namespace tala::python

@@ -4,6 +4,7 @@
 #include "bridge/errors.hpp"
 #include "bridge/module_attribute.hpp"
 #include "extension/gil.hpp"
+#include "extension/interpreters.hpp"
 #include "proxies/python_proxy.hpp"
 #include "pyside/module_objects.hpp"
 #include "pyside/tala_object.hpp"
@@ -12,12 +13,13 @@ namespace tala::python {
 
 namespace {
 
-// The standard types this direction makes, each looked up once per process (its own caches; the
-// other direction keeps its own). A failed look-up leaves null for good, and the constructor
+// The standard types this direction makes, each looked up once per interpreter (its own caches;
+// the other direction keeps its own). A failed look-up leaves null for good, and the constructor
 // call then fails with an error of its own.
 StandardTypes& types() {
-    static StandardTypes cached;
-    return cached;
+    StandardTypes*& cached = state().toPythonTypes;
+    if (cached == nullptr) cached = new StandardTypes();
+    return *cached;
 }
 
 PyObject* callType(PyObject* type, const char* format, auto... arguments) {
@@ -49,6 +51,9 @@ PyObject* fromString(std::string_view text) {
 // Objects (kind 8): the first test that matches decides.
 PyObject* fromObject(const Any& value) {
     if (PythonProxy::matches(value)) {
+        // An object of another interpreter never goes into this one: here its proxy is a host
+        // object like any other, and each use of it goes back to its interpreter.
+        if (!usableHere(value)) return wrapHostValueLocked(value);
         PyObject* proxied = pythonObjectOfProxy(value);
         if (proxied == nullptr) {
             // A proxy that holds nothing has no Python object to give back; it is not wrapped.
@@ -62,6 +67,7 @@ PyObject* fromObject(const Any& value) {
         case internal::NativeTag::Class: {
             const Class_Generic cls(internal::unchecked, value);
             if (PyObject* type = pythonTypeOfClassView(cls)) {
+                if (!usableHere(value)) return wrapHostValueLocked(value);
                 Py_IncRef(type);
                 return type;
             }

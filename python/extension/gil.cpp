@@ -1,16 +1,22 @@
 // python/extension/gil.cpp: entering Python from host threads, with interpreter thread states kept per thread.
 #include "extension/gil.hpp"
 
+#include "extension/interpreters.hpp"
 #include "extension/stack.hpp"
 
 namespace tala::python {
 
+// Brings an interpreter up to date at the entry of a thread: the releases other threads left
+// for it, the search paths added since (sys_path.cpp).
+void catchUpOnEntry(Interpreter& interpreter) noexcept;
+
 namespace {
 
-// The interpreter thread state this thread made on its first entry, kept until the thread ends
-// so that every later entry only takes the lock: making and dropping a state costs far more
-// than taking the lock. Its count in PyGILState's book-keeping is never given back while the
-// thread lives, so PyGILState_Ensure/Release from other code on this thread nest inside it.
+// The interpreter thread state this thread made on its first entry (shared layout), kept until
+// the thread ends so that every later entry only takes the lock: making and dropping a state
+// costs far more than taking the lock. Its count in PyGILState's book-keeping is never given
+// back while the thread lives, so PyGILState_Ensure/Release from other code on this thread nest
+// inside it.
 struct KeptThreadState {
     PyThreadState* state = nullptr;
 
@@ -27,7 +33,25 @@ TALA_HOT_THREAD_LOCAL KeptThreadState t_kept;
 
 }  // namespace
 
-void GilGuard::enter() noexcept {
+Interpreter* interpreterOfThisThread() noexcept { return currentInterpreter(); }
+
+bool GilGuard::runsIn(PyThreadState* current, Interpreter* target) noexcept {
+    return PyThreadState_GetInterpreter(current) == target->handle();
+}
+
+void GilGuard::enter(Interpreter* target) noexcept {
+    if (interpreterLayout() == InterpreterLayout::Isolated) {
+        // A thread state per thread and interpreter, never PyGILState's book-keeping, which knows
+        // one state per thread.
+        Interpreter& to = target != nullptr ? *target : homeInterpreter();
+        if (PyThreadState_GetUnchecked() != nullptr) previous_ = PyEval_SaveThread();
+        PyThreadState* state = threadStateIn(to);
+        PyEval_RestoreThread(state);
+        fitRecursionToStack(state);
+        catchUpOnEntry(to);
+        mode_ = Mode::Entered;
+        return;
+    }
     if (t_kept.state != nullptr) {
         PyEval_RestoreThread(t_kept.state);
         fitRecursionToStack(t_kept.state);
@@ -50,10 +74,14 @@ void GilGuard::enter() noexcept {
 }
 
 void GilGuard::leave() noexcept {
-    if (mode_ == Mode::Kept) {
-        (void)PyEval_SaveThread();
-    } else {
-        PyGILState_Release(state_);
+    switch (mode_) {
+        case Mode::Entered:
+            (void)PyEval_SaveThread();
+            if (previous_ != nullptr) PyEval_RestoreThread(previous_);
+            break;
+        case Mode::Kept: (void)PyEval_SaveThread(); break;
+        case Mode::Borrowed: PyGILState_Release(state_); break;
+        case Mode::Nested: break;
     }
 }
 

@@ -18,18 +18,31 @@
 
 namespace tala::python {
 
-// Holds the interpreter lock for one scope. Every operation that touches Python makes one first
+class Interpreter;
+
+// Holds an interpreter's lock for one scope. Every operation that touches Python makes one first
 // thing and keeps it to its end; taking the lock nests, so operations never tell each other
 // whether it is held.
 //
-// A guard on a thread that holds the lock already costs one check. The first guard on a host
-// thread that Python has never seen makes the thread's interpreter state and keeps it until the
-// thread ends, so that later entries only take the lock (see gil.cpp).
+// Without an interpreter named, a thread that runs in one stays there (one check), and any other
+// enters its own (its home: the one interpreter of the shared layout, or the one the pool gave
+// it in the isolated layout). Naming the interpreter a Python object belongs to enters that
+// one: a thread that runs in another gives that one's lock up for the scope and takes it back
+// at the end.
+//
+// The first guard on a host thread that Python has never seen makes the thread's interpreter
+// state and keeps it until the thread ends, so that later entries only take the lock (see
+// gil.cpp).
 class GilGuard {
 public:
     GilGuard() noexcept {
-        if (PyThreadState_GetUnchecked() != nullptr) return;  // this thread holds the lock
-        enter();
+        if (PyThreadState_GetUnchecked() != nullptr) return;  // this thread holds a lock
+        enter(nullptr);
+    }
+    explicit GilGuard(Interpreter* target) noexcept {
+        PyThreadState* current = PyThreadState_GetUnchecked();
+        if (current != nullptr && (target == nullptr || runsIn(current, target))) return;
+        enter(target);
     }
     ~GilGuard() {
         if (mode_ != Mode::Nested) leave();
@@ -40,12 +53,14 @@ public:
     GilGuard& operator=(GilGuard&&) = delete;
 
 private:
-    enum class Mode : unsigned char { Nested, Kept, Borrowed };
-    void enter() noexcept;
+    enum class Mode : unsigned char { Nested, Kept, Borrowed, Entered };
+    static bool runsIn(PyThreadState* current, Interpreter* target) noexcept;
+    void enter(Interpreter* target) noexcept;
     void leave() noexcept;
 
     Mode mode_ = Mode::Nested;
-    PyGILState_STATE state_{};  // for a thread whose interpreter state someone else made
+    PyGILState_STATE state_{};          // for a thread whose interpreter state someone else made
+    PyThreadState* previous_ = nullptr;  // the state this thread left to enter another interpreter
 };
 
 // A reference that someone else owns, valid while they keep it. Marks in a signature that the
@@ -130,22 +145,28 @@ std::unique_lock<Lock> lockReleasingGil(Lock& lock) {
     return held;
 }
 
-// The state of a process-wide value made once (see makeOnce).
+// The interpreter of ours the calling thread runs in, or null (interpreters.hpp).
+Interpreter* interpreterOfThisThread() noexcept;
+
+// The state of a value made once (see makeOnce).
 struct MadeOnce {
     std::atomic<bool> made{false};
     std::once_flag once;
 };
 
-// Runs `make` once per process, under the interpreter lock, from whichever thread asks first.
+// Runs `make` once for `state` (once per process, or once per interpreter for a state that its
+// InterpreterState keeps), under the lock of the interpreter the caller runs in (or its home),
+// from whichever thread asks first.
 // The maker may give the lock up meanwhile (an import reads files; Python code yields to other
 // threads), so a thread that must wait for it lets go of the lock while it waits, or the maker
 // could never take the lock back. Callers may hold the lock or not.
 template <class Make>
 void makeOnce(MadeOnce& state, Make&& make) {
     if (state.made.load(std::memory_order_acquire)) return;
+    Interpreter* here = interpreterOfThisThread();  // made there, whatever the waiting takes
     const GilReleased released;
     std::call_once(state.once, [&] {
-        GilGuard gil;
+        GilGuard gil(here);
         make();
         state.made.store(true, std::memory_order_release);
     });

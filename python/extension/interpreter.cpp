@@ -13,10 +13,16 @@
 #endif
 
 #include "extension/gil.hpp"
+#include "extension/interpreters.hpp"
+#include "extension/logging_bridge.hpp"
 #include "language/python_support.hpp"
 #include "extension/sys_path.hpp"
 #include "language/host_module_import.hpp"
+#include "language/evaluate.hpp"
 #include "language/language_python.hpp"
+
+// Takes the interpreters other than the main one out of CPython's list (fork_child.c).
+extern "C" void tala_python_keep_only_the_main_interpreter(void);
 
 namespace tala::python {
 
@@ -81,28 +87,53 @@ void nameInstallationProgram() {
 // exist there. Around a fork made by a host thread, the forking thread takes the lock and lets
 // Python prepare and repair its state, as os.fork() does. A fork made from Python code (os.fork,
 // where this thread holds the lock and Python has prepared already) is left to Python.
+//
+// In the isolated layout the fork is prepared in the main interpreter, under this thread's own
+// state there. The child keeps only the main interpreter, whichever way it was forked: the others
+// leave CPython's list before its repair (fork_child.c) and are forgotten here (interpreters.cpp).
 thread_local bool t_forkPrepared = false;
 thread_local PyGILState_STATE t_forkState{};
 
+bool isolated() { return interpreterLayout() == InterpreterLayout::Isolated; }
+
 void beforeFork() {
-    if (!Py_IsInitialized() || PyThreadState_GetUnchecked() != nullptr) return;
-    t_forkState = PyGILState_Ensure();
+    if (!Py_IsInitialized() || PyThreadState_GetUnchecked() != nullptr || mainInterpreter() == nullptr) return;
+    if (isolated()) {
+        PyEval_RestoreThread(threadStateIn(*mainInterpreter()));
+    } else {
+        t_forkState = PyGILState_Ensure();
+    }
     PyOS_BeforeFork();
     t_forkPrepared = true;
+}
+
+void releaseAfterFork() {
+    if (isolated()) {
+        (void)PyEval_SaveThread();
+    } else {
+        PyGILState_Release(t_forkState);
+    }
 }
 
 void afterForkInParent() {
     if (!t_forkPrepared) return;
     t_forkPrepared = false;
     PyOS_AfterFork_Parent();
-    PyGILState_Release(t_forkState);
+    releaseAfterFork();
 }
 
 void afterForkInChild() {
+    if (isolated() && mainInterpreter() != nullptr) {
+        // Before CPython's repair of the child: here for a fork by a host thread, and for os.fork()
+        // from Python code, which repairs the child after these handlers have run.
+        tala_python_keep_only_the_main_interpreter();
+        forgetInterpretersAfterFork();
+    }
     if (!t_forkPrepared) return;
     t_forkPrepared = false;
     PyOS_AfterFork_Child();
-    PyGILState_Release(t_forkState);
+    if (!isolated()) forgetInterpretersAfterFork();
+    releaseAfterFork();
 }
 #endif
 
@@ -113,6 +144,26 @@ void installHelpForHostValues() {
     PyObjectPtr done = install != nullptr ? PyObjectPtr::steal(PyObject_CallNoArgs(install)) : PyObjectPtr();
     if (!done) PyErr_Clear();
 }
+
+}  // namespace
+
+// What every interpreter gets when it starts, run with its lock held: the main one by
+// ensurePythonInitialized below, the isolated ones when the pool makes them.
+void prepareInterpreter(Interpreter& interpreter) {
+    nameInstallationProgram();
+    if (interpreter.isMain()) return;  // the rest follows in ensurePythonInitialized
+    applySearchPaths(interpreter);
+    installHelpForHostValues();
+    installHostModuleImportHere();
+    installLoggingBridgeHere();
+    // An evaluation and a code block, run once here: what the first ones import and make in an
+    // interpreter is then made already, before an evaluation can be stopped while it does so.
+    (void)evaluate_expr(String("None"), None(), None());
+    (void)evaluate(String("pass"), None(), None(), None());
+    PyErr_Clear();
+}
+
+namespace {
 
 void installForkHandlers() {
 #if !defined(_WIN32)
@@ -127,7 +178,8 @@ bool ensurePythonInitialized() {
         exposeInterpreterSymbols();
         Py_InitializeEx(0);  // no signal handlers: the host owns the process's signals
         g_starts.fetch_add(1, std::memory_order_relaxed);
-        nameInstallationProgram();
+        adoptMainInterpreter(true);
+        prepareInterpreter(*mainInterpreter());
         installForkHandlers();
         for (const String& path : pendingSysPaths()) (void)python_add_sys_path(path);
         // From here on no thread holds the lock between calls: this thread gives it up for
@@ -137,6 +189,8 @@ bool ensurePythonInitialized() {
         describeLanguage();
         installHelpForHostValues();
     }
+    // Someone else's interpreter is used as it is: shared by every thread.
+    adoptMainInterpreter(false);
     // The language class exists whenever the interpreter does, also when someone else started it;
     // so does `import` of the host's modules.
     (void)LanguagePython::getClass();

@@ -25,6 +25,10 @@ root.addHandler(TalaLogHandler())
 
 void installLoggingBridge() {
     (void)ensurePythonOnce();
+    installLoggingBridgeHere();
+}
+
+void installLoggingBridgeHere() {
     // An error here is neither reported nor logged: there is nowhere to log it to.
     (void)evaluate(String(kLoggingProgram), None(), None(), None());
 }

@@ -8,5 +8,7 @@ extern const char* const kLoggingProgram;
 // Starts the interpreter (this is where it normally starts) and installs the handler that
 // routes Python's logging records into the host logger.
 void installLoggingBridge();
+// Installs the handler in the interpreter the calling thread runs in (a new isolated one).
+void installLoggingBridgeHere();
 
 }  // namespace tala::python

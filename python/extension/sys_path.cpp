@@ -2,10 +2,12 @@
 #include "extension/sys_path.hpp"
 
 #include <filesystem>
+#include <atomic>
 #include <mutex>
 
 #include "bridge/errors.hpp"
 #include "extension/gil.hpp"
+#include "extension/interpreters.hpp"
 
 namespace tala::python {
 
@@ -35,16 +37,23 @@ void registerArchives(const std::string& directory) {
     }
 }
 
-}  // namespace
 
-Union<None, Lazy<None>, Error> python_add_sys_path(const String& path) {
-    if (!Py_IsInitialized()) {
-        PendingPaths& queued = pending();
-        std::lock_guard lock(queued.mutex);
-        queued.paths.append(path);
-        return None();
-    }
-    GilGuard gil;
+// Every path added once the interpreter runs, in order, for the interpreters made later and for
+// those that have not entered since (isolated layout). `version` counts the additions; each
+// interpreter notes the version its sys.path has. Guarded by `mutex`; never destroyed.
+struct AddedPaths {
+    std::mutex mutex;
+    std::vector<String> paths;
+    std::atomic<std::uint64_t> version{0};
+};
+
+AddedPaths& added() {
+    static auto* instance = new AddedPaths();
+    return *instance;
+}
+
+// Appends `path` to the running interpreter's sys.path unless it is there: None, or an error.
+Union<None, Lazy<None>, Error> appendToSysPath(const String& path) {
     PyObjectPtr sys = PyObjectPtr::steal(PyImport_ImportModule("sys"));
     if (!sys) return fetch_python_error_or("Unable to import the module sys.");
     PyObjectPtr sysPath = PyObjectPtr::steal(PyObject_GetAttrString(sys.get(), "path"));
@@ -61,6 +70,50 @@ Union<None, Lazy<None>, Error> python_add_sys_path(const String& path) {
         return fetch_python_error_or("Unable to read sys.path.");
     }
     return None();
+}
+
+}  // namespace
+
+Union<None, Lazy<None>, Error> python_add_sys_path(const String& path) {
+    if (!Py_IsInitialized()) {
+        PendingPaths& queued = pending();
+        std::lock_guard lock(queued.mutex);
+        queued.paths.append(path);
+        return None();
+    }
+    if (interpreterLayout() == InterpreterLayout::Isolated) {
+        // Every interpreter gets it: the running one now, the others when a thread next enters
+        // them, and those made later when they start.
+        AddedPaths& all = added();
+        std::lock_guard lock(all.mutex);
+        all.paths.push_back(path);
+        all.version.fetch_add(1, std::memory_order_release);
+    }
+    GilGuard gil;
+    return appendToSysPath(path);
+}
+
+void applySearchPaths(Interpreter& interpreter) {
+    AddedPaths& all = added();
+    const std::uint64_t version = all.version.load(std::memory_order_acquire);
+    if (interpreter.searchPathsVersion == version) return;
+    std::vector<String> paths;
+    {
+        std::lock_guard lock(all.mutex);
+        paths = all.paths;
+        interpreter.searchPathsVersion = all.version.load(std::memory_order_relaxed);
+    }
+    if (!interpreter.isMain()) {
+        // A new interpreter starts with the paths queued before Python ran, as the main one did.
+        for (const String& path : pendingSysPaths()) (void)appendToSysPath(path);
+    }
+    for (const String& path : paths) (void)appendToSysPath(path);
+    PyErr_Clear();
+}
+
+void catchUpOnEntry(Interpreter& interpreter) noexcept {
+    interpreter.drainReleases();
+    if (interpreter.searchPathsVersion != added().version.load(std::memory_order_acquire)) applySearchPaths(interpreter);
 }
 
 std::vector<String> pendingSysPaths() {

@@ -10,6 +10,7 @@
 #include "bridge/from_python.hpp"
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
+#include "extension/interpreters.hpp"
 #include "extension/interpreter.hpp"
 #include "extension/stack.hpp"
 #include "language/interruption.hpp"
@@ -60,11 +61,19 @@ private:
 
 class FunctionPythonCell final : public internal::FunctionCell {
 public:
-    explicit FunctionPythonCell(PyObject* callable) : FunctionCell(functionPythonClass().cell()), callable_(callable) {
+    // Made under the lock of the callable's interpreter, whose object it is from then on: every
+    // use enters that interpreter, and the reference is given back there.
+    explicit FunctionPythonCell(PyObject* callable)
+        : FunctionCell(functionPythonClass().cell()), callable_(callable), owner_(python::currentInterpreter()) {
         Py_IncRef(callable_);
+        markForeignRuntime(owner_);
     }
     ~FunctionPythonCell() override {
-        GilGuard gil;
+        if (owner_ != nullptr) {
+            owner_->release(callable_);
+            return;
+        }
+        GilGuard gil(owner_);
         Py_DecRef(callable_);
     }
 
@@ -73,12 +82,12 @@ public:
     // The callable is this function's own reference, for Python's cycle collector.
     void visitChildren(ChildVisitor& visitor) const noexcept override {
         FunctionCell::visitChildren(visitor);
-        visitor.foreign(python::pythonHeapTag(), callable_);
+        visitor.foreign(python::pythonHeapTag(owner_), callable_);
     }
 
     Any call(std::span<const Any> arguments) const override {
         if (auto shortage = python::stackShortage()) return *shortage;
-        GilGuard gil;
+        GilGuard gil(owner_);
         python::EvaluationScope evaluation;
         // The arguments go by the vectorcall protocol, from the stack for the usual few: no
         // argument tuple is made. The slot in front of them lets a bound method put its receiver.
@@ -112,7 +121,7 @@ public:
     FunctionKind functionKind() const override { return FunctionKind::Foreign; }
 
     List<Any> defaults() const {
-        GilGuard gil;
+        GilGuard gil(owner_);
         List<Any> values;
         PyObjectPtr tuple = PyObjectPtr::steal(PyObject_GetAttrString(callable_, "__defaults__"));
         if (!tuple || !PyTuple_Check(tuple.get())) {
@@ -127,7 +136,7 @@ public:
     }
 
     Any setDefaults(const Any& sequence) const {
-        GilGuard gil;
+        GilGuard gil(owner_);
         std::vector<Any> items;
         if (auto list = List_Generic::cast(sequence)) {
             items.assign(list->begin(), list->end());
@@ -158,7 +167,7 @@ public:
 
 private:
     String textAttribute(const char* name) const {
-        GilGuard gil;
+        GilGuard gil(owner_);
         PyObjectPtr value = PyObjectPtr::steal(PyObject_GetAttrString(callable_, name));
         Any converted = python::from_python(value.get());
         PyErr_Clear();
@@ -177,7 +186,7 @@ private:
     }
 
     Any readSignature() const {
-        GilGuard gil;
+        GilGuard gil(owner_);
         PyObjectPtr inspect = PyObjectPtr::steal(PyImport_ImportModule("inspect"));
         PyObjectPtr signatureFunction = inspect ? PyObjectPtr::steal(PyObject_GetAttrString(inspect.get(), "signature")) : PyObjectPtr();
         if (!signatureFunction) {
@@ -209,6 +218,7 @@ private:
     }
 
     PyObject* callable_;
+    python::Interpreter* owner_;
     mutable MadeOnce signatureOnce_;
     mutable Any signature_;
 };

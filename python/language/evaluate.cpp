@@ -8,6 +8,7 @@
 #include "bridge/python_names.hpp"
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
+#include "extension/interpreters.hpp"
 #include "extension/interpreter.hpp"
 #include "extension/stack.hpp"
 #include "language/interruption.hpp"
@@ -146,22 +147,21 @@ PyMethodDef g_storeLocal{"tala_store_local", fastCallFunction(storeLocalFunction
 PyMethodDef g_storeResult{"tala_store_result", fastCallFunction(storeResultFunction), METH_FASTCALL,
                           "Keeps the result of the running evaluation for the host."};
 
-// The locals every code evaluation starts from: the two callables, made once and kept for the
-// process; each evaluation takes a copy.
+// The locals every code evaluation starts from: the two callables, made once per interpreter and
+// kept; each evaluation takes a copy.
 PyObject* codeLocalsTemplate() {
-    static MadeOnce made;
-    static PyObject* locals = nullptr;
-    makeOnce(made, [] {
+    InterpreterState& here = state();
+    return keptHere(here.codeLocals, here.codeLocalsTried, [] {
         PyObjectPtr dictionary = PyObjectPtr::steal(PyDict_New());
         PyObjectPtr local = PyObjectPtr::steal(PyCFunction_New(&g_storeLocal, nullptr));
         PyObjectPtr result = PyObjectPtr::steal(PyCFunction_New(&g_storeResult, nullptr));
         if (dictionary && local && result && PyDict_SetItemString(dictionary.get(), "tala_store_local", local.get()) == 0 &&
             PyDict_SetItemString(dictionary.get(), "tala_store_result", result.get()) == 0) {
-            locals = dictionary.release();
+            return dictionary.release();
         }
         PyErr_Clear();
+        return static_cast<PyObject*>(nullptr);
     });
-    return locals;
 }
 
 PyObjectPtr codeLocals() {

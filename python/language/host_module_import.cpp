@@ -108,4 +108,8 @@ void installHostModuleImport() {
     if (!install()) PyErr_Clear();
 }
 
+void installHostModuleImportHere() {
+    if (!install()) PyErr_Clear();
+}
+
 }  // namespace tala::python

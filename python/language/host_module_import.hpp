@@ -14,5 +14,8 @@ namespace tala::python {
 // back as it is, as for a built-in module. Takes the interpreter lock itself; a failure leaves
 // `import` as it was and is not reported (there is nowhere to report it at start-up).
 void installHostModuleImport();
+// The same for the interpreter the calling thread runs in (a new isolated one), whose lock it
+// holds.
+void installHostModuleImportHere();
 
 }  // namespace tala::python

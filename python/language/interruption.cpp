@@ -1,11 +1,15 @@
 // python/language/interruption.cpp: stopping an evaluation that runs on another host thread.
 #include "language/interruption.hpp"
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <unordered_map>
+#include <vector>
 
 #include "extension/gil.hpp"
+#include "extension/interpreters.hpp"
 #include "language/interrupt_signal.hpp"
 #include "tala/cancellation.hpp"
 
@@ -15,18 +19,26 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// What the interrupting side knows of one thread. Everything but the identifiers is read and
-// written under the interpreter lock only; the record is listed in the registry while its
-// thread lives.
+// What the interrupting side knows of one thread; listed in the registry while its thread lives.
+// The thread writes `depth`, `raised` and `first` (under the lock of the interpreter it runs
+// in); the interrupting thread writes `interrupted` and `graceEnds`. `lists` guards the two
+// lists and is taken by the thread and the interrupting one (which holds the registry's mutex):
+// it is the thread's own, so an evaluation never waits on a lock of the whole process.
 struct ThreadRecord {
     unsigned long threadId = PyThread_get_thread_ident();
     std::uint64_t blockingKey = current_thread_key();  // for stopping its blocking host calls
-    int depth = 0;                  // evaluations running on the thread, nested
-    bool prepared = false;          // its first evaluation has run prepareInterruptSignal
-    bool interrupted = false;       // the running evaluation was told to stop
-    bool raised = false;            // ... and the interruption was raised in it
-    Clock::time_point graceEnds{};  // from then on it is raised again at every jump
-    PyObjectPtr first;              // the exception first raised, kept to the end (null between evaluations)
+    std::atomic<int> depth{0};                          // evaluations running on the thread, nested
+    bool prepared = false;                              // its first evaluation has run prepareInterruptSignal
+    std::atomic<bool> interrupted{false};               // the running evaluation was told to stop
+    bool raised = false;                                // ... and the interruption was raised in it
+    std::atomic<Clock::rep> graceEnds{0};               // from then on it is raised again at every jump
+    PyObjectPtr first;  // the exception first raised, kept to the end (null between evaluations)
+    // The interpreter of each running evaluation, outermost first (one thread may evaluate in
+    // several: a call into a proxy of another interpreter's object), and those in which the
+    // interruption switched monitoring on.
+    spinlock lists;
+    std::vector<Interpreter*> evaluating;
+    std::vector<Interpreter*> monitored;
 };
 
 // Thread identifier -> its record. `mutex` guards the map; the process-wide instance is never
@@ -67,7 +79,12 @@ TALA_HOT_THREAD_LOCAL OwnRecord t_record;
 ThreadRecord* interruptedHere() {
     if (!t_record.listed) return nullptr;
     ThreadRecord& record = t_record.record;
-    return record.depth > 0 && record.interrupted ? &record : nullptr;
+    return record.depth.load(std::memory_order_relaxed) > 0 && record.interrupted.load(std::memory_order_acquire) ? &record
+                                                                                                                  : nullptr;
+}
+
+bool inGracePeriod(const ThreadRecord& record) {
+    return Clock::now().time_since_epoch().count() < record.graceEnds.load(std::memory_order_acquire);
 }
 
 // Raises the interruption; the first one is kept as the evaluation's own.
@@ -102,7 +119,7 @@ private:
 // the first time, and again at every such point once the grace period is over.
 PyObject* raiseIfDue(PyObject*, PyObject* const*, Py_ssize_t) {
     ThreadRecord* record = interruptedHere();
-    if (record == nullptr || (record->raised && Clock::now() < record->graceEnds)) Py_RETURN_NONE;
+    if (record == nullptr || (record->raised && inGracePeriod(*record))) Py_RETURN_NONE;
     raiseIn(*record);
     return nullptr;
 }
@@ -115,12 +132,27 @@ PyMethodDef g_signalHandler{"tala_interruption_signal", fastCallFunction(raiseIf
 // ---- Monitoring ----------------------------------------------------------------------------
 //
 // A monitoring callback on jumps and function starts raises the interruption in Python code. It
-// is only switched on while some interruption is pending, so evaluations pay nothing for it
-// otherwise. All of this runs under the interpreter lock.
+// is only switched on, in an interpreter, while some interruption of an evaluation running there
+// is pending, so evaluations pay nothing for it otherwise. All of this runs under the lock of the
+// interpreter concerned.
 
-int g_pendingInterruptions = 0;
-int g_monitoringTool = -1;  // the sys.monitoring tool id we hold, or -1
-long g_eventMask = 0;       // the events its callback is registered for
+}  // namespace
+
+// The monitoring of one interpreter (its InterpreterState): the sys.monitoring tool id we hold
+// there (or -1), the events its callback is registered for, and the interruptions pending.
+struct MonitoringState {
+    int pending = 0;
+    int tool = -1;
+    long eventMask = 0;
+};
+
+namespace {
+
+MonitoringState& monitoringHere() {
+    MonitoringState*& here = state().monitoring;
+    if (here == nullptr) here = new MonitoringState();
+    return *here;
+}
 
 PyObjectPtr monitoring() {
     PyObjectPtr sys = PyObjectPtr::steal(PyImport_ImportModule("sys"));
@@ -129,9 +161,9 @@ PyObjectPtr monitoring() {
 
 // Takes a free tool id (debuggers, coverage and profilers keep theirs) and registers the
 // callback for the events it watches, whose mask it keeps; the tool stays ours for the life of
-// the process.
-bool claimTool(PyObject* monitoringModule) {
-    if (g_monitoringTool >= 0) return true;
+// the interpreter.
+bool claimTool(MonitoringState& here, PyObject* monitoringModule) {
+    if (here.tool >= 0) return true;
     PyObjectPtr callback = PyObjectPtr::steal(PyCFunction_New(&g_monitoringCallback, nullptr));
     PyObjectPtr events = PyObjectPtr::steal(PyObject_GetAttrString(monitoringModule, "events"));
     if (!callback || !events) return false;
@@ -146,21 +178,29 @@ bool claimTool(PyObject* monitoringModule) {
             PyObjectPtr done = event ? PyObjectPtr::steal(PyObject_CallMethod(monitoringModule, "register_callback", "iOO", tool,
                                                                               event.get(), callback.get()))
                                      : PyObjectPtr();
-            if (done) g_eventMask |= PyLong_AsLong(event.get());
+            if (done) here.eventMask |= PyLong_AsLong(event.get());
             PyErr_Clear();
         }
-        g_monitoringTool = tool;
+        here.tool = tool;
         return true;
     }
     return false;
 }
 
-void switchMonitoring(bool on) {
+void switchMonitoring(MonitoringState& here, bool on) {
     const PendingExceptionKept kept;
     PyObjectPtr module = monitoring();
-    if (module && claimTool(module.get())) {
-        PyObjectPtr done = PyObjectPtr::steal(PyObject_CallMethod(module.get(), "set_events", "il", g_monitoringTool, on ? g_eventMask : 0L));
+    if (module && claimTool(here, module.get())) {
+        PyObjectPtr done = PyObjectPtr::steal(PyObject_CallMethod(module.get(), "set_events", "il", here.tool, on ? here.eventMask : 0L));
     }
+}
+
+// One more (or one less) interruption pending in the interpreter the caller runs in.
+void countPendingHere(int change) {
+    MonitoringState& here = monitoringHere();
+    const bool wasOn = here.pending > 0;
+    here.pending += change;
+    if (wasOn != (here.pending > 0)) switchMonitoring(here, here.pending > 0);
 }
 
 // ---- The exception type -------------------------------------------------------------------
@@ -196,23 +236,36 @@ PyObject* makeInterruptedType() {
 
 EvaluationScope::EvaluationScope() noexcept {
     ThreadRecord& record = t_record.get();
-    ++record.depth;
+    // Prepared before the evaluation can be stopped: the preparation may import (the first time
+    // in an interpreter), and an interruption raised inside an import made here would be lost.
     if (!record.prepared) {
         record.prepared = true;
         const PendingExceptionKept kept;
         prepareInterruptSignal(&g_signalHandler);
     }
+    std::lock_guard lock(record.lists);
+    record.evaluating.push_back(currentInterpreter());
+    record.depth.fetch_add(1, std::memory_order_relaxed);
 }
 
 EvaluationScope::~EvaluationScope() {
     ThreadRecord& record = t_record.record;
-    if (--record.depth > 0 || !record.interrupted) return;
-    // The evaluation ended: what was meant to stop it must not stop anything later.
-    record.interrupted = false;
+    std::vector<Interpreter*> monitored;
+    {
+        std::lock_guard lock(record.lists);
+        record.evaluating.pop_back();
+        if (record.depth.fetch_sub(1, std::memory_order_relaxed) > 1 || !record.interrupted.load()) return;
+        // The evaluation ended: what was meant to stop it must not stop anything later.
+        record.interrupted.store(false, std::memory_order_release);
+        monitored.swap(record.monitored);
+    }
     record.raised = false;
     record.first.reset();
     stopInterruptSignal();
-    if (--g_pendingInterruptions == 0) switchMonitoring(false);
+    for (Interpreter* interpreter : monitored) {
+        GilGuard gil(interpreter);
+        countPendingHere(-1);
+    }
 }
 
 bool EvaluationScope::endsInterrupted() noexcept {
@@ -231,40 +284,52 @@ bool EvaluationScope::endsInterrupted() noexcept {
 std::int64_t currentThreadId() noexcept { return static_cast<std::int64_t>(PyThread_get_thread_ident()); }
 
 PyObject* interruptedType() {
-    static MadeOnce state;
-    static PyObject* type = nullptr;
-    makeOnce(state, [] {
-        type = makeInterruptedType();  // kept for the life of the process
-        if (type == nullptr) {
-            PyErr_Clear();
-            type = PyExc_KeyboardInterrupt;
-        }
+    InterpreterState& here = state();
+    PyObject* type = keptHere(here.interruptedType, here.interruptedTypeTried, [] {
+        PyObject* made = makeInterruptedType();  // kept for the life of the interpreter
+        if (made == nullptr) PyErr_Clear();
+        return made;
     });
-    return type;
+    return type != nullptr ? type : PyExc_KeyboardInterrupt;
 }
 
 bool interruptEvaluation(std::int64_t threadId, double graceSeconds) {
     if (!Py_IsInitialized()) return false;
-    GilGuard gil;  // evaluations start and end under the lock: none can end half-way through this
-    (void)interruptedType();  // made before any record is marked: making it may let go of the lock
     std::uint64_t blockingKey = 0;
-    bool first = false;
+    std::vector<Interpreter*> toMonitor;
     {
         std::lock_guard lock(registry().mutex);
         auto found = registry().threads.find(static_cast<unsigned long>(threadId));
-        if (found == registry().threads.end() || found->second->depth == 0) return false;
+        if (found == registry().threads.end()) return false;
         ThreadRecord& record = *found->second;
+        // The thread starts and ends its evaluations under the same lock: none ends half-way
+        // through this.
+        std::lock_guard lists(record.lists);
+        if (record.depth.load() == 0) return false;
         const auto now = Clock::now();
-        first = !record.interrupted;
-        if (first) {
-            record.interrupted = true;
-            record.graceEnds = now + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(graceSeconds));
+        if (!record.interrupted.load()) {
+            record.graceEnds.store(
+                (now + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(graceSeconds))).time_since_epoch().count(),
+                std::memory_order_release);
+            record.interrupted.store(true, std::memory_order_release);
         } else {
-            record.graceEnds = now;  // asked again: no more grace
+            record.graceEnds.store(now.time_since_epoch().count(), std::memory_order_release);  // asked again: no more grace
+        }
+        // Monitoring goes on in every interpreter the thread evaluates in (a thread may be
+        // inside a call into another interpreter's object), once each.
+        for (Interpreter* interpreter : record.evaluating) {
+            if (interpreter == nullptr) continue;  // an interpreter of Python code's own: not ours to watch
+            if (std::find(record.monitored.begin(), record.monitored.end(), interpreter) != record.monitored.end()) continue;
+            record.monitored.push_back(interpreter);
+            toMonitor.push_back(interpreter);
         }
         blockingKey = record.blockingKey;
     }
-    if (first && g_pendingInterruptions++ == 0) switchMonitoring(true);
+    for (Interpreter* interpreter : toMonitor) {
+        GilGuard gil(interpreter);
+        (void)interruptedType();  // made before the interruption can need it
+        countPendingHere(+1);
+    }
     // A blocking host call is asked to stop; a wait of Python's own is ended by the signal
     // where one can reach it.
     if (cancel_blocking_call(blockingKey) != CancelOutcome::Cancelled) (void)sendInterruptSignal(threadId);

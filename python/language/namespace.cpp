@@ -3,6 +3,7 @@
 
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
+#include "extension/interpreters.hpp"
 #include "tala/tala.hpp"
 
 namespace tala::python {
@@ -41,18 +42,20 @@ PyObject* buildHostNamespace() {
 
 namespace tala::python {
 
-namespace {
-
-// The template of evaluation globals and the module generation it was built from. Read and
-// replaced only under the interpreter lock; the template itself is never handed out.
+// The template of evaluation globals and the module generation it was built from, one per
+// interpreter (its InterpreterState). Read and replaced only under its lock; the template itself
+// is never handed out.
 struct GlobalsTemplate {
     PyObject* dictionary = nullptr;
     std::uint64_t generation = 0;
 };
 
+namespace {
+
 GlobalsTemplate& globalsTemplate() {
-    static auto* instance = new GlobalsTemplate();
-    return *instance;
+    GlobalsTemplate*& cached = state().globalsTemplate;
+    if (cached == nullptr) cached = new GlobalsTemplate();
+    return *cached;
 }
 
 PyObjectPtr buildTemplate() {

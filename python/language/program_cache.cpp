@@ -7,6 +7,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "extension/interpreters.hpp"
 #include "language/python_support.hpp"
 
 namespace tala::python {
@@ -29,6 +30,11 @@ std::string_view joinedNames(std::span<const String> names) {
     }
     return joined;
 }
+
+}  // namespace
+
+// The parts of a cache entry, named for the cache of each interpreter.
+namespace programs {
 
 struct Key {
     ProgramKind kind;
@@ -67,10 +73,17 @@ struct Entry {
     std::size_t bytes() const { return text.size() + names.size() + filename.size(); }
 };
 
-// The cache. Everything here is read and changed by the thread that holds the interpreter lock,
-// and never across a Python call (compiling runs Python code, which may let other threads in).
-// Entries are kept for ever in the process-wide instance, which is never destroyed.
-struct Cache {
+}  // namespace programs
+
+// The cache of one interpreter (its InterpreterState). Everything here is read and changed by the
+// thread that holds that interpreter's lock, and never across a Python call (compiling runs Python
+// code, which may let other threads in). Entries are kept while they fit; the cache is never
+// destroyed.
+struct ProgramCache {
+    using Key = programs::Key;
+    using KeyHash = programs::KeyHash;
+    using Entry = programs::Entry;
+
     std::list<Entry> entries;  // most recently used first
     std::unordered_map<Key, std::list<Entry>::iterator, KeyHash> index;
     std::size_t bytes = 0;
@@ -103,9 +116,12 @@ struct Cache {
     }
 };
 
-Cache& cache() {
-    static auto* instance = new Cache();
-    return *instance;
+namespace {
+
+ProgramCache& cache() {
+    ProgramCache*& programs = state().programs;
+    if (programs == nullptr) programs = new ProgramCache();
+    return *programs;
 }
 
 // A compile error carries the frames of whatever compiled: they are nobody's code.
@@ -156,7 +172,7 @@ PyObjectPtr compile(ProgramKind kind, std::string_view text, std::span<const Str
 PyObjectPtr compiledProgram(ProgramKind kind, std::string_view text, std::span<const String> outNames,
                             std::string_view filename) {
     const std::string_view names = outNames.empty() ? std::string_view() : joinedNames(outNames);
-    const Key key(kind, text, names, filename);
+    const programs::Key key(kind, text, names, filename);
     if (PyObject* code = cache().find(key)) return PyObjectPtr::borrow(code);
     // Compiling runs Python code, which may evaluate again on this thread (a gc callback, a
     // __del__) and so reuse the thread's buffer of joined names: the key keeps a copy of its own.
@@ -164,7 +180,7 @@ PyObjectPtr compiledProgram(ProgramKind kind, std::string_view text, std::span<c
     PyObjectPtr code = compile(kind, text, outNames, filename);
     if (!code) return code;
     ++cache().compilations;
-    cache().insert(Key(kind, text, ownNames, filename), code.get());
+    cache().insert(programs::Key(kind, text, ownNames, filename), code.get());
     return code;
 }
 

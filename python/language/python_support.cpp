@@ -2,6 +2,7 @@
 #include "language/python_support.hpp"
 
 #include "extension/gil.hpp"
+#include "extension/interpreters.hpp"
 #include "pyside/documentation.hpp"
 
 namespace tala::python {
@@ -281,10 +282,10 @@ def format_exception(exception, program, source, generated_top):
     return ''.join(summary.format())
 )PY";
 
+// The namespace of the helpers, made once per interpreter and kept.
 PyObject* supportNamespace() {
-    static MadeOnce state;
-    static PyObject* namespace_ = nullptr;
-    makeOnce(state, [] {
+    InterpreterState& here = state();
+    return keptHere(here.supportNamespace, here.supportLooked, []() -> PyObject* {
         PyObjectPtr globals = PyObjectPtr::steal(PyDict_New());
         PyObjectPtr name = PyObjectPtr::steal(PyUnicode_FromString("tala_python_support"));
         PyObjectPtr describe = PyObjectPtr::steal(PyCFunction_New(describeHostValueFunction(), nullptr));
@@ -295,17 +296,16 @@ PyObject* supportNamespace() {
             PyDict_SetItemString(globals.get(), "describe_host_value", describe.get()) < 0 ||
             PyDict_SetItemString(globals.get(), "is_host_value", isHost.get()) < 0) {
             PyErr_Clear();
-            return;
+            return nullptr;
         }
         PyObjectPtr code = PyObjectPtr::steal(Py_CompileString(kSupportProgram, "<tala python support>", Py_file_input));
         PyObjectPtr ran = code ? PyObjectPtr::steal(PyEval_EvalCode(code.get(), globals.get(), globals.get())) : PyObjectPtr();
         if (!ran) {
             PyErr_Clear();
-            return;
+            return nullptr;
         }
-        namespace_ = globals.release();  // kept for the life of the process
+        return globals.release();
     });
-    return namespace_;
 }
 
 }  // namespace

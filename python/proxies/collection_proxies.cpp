@@ -3,6 +3,7 @@
 #include "bridge/from_python.hpp"
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
+#include "extension/interpreters.hpp"
 #include "proxies/python_proxy.hpp"
 
 namespace tala::python {
@@ -29,7 +30,7 @@ Union<None, Lazy<None>, Error> nothing(const Any& result) {
 
 // keys() / values() of a mapping, as a host list.
 Union<List<Any>, Lazy<List<Any>>, Error> listOf(const Any& self, const char* method) {
-    GilGuard gil;
+    GilGuard gil(ownerOf(self));
     PyObject* object = pyobjectOf(self);
     if (object == nullptr) return Error(String("The object is null."));
     PyObjectPtr view = PyObjectPtr::steal(PyObject_CallMethod(object, method, nullptr));
@@ -89,14 +90,14 @@ Any valueOfDict(PyObject* dictionary, const Any& key, const std::optional<Any>& 
 
 // len() and `in` of an exact container; an error for anything else is the caller's to handle.
 Union<Integer, Lazy<Integer>, Error> lengthOf(const Any& self) {
-    GilGuard gil;
+    GilGuard gil(ownerOf(self));
     PyObject* object = pyobjectOf(self);
     if (object == nullptr || !isExactContainer(object)) return typed<Integer>(call(self, "__len__"), "an integer");
     return Integer(PyObject_Size(object));
 }
 
 Union<Boolean, Lazy<Boolean>, Error> containsOf(const Any& self, const Any& value) {
-    GilGuard gil;
+    GilGuard gil(ownerOf(self));
     PyObject* object = pyobjectOf(self);
     if (object == nullptr || !isExactContainer(object)) return typed<Boolean>(call(self, "__contains__", {value}), "a boolean");
     PyObjectPtr converted = PyObjectPtr::steal(toPythonLocked(value));
@@ -108,7 +109,7 @@ Union<Boolean, Lazy<Boolean>, Error> containsOf(const Any& self, const Any& valu
 
 Any itemAt(const Any& self, const Integer& index) {
     {
-        GilGuard gil;
+        GilGuard gil(ownerOf(self));
         PyObject* object = pyobjectOf(self);
         if (object != nullptr && isExactSequence(object)) return itemOfSequence(object, index.value());
     }
@@ -116,7 +117,7 @@ Any itemAt(const Any& self, const Integer& index) {
 }
 
 Union<PythonProxyIterator, Lazy<PythonProxyIterator>, Error> iterate(const Any& self) {
-    GilGuard gil;
+    GilGuard gil(ownerOf(self));
     PyObject* object = pyobjectOf(self);
     if (object == nullptr) return Error(String("Invalid object."));
     if (isExactContainer(object)) {
@@ -142,7 +143,7 @@ Union<PythonProxyIterator, Lazy<PythonProxyIterator>, Error> iterate(const Any& 
 }
 
 Any next(const Any& self) {
-    GilGuard gil;
+    GilGuard gil(ownerOf(self));
     PyObject* object = pyobjectOf(self);
     if (object == nullptr) return Error(String("The object is null."));
     if (!PyIter_Check(object)) {
@@ -156,7 +157,7 @@ Any next(const Any& self) {
 }
 
 Union<Boolean, Lazy<Boolean>, Error> removeFromSet(const Any& self, const Any& value) {
-    GilGuard gil;
+    GilGuard gil(ownerOf(self));
     PyObject* object = pyobjectOf(self);
     if (object == nullptr) return Boolean(false);
     PyObjectPtr method = PyObjectPtr::steal(PyObject_GetAttrString(object, "remove"));
@@ -182,7 +183,7 @@ Union<Boolean, Lazy<Boolean>, Error> removeFromSet(const Any& self, const Any& v
 }
 
 Union<Integer, Lazy<Integer>, Error> indexOf(const Any& self, const Any& value, std::optional<int> start) {
-    GilGuard gil;
+    GilGuard gil(ownerOf(self));
     PyObject* object = pyobjectOf(self);
     if (object == nullptr) return Error(String("The object is null."));
     PyObjectPtr converted = PyObjectPtr::steal(to_python(value));
@@ -266,7 +267,7 @@ Class_Generic PythonProxyMapping::getClass() {
                     // the KeyError of a missing key as an error.
                     .method(Any::$get, [](const PythonProxy& self, const Any& key, const std::optional<Any>& fallback) -> Result {
                         {
-                            GilGuard gil;
+                            GilGuard gil(ownerOf(self));
                             PyObject* object = pyobjectOf(self);
                             if (object != nullptr && PyDict_CheckExact(object)) {
                                 return Result(internal::unchecked, valueOfDict(object, key, fallback));

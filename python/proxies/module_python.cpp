@@ -8,6 +8,7 @@
 #include "bridge/from_python.hpp"
 #include "bridge/module_attribute.hpp"
 #include "extension/identifiers.hpp"
+#include "extension/interpreters.hpp"
 #include "extension/registration_hook.hpp"
 #include "proxies/python_proxy.hpp"
 #include "proxies/python_type.hpp"
@@ -126,6 +127,7 @@ Any makeModule(const String& name, PyObject* object, bool ownClass) {
     const Module module = Module::makeUnregistered(name, moduleClass);
     Py_IncRef(object);
     (void)module.setFieldValue(python::$_pyobj, Boxed<PyObject*>(object));
+    python::markOwnedHere(module);
     HashMap<String, Class_Generic> classes;
     HashMap<String, I_Invokable_Generic> functions;
     for (const Export& entry : exports) {

@@ -9,6 +9,7 @@
 #include "bridge/module_attribute.hpp"
 #include "bridge/to_python.hpp"
 #include "extension/gil.hpp"
+#include "extension/interpreters.hpp"
 #include "extension/identifiers.hpp"
 #include "functions/function_python.hpp"
 #include "pyside/cycles.hpp"
@@ -19,15 +20,22 @@ namespace {
 
 using Box = Boxed<PyObject*>;
 
-// Gives the proxy's reference back, under the lock, when the proxy goes.
+// Gives the proxy's reference back when the proxy goes: under its interpreter's lock, which a
+// thread running elsewhere leaves to the next thread that enters it (isolated layout).
 void releaseObject(const Any& self) {
+    PyObject* object = pyobjectOf(self);
+    if (object == nullptr) return;
+    if (Interpreter* owner = ownerOf(self)) {
+        owner->release(object);
+        return;
+    }
     GilGuard gil;
-    if (PyObject* object = pyobjectOf(self)) Py_DecRef(object);
+    Py_DecRef(object);
 }
 
 Union<I_Invokable_Generic, None> methodLookup(const Any& self, const String& name) {
     if (auto own = raw_method_of(self, name.view()); !own.isEmpty()) return own;
-    GilGuard gil;
+    GilGuard gil(ownerOf(self));
     PyObject* object = pyobjectOf(self);
     if (object == nullptr) return None();
     PyObjectPtr attribute = attributeOrNull(object, name.c_str());
@@ -62,7 +70,7 @@ Union<Property, None> propertyFromPythonProperty(PyObject* pythonProperty, Ident
 
 Union<Property, None> propertyLookup(const Any& self, const String& name) {
     if (auto own = raw_property_of(self, name.view()); !own.isEmpty()) return own;
-    GilGuard gil;
+    GilGuard gil(ownerOf(self));
     PyObject* object = pyobjectOf(self);
     if (object == nullptr) return None();
     PyObjectPtr attribute = attributeOrNull(object, name.c_str());
@@ -92,7 +100,7 @@ Union<None, Lazy<None>, Error> insertProperty(const Any& self, const ByteArray& 
     if (getter.functionKind() != FunctionKind::Constant) {
         return Error(String("Unable to insert non-value property to a python object, use 'raw_insert_property' instead."));
     }
-    GilGuard gil;
+    GilGuard gil(ownerOf(self));
     PyObject* object = pyobjectOf(self);
     if (object == nullptr) return Error(String("The object is null."));
     Any result = setPythonAttribute(object, name, getter.constantValue());
@@ -103,7 +111,7 @@ Union<None, Lazy<None>, Error> insertProperty(const Any& self, const ByteArray& 
 Union<None, Lazy<None>, Error> insertMethod(const Any& self, const ByteArray& name, const I_Invokable_Generic& method) {
     I_Invokable_Generic stored = method;
     if (!method.isIndependent() && method.parameterCount() != 0) stored = method.bindArgs(self);
-    GilGuard gil;
+    GilGuard gil(ownerOf(self));
     PyObject* object = pyobjectOf(self);
     if (object == nullptr) return Error(String("The object is null."));
     Any result = setPythonAttribute(object, name, stored);
@@ -117,7 +125,7 @@ Union<String, Lazy<String>, Error> displayProxy(const Any& self) {
     if (auto asString = String::cast(text)) return *asString;
     // Displaying whatever came back could call this again without end (a `__str__` that
     // returns its own object): refused, as Python's str() refuses it.
-    GilGuard gil;
+    GilGuard gil(ownerOf(self));
     PyObjectPtr returned = PyObjectPtr::steal(toPythonLocked(text));  // back to what Python gave
     PyErr_Clear();
     PyErr_Format(PyExc_TypeError, "__str__ returned non-string (type %.200s)",
@@ -125,15 +133,16 @@ Union<String, Lazy<String>, Error> displayProxy(const Any& self) {
     return fetch_python_error_or("__str__ returned non-string");
 }
 
-// The comparison helper, compiled once per process and kept for ever (never released).
+// The comparison helper, compiled once per interpreter (in the one the caller runs in) and kept
+// for ever: its host function is never released.
 PyObject* compareHelper() {
-    static MadeOnce state;
-    static PyObject* helper = nullptr;
-    makeOnce(state, [] {
-        static const Any* function = new Any(FunctionPython::fromSource(String(
+    PyObject*& helper = state().compareHelper;
+    if (helper == nullptr) {
+        // Compiling may let another thread of this interpreter compile too: the first kept stays.
+        auto* function = new Any(FunctionPython::fromSource(String(
             "def cmp(a, b):\n    if a > b:\n        return 1\n    else:\n        if a < b:\n            return -1\n    return 0")));
-        helper = pythonCallableOf(*function);
-    });
+        if (helper == nullptr) helper = pythonCallableOf(*function);
+    }
     return helper;
 }
 
@@ -143,7 +152,9 @@ std::int64_t identityDifference(const Any& a, const Any& b) {
 
 Union<Integer, Lazy<Integer>, Error> compareProxy(const Any& self, const Any& other) {
     if (internal::cast_object(other, PythonProxy::getClass()).isEmpty()) return Integer(identityDifference(self, other));
-    GilGuard gil;
+    // Objects of two interpreters are two objects: neither can be shown to the other.
+    if (ownerOf(self) != ownerOf(other)) return Integer(identityDifference(self, other));
+    GilGuard gil(ownerOf(self));
     PyObject* mine = pyobjectOf(self);
     PyObject* theirs = pyobjectOf(other);
     if (mine == nullptr || theirs == nullptr) return Integer(identityDifference(self, other));
@@ -196,7 +207,9 @@ public:
     explicit PythonProxyCell(const internal::ClassCell* cls) : ObjectCell(cls), field_(pyobjectField(*this)) {}
     void visitChildren(ChildVisitor& visitor) const noexcept override {
         ObjectCell::visitChildren(visitor);
-        if (field_ != nullptr && Box::matches(*field_)) visitor.foreign(pythonHeapTag(), field_->cellAs<Box::Cell>()->value_);
+        if (field_ != nullptr && Box::matches(*field_)) {
+            visitor.foreign(pythonHeapTag(static_cast<const Interpreter*>(foreignRuntime())), field_->cellAs<Box::Cell>()->value_);
+        }
     }
 
 private:
@@ -227,13 +240,14 @@ Any makeProxyOf(const Class_Generic& cls, PyObject* object) {
     Py_IncRef(object);
     Any proxy = Any::adopt(Kind::Object, new PythonProxyCell(cls.cell()));
     (void)proxy.setFieldValue($_pyobj, Box(object));
+    markOwnedHere(proxy);  // the caller runs in the object's interpreter
     return proxy;
 }
 
 Any makePythonProxy(PyObject* object) { return makeProxyOf(PythonProxy::getClass(), object); }
 
 Union<Any, Lazy<Any>, Error> callPythonMethod(const Any& self, const String& name, const std::vector<Any>& arguments) {
-    GilGuard gil;
+    GilGuard gil(ownerOf(self));
     PyObject* object = pyobjectOf(self);
     if (object == nullptr) return Error(String("The object is null."));
     PyObjectPtr method = attributeOrNull(object, name.c_str());
@@ -258,7 +272,7 @@ namespace {
 
 // `type(object).__name__`: what Python calls the object's type in its own messages.
 String typeNameOfProxy(const PythonProxy& self) {
-    GilGuard gil;
+    GilGuard gil(ownerOf(self));
     PyObject* object = pyobjectOf(self);
     if (object == nullptr) return String("NoneType");
     PyObjectPtr name = PyObjectPtr::steal(PyType_GetName(Py_TYPE(object)));

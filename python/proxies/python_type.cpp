@@ -11,6 +11,7 @@
 #include "bridge/from_python.hpp"
 #include "bridge/module_attribute.hpp"
 #include "bridge/to_python.hpp"
+#include "extension/interpreters.hpp"
 #include "functions/function_python.hpp"
 
 namespace tala::python {
@@ -120,8 +121,9 @@ void inheritBaseMethods(internal::ClassCell& cls, PyObject* type) {
 Class_Generic buildClassView(const String& name, PyObject* type) {
     Py_IncRef(type);  // the class keeps the type for as long as the process lives
     ClassBuilder builder{name};
-    builder.nativePayload(Box(type)).constructor([type](std::span<const Any> arguments) -> Any {
-        GilGuard gil;
+    Interpreter* owner = currentInterpreter();  // the type's: the view is made where the type lives
+    builder.nativePayload(Box(type)).constructor([type, owner](std::span<const Any> arguments) -> Any {
+        GilGuard gil(owner);
         PyObjectPtr tuple = PyObjectPtr::steal(PyTuple_New(static_cast<Py_ssize_t>(arguments.size())));
         for (std::size_t index = 0; index < arguments.size(); ++index) {
             PyObject* converted = to_python(arguments[index]);
@@ -140,57 +142,69 @@ Class_Generic buildClassView(const String& name, PyObject* type) {
     }
     Class_Generic cls = builder.build();
     auto* cell = const_cast<internal::ClassCell*>(cls.cell());
+    cell->markForeignRuntime(owner);
     describeMembers(*cell, type);
     cell->doc = docOf(type);
     inheritBaseMethods(*cell, type);
     return cls;
 }
 
-// The host classes of the builtin types of plain data: what the conversion makes of their
-// instances. Built once.
-const std::unordered_map<PyObject*, const internal::ClassCell*>& builtinTable() {
-    static MadeOnce state;
-    static const std::unordered_map<PyObject*, const internal::ClassCell*>* table = nullptr;
-    makeOnce(state, [] {
-        auto* built = new std::unordered_map<PyObject*, const internal::ClassCell*>();
-        auto add = [&](PyObject* type, const Class_Generic& cls) {
-            if (type != nullptr) built->emplace(type, cls.cell());
-        };
-        add(reinterpret_cast<PyObject*>(&PyByteArray_Type), ByteArray::getClass());
-        add(reinterpret_cast<PyObject*>(&PyBytes_Type), ByteArray::getClass());
-        add(reinterpret_cast<PyObject*>(&PyMemoryView_Type), ByteArray::getClass());
-        add(reinterpret_cast<PyObject*>(&PyFloat_Type), Float::getClass());
-        add(reinterpret_cast<PyObject*>(&PyBool_Type), Boolean::getClass());
-        add(reinterpret_cast<PyObject*>(&PyType_Type), Class_Generic::getClass());
-        for (const auto& [module, name, cls] : {std::tuple{"datetime", "datetime", DateTime::getClass()},
-                                                std::tuple{"datetime", "date", Date::getClass()},
-                                                std::tuple{"datetime", "time", Time::getClass()},
-                                                std::tuple{"decimal", "Decimal", Decimal::getClass()}}) {
-            PyObjectPtr imported = PyObjectPtr::steal(PyImport_ImportModule(module));
-            if (!imported) {
-                PyErr_Clear();
-                continue;
-            }
-            add(PyDict_GetItemString(PyModule_GetDict(imported.get()), name), cls);
-        }
-        table = built;
-    });
-    return *table;
-}
+}  // namespace
 
-// Python type -> its class view. Entries are never removed; each class holds a reference to
-// its type. `lock` guards the map; views are built outside it.
+// The class views of one interpreter's Python types (its InterpreterState), and the host classes
+// of the builtin types of plain data (what the conversion makes of their instances). Entries are
+// never removed; each class view holds a reference to its type. `lock` guards the maps; views are
+// built outside it, under the interpreter lock.
 struct ClassViews {
     spinlock lock;
     std::unordered_map<PyObject*, const internal::ClassCell*> classes;
     // Classes made by a thread that lost the race to another: classes live for ever, so the
     // loser is kept here, reachable, instead of being lost.
     std::vector<const internal::ClassCell*> discarded;
+    // Filled once, the first time a class is asked for.
+    bool builtinsMade = false;
+    std::unordered_map<PyObject*, const internal::ClassCell*> builtins;
 };
 
+namespace {
+
 ClassViews& classViews() {
-    static auto* views = new ClassViews();
+    ClassViews*& views = state().classViews;
+    if (views == nullptr) views = new ClassViews();
     return *views;
+}
+
+const std::unordered_map<PyObject*, const internal::ClassCell*>& builtinTable() {
+    ClassViews& views = classViews();
+    if (views.builtinsMade) return views.builtins;
+    std::unordered_map<PyObject*, const internal::ClassCell*> built;
+    auto add = [&](PyObject* type, const Class_Generic& cls) {
+        if (type != nullptr) built.emplace(type, cls.cell());
+    };
+    add(reinterpret_cast<PyObject*>(&PyByteArray_Type), ByteArray::getClass());
+    add(reinterpret_cast<PyObject*>(&PyBytes_Type), ByteArray::getClass());
+    add(reinterpret_cast<PyObject*>(&PyMemoryView_Type), ByteArray::getClass());
+    add(reinterpret_cast<PyObject*>(&PyFloat_Type), Float::getClass());
+    add(reinterpret_cast<PyObject*>(&PyBool_Type), Boolean::getClass());
+    add(reinterpret_cast<PyObject*>(&PyType_Type), Class_Generic::getClass());
+    for (const auto& [module, name, cls] : {std::tuple{"datetime", "datetime", DateTime::getClass()},
+                                            std::tuple{"datetime", "date", Date::getClass()},
+                                            std::tuple{"datetime", "time", Time::getClass()},
+                                            std::tuple{"decimal", "Decimal", Decimal::getClass()}}) {
+        // An import may let another thread of this interpreter build the table too: both are
+        // the same, and the first kept stays.
+        PyObjectPtr imported = PyObjectPtr::steal(PyImport_ImportModule(module));
+        if (!imported) {
+            PyErr_Clear();
+            continue;
+        }
+        add(PyDict_GetItemString(PyModule_GetDict(imported.get()), name), cls);
+    }
+    if (!views.builtinsMade) {
+        views.builtins.swap(built);
+        views.builtinsMade = true;
+    }
+    return views.builtins;
 }
 
 }  // namespace

@@ -34,6 +34,7 @@
 #include <utility>
 #include <vector>
 
+#include "extension/interpreters.hpp"
 #include "pyside/tala_object.hpp"
 #include "tala/children.hpp"
 
@@ -75,7 +76,9 @@ thread_local std::unique_ptr<CellStack> t_spareStack;
 
 class PythonReferences final : public ChildVisitor {
 public:
-    PythonReferences(visitproc visit, void* arg) noexcept : visit_(visit), arg_(arg) {
+    // The collection runs in the calling thread's interpreter: only its objects are reported.
+    PythonReferences(visitproc visit, void* arg) noexcept
+        : visit_(visit), arg_(arg), heap_(pythonHeapTag(currentInterpreter())) {
         stack_ = t_spareStack ? std::move(t_spareStack) : nullptr;
     }
     ~PythonReferences() {
@@ -104,7 +107,7 @@ public:
     }
 
     void foreign(const void* runtime, void* reference) noexcept override {
-        if (runtime != pythonHeapTag() || reference == nullptr || result_ != 0) return;
+        if (runtime != heap_ || reference == nullptr || result_ != 0) return;
         result_ = visit_(static_cast<PyObject*>(reference), arg_);
     }
 
@@ -123,13 +126,17 @@ private:
 
     visitproc visit_;
     void* arg_;
+    const void* heap_;
     int result_ = 0;
     std::unique_ptr<CellStack> stack_;
 };
 
 }  // namespace
 
-const void* pythonHeapTag() noexcept { return &kPythonHeap; }
+const void* pythonHeapTag(const Interpreter* owner) noexcept {
+    if (interpreterLayout() == InterpreterLayout::Shared || owner == nullptr) return &kPythonHeap;
+    return owner;
+}
 
 int traverseWrapper(PyObject* self, visitproc visit, void* arg) noexcept {
     Py_VISIT(Py_TYPE(self));  // every instance holds its (heap) type

@@ -5,9 +5,13 @@
 
 namespace tala::python {
 
-// The tag of references into Python's heap that host cells report to walkers
-// (tala::ChildVisitor::foreign): the callable of a FunctionPython, the object of a proxy.
-const void* pythonHeapTag() noexcept;
+class Interpreter;
+
+// The tag of references into the heap of the interpreter `owner` (the object's interpreter) that
+// host cells report to walkers (tala::ChildVisitor::foreign): the callable of a FunctionPython,
+// the object of a proxy. Each interpreter of the isolated layout is a heap of its own, and a
+// collection walks only its own; in the shared layout there is one.
+const void* pythonHeapTag(const Interpreter* owner) noexcept;
 
 // tp_traverse of the wrapper types: the wrapper's type, and the Python objects that its host
 // value holds where the wrapper alone holds the way to them (the rule is in cycles.cpp).

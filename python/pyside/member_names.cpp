@@ -3,6 +3,8 @@
 
 #include <unordered_map>
 
+#include "extension/interpreters.hpp"
+
 namespace tala::python {
 
 std::optional<std::string_view> utf8Of(PyObject* name) {
@@ -12,11 +14,18 @@ std::optional<std::string_view> utf8Of(PyObject* name) {
     return std::string_view(text, static_cast<std::size_t>(size));
 }
 
+// Attribute-name objects to host identifiers, one cache per interpreter (its InterpreterState),
+// guarded by its lock, which every caller holds. Each key holds a reference to its str, so a
+// key's address cannot be reused by another str while it is cached. The cache is emptied
+// (references dropped) when it grows past its bound.
+struct MemberNameCache {
+    std::unordered_map<PyObject*, Identifier> names;
+};
+
 Identifier identifierOf(PyObject* name, std::string_view text) {
-    // Guarded by the interpreter lock, which every caller holds. Each key holds a reference to
-    // its str, so a key's address cannot be reused by another str while it is cached. The cache
-    // is emptied (references dropped) when it grows past its bound.
-    static auto* cache = new std::unordered_map<PyObject*, Identifier>();
+    MemberNameCache*& here = state().memberNames;
+    if (here == nullptr) here = new MemberNameCache();
+    auto* cache = &here->names;
     constexpr std::size_t kBound = 4096;
     if (auto found = cache->find(name); found != cache->end()) return found->second;
     const Identifier id = Identifier::intern(text);

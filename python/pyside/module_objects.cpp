@@ -6,11 +6,10 @@
 #include <unordered_map>
 
 #include "extension/gil.hpp"
+#include "extension/interpreters.hpp"
 #include "pyside/tala_object.hpp"
 
 namespace tala::python {
-
-namespace {
 
 // What Python keeps of one registered host module: its object, and the import attributes set
 // on it (a dict, made on the first write).
@@ -19,16 +18,20 @@ struct ModuleObject {
     PyObject* importAttributes = nullptr;
 };
 
-// Registered module -> its Python object. Modules are never unregistered, so entries are never
-// removed: the table holds one reference to each object and dict for the life of the process.
-// `lock` guards the map; the objects and dicts are read and changed under the interpreter lock.
+// Registered module -> its Python object, one table per interpreter (its InterpreterState).
+// Modules are never unregistered, so entries are never removed: the table holds one reference to
+// each object and dict for the life of the interpreter. `lock` guards the map; the objects and
+// dicts are read and changed under the interpreter lock.
 struct ModuleObjects {
     spinlock lock;
     std::unordered_map<const internal::ModuleCell*, ModuleObject> entries;
 };
 
+namespace {
+
 ModuleObjects& moduleObjects() {
-    static auto* table = new ModuleObjects();
+    ModuleObjects*& table = state().moduleObjects;
+    if (table == nullptr) table = new ModuleObjects();
     return *table;
 }
 

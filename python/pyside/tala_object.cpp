@@ -12,6 +12,7 @@
 
 #include "bridge/module_attribute.hpp"
 #include "extension/gil.hpp"
+#include "extension/interpreters.hpp"
 #include "pyside/cycles.hpp"
 #include "pyside/slots.hpp"
 
@@ -214,23 +215,38 @@ Shape genericShape(int which) {
     }
 }
 
-// The generic types: one per shape and protocol, all named ">TalaObject", made on first need
-// and kept for ever. Guarded by `lock`; the caller holds the interpreter lock.
-struct GenericTypes {
-    spinlock lock;
-    std::map<std::pair<int, Protocol>, PyTypeObject*> types;
+}  // namespace
+
+// The wrapper types of one interpreter (its InterpreterState holds them); the types live as
+// long as it. The caller holds the interpreter lock; each map has its own lock, taken in this
+// order when both are (a per-class type is made on the generic callable type).
+struct WrapperTypes {
+    // The generic types, by shape and protocol, all named ">TalaObject".
+    spinlock genericLock;
+    std::map<std::pair<int, int>, PyTypeObject*> generic;
+    // Host class -> its wrapper type (its own, or the generic type it shares). The entry keeps
+    // its class alive, so that no other class ever takes the address it is keyed by.
+    spinlock classLock;
+    struct Entry {
+        Class_Generic cls;
+        PyTypeObject* type;
+    };
+    std::unordered_map<const internal::ClassCell*, Entry> perClass;
 };
 
-GenericTypes& genericTypes() {
-    static auto* table = new GenericTypes();
-    return *table;
+namespace {
+
+WrapperTypes& wrapperTypes() {
+    WrapperTypes*& types = state().wrapperTypes;
+    if (types == nullptr) types = new WrapperTypes();
+    return *types;
 }
 
 PyTypeObject* genericType(int which, Protocol protocol) {
-    GenericTypes& table = genericTypes();
-    const std::unique_lock<spinlock> lock = lockReleasingGil(table.lock);
-    const auto key = std::make_pair(which, protocol);
-    if (auto found = table.types.find(key); found != table.types.end()) return found->second;
+    WrapperTypes& table = wrapperTypes();
+    const std::unique_lock<spinlock> lock = lockReleasingGil(table.genericLock);
+    const auto key = std::make_pair(which, static_cast<int>(protocol));
+    if (auto found = table.generic.find(key); found != table.generic.end()) return found->second;
     SlotList slots;
     addCommonSlots(slots);
     addShapeSlots(slots, genericShape(which));
@@ -238,7 +254,7 @@ PyTypeObject* genericType(int which, Protocol protocol) {
     // spec's text after the dot.
     PyTypeObject* type = makeType(std::string("builtins.") + kTalaObjectTypeName, kTalaObjectTypeName, kGenericDoc, slots,
                                   commonMethods(), nullptr, nullptr, protocol);
-    table.types.emplace(key, type);
+    table.generic.emplace(key, type);
     return type;
 }
 
@@ -285,24 +301,6 @@ PyTypeObject* buildPerClassType(const Class_Generic& cls) {
                     genericCallableType(), protocolOf(cls));
 }
 
-// Host class -> its wrapper type (its own, or the generic type it shares). Entries are never
-// removed; the types live for ever. `lock` guards the map; the caller holds the interpreter lock.
-struct PerClassTypes {
-    spinlock lock;
-    // The entry keeps its class alive, so that no other class ever takes the address it is
-    // keyed by.
-    struct Entry {
-        Class_Generic cls;
-        PyTypeObject* type;
-    };
-    std::unordered_map<const internal::ClassCell*, Entry> types;
-};
-
-PerClassTypes& perClassTypes() {
-    static auto* table = new PerClassTypes();
-    return *table;
-}
-
 bool belongsToModule(const Class_Generic& cls) {
     if (!cls.declaringContext().isEmpty()) return true;
     if (auto enclosing = cls.enclosingClass(); enclosing && !enclosing->declaringContext().isEmpty()) return true;
@@ -338,21 +336,21 @@ PyTypeObject* genericTypeFor(const Class_Generic& cls) {
 PyTypeObject* wrapperTypeFor(const Class_Generic& cls) {
     // Every class is looked up once: a class of a module gets a type of its own, any other the
     // generic type it shares with the classes of its kind. One probe by the class's cell after.
-    PerClassTypes& table = perClassTypes();
+    WrapperTypes& table = wrapperTypes();
     {
-        const std::unique_lock<spinlock> lock = lockReleasingGil(table.lock);
-        auto found = table.types.find(cls.cell());
-        if (found != table.types.end()) return found->second.type;
+        const std::unique_lock<spinlock> lock = lockReleasingGil(table.classLock);
+        auto found = table.perClass.find(cls.cell());
+        if (found != table.perClass.end()) return found->second.type;
     }
     const bool own = belongsToModule(cls);
     PyTypeObject* generic = own ? nullptr : genericTypeFor(cls);
     // Building a type may run Python code (the signature of a method that is a Python
     // function), which lets other threads in: they wait for the map without the lock.
-    const std::unique_lock<spinlock> lock = lockReleasingGil(table.lock);
-    auto found = table.types.find(cls.cell());
-    if (found != table.types.end()) return found->second.type;
+    const std::unique_lock<spinlock> lock = lockReleasingGil(table.classLock);
+    auto found = table.perClass.find(cls.cell());
+    if (found != table.perClass.end()) return found->second.type;
     PyTypeObject* type = own ? buildPerClassType(cls) : generic;
-    table.types.emplace(cls.cell(), PerClassTypes::Entry{cls, type});
+    table.perClass.emplace(cls.cell(), WrapperTypes::Entry{cls, type});
     return type;
 }
 

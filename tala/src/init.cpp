@@ -4,6 +4,8 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <map>
+#include <string>
 #include <mutex>
 #include <numeric>
 
@@ -47,6 +49,33 @@ String withoutFinalPeriod(String text) {
     return text;
 }
 }  // namespace
+
+namespace {
+// The language options: name -> value, guarded by `mutex`; never destroyed (an extension may
+// read them while the process ends).
+struct LanguageOptions {
+    std::mutex mutex;
+    std::map<std::string, Any, std::less<>> values;
+};
+
+LanguageOptions& languageOptions() {
+    static auto* options = new LanguageOptions();
+    return *options;
+}
+}  // namespace
+
+void set_language_option(std::string_view name, Any value) {
+    LanguageOptions& options = languageOptions();
+    std::lock_guard lock(options.mutex);
+    options.values[std::string(name)] = std::move(value);
+}
+
+Any language_option(std::string_view name) {
+    LanguageOptions& options = languageOptions();
+    std::lock_guard lock(options.mutex);
+    auto found = options.values.find(name);
+    return found == options.values.end() ? Any() : found->second;
+}
 
 Any run_init_handlers() {
     auto& all = internal::handlers();

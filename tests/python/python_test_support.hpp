@@ -17,6 +17,7 @@
 
 #include "extension/gil.hpp"
 #include "extension/interpreter.hpp"
+#include "extension/interpreters.hpp"
 #include "tala/tala.hpp"
 
 namespace tala_python_test {
@@ -39,6 +40,12 @@ protected:
 
 // Keeps a class made by a test for the rest of the process. Published classes are never freed by
 // the object model; kept here, they stay reachable, as the classes of real modules do.
+// Whether the tests run in the isolated interpreter layout (TALA_PYTHON_INTERPRETERS=isolated):
+// each host thread then runs in an interpreter of its own, with its own types and modules.
+inline bool isolatedLayout() {
+    return tala::python::interpreterLayout() == tala::python::InterpreterLayout::Isolated;
+}
+
 inline tala::Class_Generic kept(const tala::Class_Generic& cls) {
     static auto* classes = new std::vector<tala::Class_Generic>();
     static std::mutex mutex;

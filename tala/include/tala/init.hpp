@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -21,6 +22,12 @@ void add_init_handler(int priority, InitHandler handler);
 std::vector<std::pair<int, InitHandler>>& init_handlers_unsafe();
 
 }  // namespace internal
+
+// Settings a host gives its language extensions before they start, by dotted name
+// ("python.interpreters"): each extension documents the names it reads and reads them when it
+// starts. Safe from any thread; an unset name reads as the empty value.
+void set_language_option(std::string_view name, Any value);
+Any language_option(std::string_view name);
 
 // Runs the handlers that have not run yet, in ascending priority and, within one priority, in
 // the order they were added. Handlers added while they run are run too. A handler that throws

@@ -49,6 +49,12 @@ public:
 
     // Members inserted into this object; null until the first insertion.
     OwnMembers* ownMembers() const noexcept { return own_.load(std::memory_order_acquire); }
+
+    // The runtime that owns the foreign object this object stands for (a language bridge's
+    // interpreter, say), as the bridge marked it; null when nobody did. A bridge marks an object
+    // once, before it shares it, and reads the mark to know where to go to use the object.
+    const void* foreignRuntime() const noexcept { return foreignRuntime_; }
+    void markForeignRuntime(const void* runtime) noexcept { foreignRuntime_ = runtime; }
     OwnMembers& ensureOwnMembers() const;
 
     // The fields, then the members inserted into this object.
@@ -64,6 +70,7 @@ private:
     std::unique_ptr<Any[]> fields_;
     std::size_t fieldCount_ = 0;
     mutable std::atomic<OwnMembers*> own_{nullptr};
+    const void* foreignRuntime_ = nullptr;
     NativeTag tag_;
     bool finalized_ = false;
     friend class ClassCell;

@@ -123,13 +123,23 @@ TEST_F(ExceptionTypeTest, ThreadsAskingAtOnceGetOneType) {
     const tala::Class_Generic cls = errorClass("RacedError");
     constexpr int kThreads = 6;
     std::vector<PyObject*> answers(kThreads, nullptr);
+    std::vector<tala::python::Interpreter*> interpreters(kThreads, nullptr);
     std::vector<std::thread> threads;
     for (int index = 0; index < kThreads; ++index) {
-        threads.emplace_back([&cls, &answers, index] { answers[index] = exception_type_for(cls); });
+        threads.emplace_back([&cls, &answers, &interpreters, index] {
+            answers[index] = exception_type_for(cls);
+            GilGuard gil;
+            interpreters[index] = tala::python::currentInterpreter();
+        });
     }
     for (std::thread& thread : threads) thread.join();
-    for (PyObject* answer : answers) EXPECT_EQ(answer, answers[0]);
-    EXPECT_NE(answers[0], PyExc_RuntimeError);
+    // One type per interpreter (the only one in the shared layout).
+    for (int index = 0; index < kThreads; ++index) {
+        for (int other = 0; other < kThreads; ++other) {
+            EXPECT_EQ(answers[index] == answers[other], interpreters[index] == interpreters[other]) << index << " " << other;
+        }
+        EXPECT_NE(answers[index], PyExc_RuntimeError);
+    }
 }
 
 TEST_F(ExceptionTypeTest, ClassViewOfAPythonExceptionIsThatException) {

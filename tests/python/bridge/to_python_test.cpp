@@ -16,6 +16,7 @@
 #include "proxies/python_type.hpp"
 #include "pyside/tala_object.hpp"
 #include "python_test_support.hpp"
+#include "lock_check.hpp"
 
 namespace {
 
@@ -371,7 +372,7 @@ TEST_F(ToPythonTest, ConversionNeedsNoLockHeldByTheCaller) {
     std::thread([] {
         PyObject* result = to_python(tala::Integer(5));
         ASSERT_NE(result, nullptr);
-        EXPECT_EQ(PyGILState_Check(), 0);
+        EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 0);
         GilGuard gil;
         EXPECT_EQ(PyLong_AsLong(result), 5);
         Py_DecRef(result);

@@ -13,6 +13,7 @@
 #include "extension/interpreter.hpp"
 #include "extension/sys_path.hpp"
 #include "language/language_python.hpp"
+#include "lock_check.hpp"
 
 namespace {
 
@@ -36,12 +37,12 @@ bool sysPathContains(const std::string& path) {
 TEST(ForeignStart, EnsurePythonOnceLeavesTheInterpreterAsItIs) {
     ASSERT_TRUE(g_queued);
     ASSERT_TRUE(Py_IsInitialized());
-    ASSERT_EQ(PyGILState_Check(), 1) << "main() holds the lock";
+    ASSERT_EQ(tala_python_test::holdsAnInterpreterLock(), 1) << "main() holds the lock";
 
     EXPECT_TRUE(tala::python::ensurePythonOnce());
 
     EXPECT_EQ(tala::python::testing::interpreterStarts(), 0);
-    EXPECT_EQ(PyGILState_Check(), 1) << "the lock must not have been given up";
+    EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 1) << "the lock must not have been given up";
     // The path queued before the interpreter ran is still only queued.
     const std::vector<tala::String> pending = tala::python::pendingSysPaths();
     ASSERT_EQ(pending.size(), 1u);
@@ -74,9 +75,9 @@ TEST(ForeignStart, LockHolderCanStillUseTheExtension) {
     // Guards nest on the thread that holds the lock without a guard.
     {
         tala::python::GilGuard gil;
-        EXPECT_EQ(PyGILState_Check(), 1);
+        EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 1);
     }
-    EXPECT_EQ(PyGILState_Check(), 1);
+    EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 1);
     // Adding now goes straight into sys.path, and nothing more is queued.
     EXPECT_TRUE(tala::python::python_add_sys_path(tala::String("/tala-foreign-start-test/added")).is<tala::None>());
     EXPECT_TRUE(sysPathContains("/tala-foreign-start-test/added"));

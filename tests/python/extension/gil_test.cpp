@@ -13,6 +13,7 @@
 
 #include "bridge/to_python.hpp"
 #include "python_test_support.hpp"
+#include "lock_check.hpp"
 
 // ---- Counting the reference-count calls ---------------------------------------------------------
 //
@@ -174,33 +175,33 @@ TEST_F(PyObjectPtrTest, ResetDropsTheOldAndKeepsTheNew) {
 // ---- GilGuard ---------------------------------------------------------------------------------
 
 TEST_F(GilGuardTest, NestedGuardsOnOneThreadDoNotDeadlock) {
-    EXPECT_EQ(PyGILState_Check(), 0);
+    EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 0);
     {
         GilGuard outer;
-        EXPECT_EQ(PyGILState_Check(), 1);
+        EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 1);
         {
             GilGuard inner;
-            EXPECT_EQ(PyGILState_Check(), 1);
+            EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 1);
             // An operation that takes the lock itself, called with the lock held.
             PyObjectPtr value = PyObjectPtr::steal(tala::python::to_python(tala::Integer(7)));
             ASSERT_TRUE(value);
             EXPECT_EQ(PyLong_AsLong(value.get()), 7);
         }
-        EXPECT_EQ(PyGILState_Check(), 1);
+        EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 1);
     }
-    EXPECT_EQ(PyGILState_Check(), 0);
+    EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 0);
 }
 
 TEST_F(GilGuardTest, NoThreadHoldsTheLockBetweenCalls) {
     // After start-up the starting thread gave the lock up for good.
-    EXPECT_EQ(PyGILState_Check(), 0);
+    EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 0);
     std::thread([] {
-        EXPECT_EQ(PyGILState_Check(), 0);
+        EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 0);
         {
             GilGuard gil;
-            EXPECT_EQ(PyGILState_Check(), 1);
+            EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 1);
         }
-        EXPECT_EQ(PyGILState_Check(), 0);
+        EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 0);
     }).join();
 }
 
@@ -208,15 +209,15 @@ TEST_F(GilGuardTest, LockIsGivenBackWhenAnExceptionLeavesTheScope) {
     std::thread([] {
         try {
             GilGuard gil;
-            EXPECT_EQ(PyGILState_Check(), 1);
+            EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 1);
             throw std::runtime_error("leaving the scope");
         } catch (const std::runtime_error&) {
         }
-        EXPECT_EQ(PyGILState_Check(), 0);
+        EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 0);
     }).join();
     // The lock is free: this thread can take it at once.
     GilGuard gil;
-    EXPECT_EQ(PyGILState_Check(), 1);
+    EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 1);
 }
 
 TEST_F(GilGuardTest, FailedOperationLeavesTheLockFreeForAnotherThread) {
@@ -231,7 +232,7 @@ TEST_F(GilGuardTest, FailedOperationLeavesTheLockFreeForAnotherThread) {
     std::thread first([&] {
         PyObject* result = tala::python::to_python(tala::Error(tala::String("The operation failed.")));
         resultWasNull = result == nullptr;
-        lockHeldAfterFailure = PyGILState_Check();
+        lockHeldAfterFailure = tala_python_test::holdsAnInterpreterLock();
         failed.set_value();
         secondDoneFuture.wait_for(std::chrono::seconds(10));
     });
@@ -280,7 +281,7 @@ TEST_F(GilGuardTest, AHostThreadKeepsItsInterpreterStateFromEntryToEntry) {
             GilGuard gil;
             first = PyThreadState_Get();
         }
-        EXPECT_EQ(PyGILState_Check(), 0);
+        EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 0);
         {
             GilGuard gil;
             second = PyThreadState_Get();
@@ -312,7 +313,7 @@ TEST_F(GilGuardTest, ThreadStatesGoWithTheirThreads) {
 TEST_F(InterpreterStartTest, StartedOnceAndLockGivenUp) {
     EXPECT_TRUE(Py_IsInitialized());
     EXPECT_EQ(tala::python::testing::interpreterStarts(), 1);
-    EXPECT_EQ(PyGILState_Check(), 0);
+    EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 0);
     EXPECT_TRUE(tala::python::ensurePythonOnce());
     EXPECT_EQ(tala::python::testing::interpreterStarts(), 1);
 }
@@ -334,9 +335,9 @@ TEST_F(InterpreterStartTest, DirectSecondRunDoesNotInitialiseAgain) {
     // Nor did it describe the language again.
     EXPECT_EQ(tala::Module::find("python")->lazyModuleNames().size(), 8u);
     // Nor did it take or give up the lock on this thread.
-    EXPECT_EQ(PyGILState_Check(), 0);
+    EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 0);
     GilGuard gil;
-    EXPECT_EQ(PyGILState_Check(), 1);
+    EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 1);
 }
 
 }  // namespace

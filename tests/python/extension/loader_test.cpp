@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "tala/tala.hpp"
+#include "lock_check.hpp"
 
 #ifndef TALA_PYTHON_EXTENSION_PATH
 #error "TALA_PYTHON_EXTENSION_PATH must name the built extension library"
@@ -69,7 +70,7 @@ protected:
 TEST_F(LoaderTest, LoadingStartsPythonWithTheSearchPathsBesideTheLibrary) {
     EXPECT_TRUE(Py_IsInitialized());
     // The interpreter started during the init handlers, which gave the lock up again.
-    EXPECT_EQ(PyGILState_Check(), 0);
+    EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 0);
     const std::string directory = std::filesystem::path(kExtension).parent_path().string();
     EXPECT_EQ(countInSysPath(directory + "/site-packages"), 1);
     EXPECT_EQ(countInSysPath(directory + "/python3/lib"), 0) << "only the archives in python3/lib are added";

@@ -17,6 +17,7 @@
 
 #include "extension/sys_path.hpp"
 #include "python_test_support.hpp"
+#include "lock_check.hpp"
 
 namespace {
 
@@ -187,7 +188,7 @@ TEST(SearchPathsAtStartUp, QueuedPathsReachSysPathOnceAtStartUp) {
     ASSERT_GE(queued.size(), 5u);
     ASSERT_TRUE(tala::python::ensurePythonOnce());
     EXPECT_EQ(tala::python::testing::interpreterStarts(), 1);
-    EXPECT_EQ(PyGILState_Check(), 0) << "the starting thread gives the lock up";
+    EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 0) << "the starting thread gives the lock up";
     for (const std::string& path : queued) {
         EXPECT_EQ(countInSysPath(path), 1) << path;
     }

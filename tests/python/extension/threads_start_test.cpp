@@ -10,6 +10,7 @@
 
 #include "extension/gil.hpp"
 #include "extension/interpreter.hpp"
+#include "lock_check.hpp"
 
 namespace {
 
@@ -61,11 +62,11 @@ TEST(ThreadsStart, InterpreterStartsExactlyOnceForConcurrentCallers) {
     }
 
     // No thread kept the lock: this one, which never entered Python, takes it at once.
-    EXPECT_EQ(PyGILState_Check(), 0);
+    EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 0);
     EXPECT_TRUE(tala::python::ensurePythonOnce());
     EXPECT_EQ(tala::python::testing::interpreterStarts(), 1);
     GilGuard gil;
-    EXPECT_EQ(PyGILState_Check(), 1);
+    EXPECT_EQ(tala_python_test::holdsAnInterpreterLock(), 1);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include "language/evaluate.hpp"
 #include "language_test_support.hpp"
+#include "lock_check.hpp"
 
 namespace {
 
@@ -63,9 +64,9 @@ TEST_F(BlockingTest, ABlockingMethodCalledThroughItsObjectRunsWithoutTheLock) {
 
 TEST_F(BlockingTest, OtherFunctionsKeepTheLockAndBlockingOnesLetItGo) {
     const tala::I_Invokable_Generic holdsLock =
-        tala::native_function([] { return PyGILState_Check() == 1; }, "holdsLock");
+        tala::native_function([] { return tala_python_test::holdsAnInterpreterLock() == 1; }, "holdsLock");
     const tala::I_Invokable_Generic letsGo =
-        tala::blocking(tala::native_function([] { return PyGILState_Check() == 1; }, "letsGo"));
+        tala::blocking(tala::native_function([] { return tala_python_test::holdsAnInterpreterLock() == 1; }, "letsGo"));
     EXPECT_FALSE(holdsLock.isBlocking());
     EXPECT_EQ(text(runWith("return holdsLock()", "holdsLock", holdsLock)), "True");
     EXPECT_EQ(text(runWith("return letsGo()", "letsGo", letsGo)), "False");
