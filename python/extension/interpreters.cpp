@@ -100,7 +100,7 @@ struct ThreadStates {
     ~ThreadStates() {
         if (!Py_IsInitialized() || Py_IsFinalizing()) return;
         for (auto& [interpreter, state] : states) {
-            if (!interpreter->alive()) continue;
+            if (!interpreter->alive() || state == interpreter->firstState) continue;
             PyEval_RestoreThread(state);
             PyThreadState_Clear(state);
             PyThreadState_DeleteCurrent();
@@ -124,11 +124,10 @@ Interpreter* makeInterpreter() {
     const PyStatus status = Py_NewInterpreterFromConfig(&made, &config);
     if (PyStatus_Exception(status) || made == nullptr) return nullptr;
     auto* interpreter = new Interpreter(PyThreadState_GetInterpreter(made), g_count.load(std::memory_order_relaxed));
-    // The state CPython made with the interpreter is kept by the interpreter, never dropped: an
-    // interpreter whose last thread state goes makes its next one in the storage of its first,
-    // and CPython 3.13 can do so while that first one is still being taken down on another
-    // thread ("init_threadstate: thread state already initialized"). The threads that enter it,
-    // this one included, have states of their own.
+    // The state CPython made with the interpreter stays with it ("init_threadstate: thread state
+    // already initialized" otherwise, see firstState); the threads that enter it, this one
+    // included, have states of their own.
+    interpreter->firstState = made;
     // Known before it is prepared: the preparation runs in it and finds its state through it.
     // Only this thread can enter it until its home is chosen, which g_makeMutex holds back.
     g_interpreters[static_cast<std::size_t>(interpreter->index())].store(interpreter, std::memory_order_release);
@@ -268,11 +267,13 @@ void adoptMainInterpreter(bool startedHere) {
     g_interpreters[0].store(main, std::memory_order_release);
     g_count.store(1, std::memory_order_release);
     if (!startedHere) return;
-    // The thread that starts Python has the main interpreter as its home. The state it started
-    // with stays with the interpreter for good (see makeInterpreter): in the isolated layout the
-    // thread makes another of its own on its next entry.
+    // The thread that starts Python has the main interpreter as its home, and the state it
+    // started with as its own there: CPython delivers signals to that state. The state outlives
+    // the thread (see makeInterpreter).
     t_home.interpreter = main;
     main->assignedThreads.fetch_add(1, std::memory_order_relaxed);
+    main->firstState = PyThreadState_Get();
+    if (g_settings.layout == InterpreterLayout::Isolated) t_states.states.emplace_back(main, main->firstState);
 }
 
 void forgetInterpretersAfterFork() noexcept {

@@ -56,6 +56,10 @@ public:
 
     // Host threads that have this interpreter as theirs (the pool's affinity).
     std::atomic<int> assignedThreads{0};
+    // The interpreter's first thread state, never dropped: an interpreter whose last state goes
+    // makes its next one in the storage of its first, which CPython 3.13 can do while that one
+    // is still being taken down on another thread.
+    PyThreadState* firstState = nullptr;
     // The version of the process-wide search paths that this interpreter's sys.path has.
     std::uint64_t searchPathsVersion = 0;  // under its lock
 
