@@ -163,15 +163,7 @@ TEST_F(CallsTest, CallsLeaveNoReferencesBehind) {
     testhost::recordedCalls().clear();
     const std::int64_t widgets = testhost::liveWidgets();
     const std::uint32_t listReferences = hostRefCount(numbers);
-    // The least growth over three passes: a one-time growth (a table of the interpreter's that
-    // grows once, at a moment that differs from run to run) shows in one pass, a leak in each.
-    ASSERT_TRUE(run("grown = []\n"
-                    "for _ in range(3):\n"
-                    "    blocks = sys.getallocatedblocks()\n"
-                    "    churn()\n"
-                    "    gc.collect()\n"
-                    "    grown.append(sys.getallocatedblocks() - blocks)\n"
-                    "grown = min(grown)\n"));
+    ASSERT_TRUE(run(tala_python_test::kLeastBlockGrowthOfThreeChurns));
     EXPECT_EQ(testhost::recordedCalls().size(), 3 * 600u);
     testhost::recordedCalls().clear();
     EXPECT_EQ(testhost::liveWidgets(), widgets);
