@@ -172,7 +172,7 @@ void registerProtocol(PyTypeObject* type, Protocol protocol) {
 
 // Types are heap types made from specs; nobody may change or subclass them, nor make instances
 // but the conversion. Instances take part in cycle collection (cycles.cpp). The type's
-// `__name__` is the spec's text after its last dot (the host class's name), while `tp_name`,
+// `__name__` is the type's spec name after its last dot (the host class's name), while `tp_name`,
 // which Python's own messages print, is set to `typeName`.
 PyTypeObject* makeType(const std::string& specName, const char* typeName, const char* doc, SlotList& slots,
                        PyMethodDef* methods, PyGetSetDef* properties, PyTypeObject* base, Protocol protocol) {

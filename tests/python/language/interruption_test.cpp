@@ -234,8 +234,10 @@ InterruptedHere evaluateAndInterrupt(const std::string& code, double graceSecond
 }
 
 // Code that runs until it is interrupted, in a try block whose handlers follow.
-const std::string kLoopInTry = "started()\n"
-                               "try:\n"
+// started() is inside the try: an interruption that comes while a loaded machine has not yet let
+// the code go on from it still lands in the block.
+const std::string kLoopInTry = "try:\n"
+                               "    started()\n"
                                "    while True:\n"
                                "        pass\n";
 
@@ -320,7 +322,7 @@ TEST_F(InterruptionTest, CodeThatCatchesTheInterruptionAndReturnsStillEndsInterr
     EXPECT_EQ(errorMessage(outcome.result), "The evaluation was interrupted.");
     // The report shows where the interruption hit the code, as it was first raised.
     const std::string traceback = errorProperty(outcome.result, "traceback");
-    EXPECT_NE(traceback.find("line 3, in tala_outer\n"), std::string::npos) << traceback;
+    EXPECT_NE(traceback.find(", in tala_outer\n"), std::string::npos) << traceback;
     EXPECT_TRUE(traceback.ends_with("\ntala.python.Interrupted: The evaluation was interrupted.\n")) << traceback;
 }
 
