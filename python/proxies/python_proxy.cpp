@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <utility>
 
 #include "bridge/errors.hpp"
 #include "bridge/from_python.hpp"
@@ -134,16 +135,20 @@ Union<String, Lazy<String>, Error> displayProxy(const Any& self) {
 }
 
 // The comparison helper, compiled once per interpreter (in the one the caller runs in) and kept
-// for ever: its host function is never released.
+// for ever: its host function is never released, and stays reachable from the interpreter's state.
 PyObject* compareHelper() {
-    PyObject*& helper = state().compareHelper;
-    if (helper == nullptr) {
+    InterpreterState& here = state();
+    if (here.compareHelper == nullptr) {
         // Compiling may let another thread of this interpreter compile too: the first kept stays.
-        auto* function = new Any(FunctionPython::fromSource(String(
-            "def cmp(a, b):\n    if a > b:\n        return 1\n    else:\n        if a < b:\n            return -1\n    return 0")));
-        if (helper == nullptr) helper = pythonCallableOf(*function);
+        Any function = FunctionPython::fromSource(String(
+            "def cmp(a, b):\n    if a > b:\n        return 1\n    else:\n        if a < b:\n            return -1\n    return 0"));
+        if (here.compareHelper == nullptr) {
+            auto* kept = new Any(std::move(function));
+            here.compareHelperFunction = kept;
+            here.compareHelper = pythonCallableOf(*kept);
+        }
     }
-    return helper;
+    return here.compareHelper;
 }
 
 std::int64_t identityDifference(const Any& a, const Any& b) {

@@ -287,11 +287,14 @@ TEST_F(InterruptionTest, AWaitInCOnAnotherThreadEndsFirst) {
 
 TEST_F(InterruptionTest, FinallyBlocksRunToTheirEnd) {
     tala_python_test::Watchdog watchdog(std::chrono::seconds(60));
+    // A grace period that the loop keeps within also on a loaded machine under the sanitizers,
+    // where every jump of the loop calls the interruption's check.
     const InterruptedHere outcome = evaluateAndInterrupt(kLoopInTry + "finally:\n"
                                                          "    total = 0\n"
                                                          "    for i in range(100000):\n"
                                                          "        total += 1\n"
-                                                         "    note(f'cleaned up {total}')\n");
+                                                         "    note(f'cleaned up {total}')\n",
+                                                         10.0);
     EXPECT_EQ(outcome.calls, std::vector<std::string>{"cleaned up 100000"});
     EXPECT_EQ(errorMessage(outcome.result), "The evaluation was interrupted.");
 }
@@ -339,10 +342,10 @@ TEST_F(InterruptionTest, CodeStillRunningAfterTheGracePeriodIsInterruptedAgain) 
                                                          "    note('caught')\n"
                                                          "    while True:\n"
                                                          "        pass\n",
-                                                         0.1);
+                                                         0.5);
     EXPECT_EQ(outcome.calls, std::vector<std::string>{"caught"});
     EXPECT_EQ(errorProperty(outcome.result, "exceptionType"), "tala.python.Interrupted");
-    EXPECT_GE(outcome.secondsAfterInterruption, 0.1);
+    EXPECT_GE(outcome.secondsAfterInterruption, 0.5);
 }
 
 TEST_F(InterruptionTest, InterruptingAgainEndsTheGracePeriod) {
