@@ -226,12 +226,19 @@ TEST_F(CallsTest, FourThreadsRunningPythonLoopsOverHostCallsAtOnce) {
                         "    return sum\n"));
     }
     PyObject* globals = this->globals();
+    tala::python::Interpreter* interpreter = nullptr;
+    {
+        GilGuard gil;
+        interpreter = tala::python::currentInterpreter();
+    }
     std::vector<long long> totals(kThreads, -1);
     std::vector<std::string> errors(kThreads);
     std::vector<std::thread> threads;
     for (int thread = 0; thread < kThreads; ++thread) {
-        threads.emplace_back([globals, thread, &totals, &errors] {
-            GilGuard gil;
+        // Every thread enters the interpreter of the globals and the function (its own home may
+        // be another one in the isolated layout).
+        threads.emplace_back([globals, interpreter, thread, &totals, &errors] {
+            GilGuard gil(interpreter);
             PyObject* total = PyDict_GetItemString(globals, "total");  // borrowed
             PyObjectPtr result = PyObjectPtr::steal(PyObject_CallFunction(total, "i", thread));
             if (!result) {
