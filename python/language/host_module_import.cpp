@@ -13,8 +13,8 @@ namespace tala::python {
 
 namespace {
 
-// The finder is a class, as Python's own BuiltinImporter is, and it is its own loader. A spec
-// comes only for a name that the host has a module for at that moment, so a module registered
+// The finder is a class, as Python's own BuiltinImporter is, and it is its own loader. A module
+// description comes only for a name that the host has a module for at that moment, so a module registered
 // later is found from then on, and an unknown name goes on to Python's own finders (and ends
 // as their ModuleNotFoundError).
 const char* const kImportProgram = R"PY(
@@ -34,10 +34,10 @@ class TalaHostModuleFinder:
         return ModuleSpec(fullname, cls, origin='host', is_package=True)
 
     @staticmethod
-    def create_module(spec):
-        module = tala_host_module(spec.name)
+    def create_module(found):
+        module = tala_host_module(found.name)
         if module is None:
-            raise ImportError(f'No host module named {spec.name!r}', name=spec.name)
+            raise ImportError(f'No host module named {found.name!r}', name=found.name)
         return module
 
     @staticmethod

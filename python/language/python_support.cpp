@@ -241,14 +241,14 @@ class _StandardModuleHook:
         if patch is None:
             return None
         import importlib.machinery
-        spec = importlib.machinery.PathFinder.find_spec(name, path)
-        if spec is None or spec.loader is None:
-            return spec
-        loader = spec.loader
+        found = importlib.machinery.PathFinder.find_spec(name, path)
+        if found is None or found.loader is None:
+            return found
+        loader = found.loader
 
         class Loader:
-            def create_module(self, spec):
-                return loader.create_module(spec)
+            def create_module(self, description):
+                return loader.create_module(description)
 
             def exec_module(self, module):
                 loader.exec_module(module)
@@ -257,8 +257,8 @@ class _StandardModuleHook:
             def __getattr__(self, attribute):
                 return getattr(loader, attribute)
 
-        spec.loader = Loader()
-        return spec
+        found.loader = Loader()
+        return found
 
 
 def install_standard_module_patches():

@@ -86,7 +86,7 @@ void destroy(PyObject* self) {
     Py_DecRef(reinterpret_cast<PyObject*>(type));  // every instance holds its (heap) type
 }
 
-// The slots of one type, gathered for its spec. The tables are filled by the functions that
+// The slots of one type, gathered for PyType_FromMetaclass. The tables are filled by the functions that
 // own the slots (slots.cpp, operators.cpp) and read back here field by field.
 class SlotList {
 public:
@@ -172,14 +172,14 @@ void registerProtocol(PyTypeObject* type, Protocol protocol) {
 
 // Types are heap types made from specs; nobody may change or subclass them, nor make instances
 // but the conversion. Instances take part in cycle collection (cycles.cpp). The type's
-// `__name__` is the type's spec name after its last dot (the host class's name), while `tp_name`,
+// `__name__` is the type's full name after its last dot (the host class's name), while `tp_name`,
 // which Python's own messages print, is set to `typeName`.
 PyTypeObject* makeType(const std::string& specName, const char* typeName, const char* doc, SlotList& slots,
                        PyMethodDef* methods, PyGetSetDef* properties, PyTypeObject* base, Protocol protocol) {
     slots.add(Py_tp_doc, const_cast<char*>(doc));
     slots.add(Py_tp_methods, methods);
     slots.add(Py_tp_getset, properties);
-    PyType_Spec spec{specName.c_str(), static_cast<int>(sizeof(TalaObject)), 0,
+    PyType_Spec description{specName.c_str(), static_cast<int>(sizeof(TalaObject)), 0,
                      static_cast<unsigned int>(Py_TPFLAGS_DEFAULT | Py_TPFLAGS_IMMUTABLETYPE | Py_TPFLAGS_HAVE_GC |
                                                Py_TPFLAGS_DISALLOW_INSTANTIATION | matchFlag(protocol)),
                      slots.finish()};
@@ -187,7 +187,7 @@ PyTypeObject* makeType(const std::string& specName, const char* typeName, const 
     // A base takes new subtypes only while it says so: for the moment of this creation, under
     // the interpreter lock, so that Python code can never derive from a wrapper type.
     if (base != nullptr) base->tp_flags |= Py_TPFLAGS_BASETYPE;
-    auto* type = reinterpret_cast<PyTypeObject*>(PyType_FromMetaclass(nullptr, nullptr, &spec, bases.get()));
+    auto* type = reinterpret_cast<PyTypeObject*>(PyType_FromMetaclass(nullptr, nullptr, &description, bases.get()));
     if (base != nullptr) base->tp_flags &= ~Py_TPFLAGS_BASETYPE;
     if (type == nullptr) {
         // Out of memory, or a broken name: the generic minimal shape is no answer either, so
@@ -251,7 +251,7 @@ PyTypeObject* genericType(int which, Protocol protocol) {
     addCommonSlots(slots);
     addShapeSlots(slots, genericShape(which));
     // "builtins.": the types belong to no module, as Python's own types; their name is the
-    // spec's text after the dot.
+    // full name's text after the dot.
     PyTypeObject* type = makeType(std::string("builtins.") + kTalaObjectTypeName, kTalaObjectTypeName, kGenericDoc, slots,
                                   commonMethods(), nullptr, nullptr, protocol);
     table.generic.emplace(key, type);
@@ -271,7 +271,7 @@ std::string perClassTypeName(const Class_Generic& cls) {
     return name;
 }
 
-// The spec's name: the module's name, a dot, the class's name, so that the type reads in
+// The type's full name: the module's name, a dot, the class's name, so that the type reads in
 // Python as the host class (`type(db).__name__` is "Database", its module "sqlite").
 std::string perClassSpecName(const Class_Generic& cls) {
     std::string qualified(cls.qualname().view());

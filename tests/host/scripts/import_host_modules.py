@@ -9,8 +9,8 @@ for name, module in seen.items():
     assert importlib.import_module(name) is module, name
     assert sys.modules[name] is module, name
     assert importlib.reload(module) is module, name
-    spec = importlib.util.find_spec(name)
-    assert spec is not None and spec.origin == "host" and spec is module.__spec__, name
+    found = importlib.util.find_spec(name)
+    assert found is not None and found.origin == "host" and found is module.__spec__, name
 import sqlite as imported
 from sqlite import Database
 from tala.python import evaluate_expr

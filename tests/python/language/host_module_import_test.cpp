@@ -87,12 +87,12 @@ TEST_F(HostModuleImportTest, AnInternalModuleIsNotImportable) {
 }
 
 TEST_F(HostModuleImportTest, FindSpecDescribesAHostModuleWithoutAFile) {
-    EXPECT_EQ(run("import importlib.util\nspec = importlib.util.find_spec('hmi_shop')\n"
-                  "return (spec.name, spec.origin, spec.has_location, spec.submodule_search_locations, "
-                  "spec.loader.__name__)"),
+    EXPECT_EQ(run("import importlib.util\nfound = importlib.util.find_spec('hmi_shop')\n"
+                  "return (found.name, found.origin, found.has_location, found.submodule_search_locations, "
+                  "found.loader.__name__)"),
               "('hmi_shop', 'host', False, [], 'TalaHostModuleFinder')");
     EXPECT_EQ(run("import importlib.util\nreturn importlib.util.find_spec('hmi_nowhere')"), "None");
-    // Once imported, the spec is the one the module keeps, as for any imported module.
+    // Once imported, the description found is the one the module keeps, as for any imported module.
     EXPECT_EQ(run("import importlib.util, hmi_shop\nreturn importlib.util.find_spec('hmi_shop') is hmi_shop.__spec__"),
               "True");
 }

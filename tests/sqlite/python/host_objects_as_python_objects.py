@@ -257,11 +257,11 @@ class StandardLibrary(unittest.TestCase):
 
     def test_mock_autospec(self):
         db = new_database()
-        spec = unittest.mock.create_autospec(db)
-        spec.query("SELECT 1")
-        spec.query.assert_called_once_with("SELECT 1")
+        mocked = unittest.mock.create_autospec(db)
+        mocked.query("SELECT 1")
+        mocked.query.assert_called_once_with("SELECT 1")
         with self.assertRaises(TypeError):
-            spec.query()
+            mocked.query()
 
     def test_attribute_copy_with_defaults_as_dataclasses_replace_does(self):
         @dataclasses.dataclass
