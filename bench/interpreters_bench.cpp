@@ -19,7 +19,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <string>
 #include <thread>
@@ -29,6 +28,7 @@
 #include "extension/interpreter.hpp"
 #include "extension/interpreters.hpp"
 #include "language/evaluate.hpp"
+#include "resident_memory.hpp"
 #include "tala/tala.hpp"
 
 namespace {
@@ -163,14 +163,7 @@ void BM_Raw_IsolatedInterpreters(benchmark::State& state) {
 
 // ---- Memory ----------------------------------------------------------------------------------
 
-double residentMiB() {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("VmRSS:", 0) == 0) return std::strtod(line.c_str() + 6, nullptr) / 1024.0;
-    }
-    return 0;
-}
+using tala_bench::residentMiB;
 
 // Prints the memory one more interpreter adds (isolated layout: threads enter, each making one),
 // then the memory over 100,000 evaluations spread over 8 threads, sampled after each tenth.

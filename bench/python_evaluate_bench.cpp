@@ -12,7 +12,6 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <fstream>
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -26,6 +25,7 @@
 #include "language/interruption.hpp"
 #include "language/namespace.hpp"
 #include "ratio_reporter.hpp"
+#include "resident_memory.hpp"
 #include "tala/tala.hpp"
 
 namespace {
@@ -222,14 +222,7 @@ BENCHMARK(BM_Raw_FirstTime_CompileExec_TwoLines);
 
 // ---- Resident memory over many evaluations -----------------------------------------------------
 
-// Resident set size in KiB, from /proc/self/statm (its second field counts pages).
-double residentKiB() {
-    std::ifstream statm("/proc/self/statm");
-    long long size = 0;
-    long long resident = 0;
-    statm >> size >> resident;
-    return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) / 1024.0;
-}
+using tala_bench::residentKiB;
 
 double allocatedBlocks() {
     GilGuard gil;

@@ -24,13 +24,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "database.hpp"
 #include "loaded_extension.hpp"
+#include "resident_memory.hpp"
 #include "tala/tala.hpp"
 
 namespace {
@@ -219,14 +219,7 @@ struct Sample {
     std::int64_t blocks;
 };
 
-double residentMiB() {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("VmRSS:", 0) == 0) return std::strtod(line.c_str() + 6, nullptr) / 1024.0;
-    }
-    return 0;
-}
+using tala_bench::residentMiB;
 
 Sample sample(double seconds, std::int64_t rounds) {
     const Any blocks = host().run("import gc, sys\ngc.collect()\nreturn sys.getallocatedblocks()");
