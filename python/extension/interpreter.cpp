@@ -19,6 +19,7 @@
 #include "extension/sys_path.hpp"
 #include "language/host_module_import.hpp"
 #include "language/evaluate.hpp"
+#include "language/interruption.hpp"
 #include "language/language_python.hpp"
 
 // Takes the interpreters other than the main one out of CPython's list (fork_child.c).
@@ -152,6 +153,9 @@ void installHelpForHostValues() {
 void prepareInterpreter(Interpreter& interpreter) {
     nameInstallationProgram();
     if (interpreter.isMain()) return;  // the rest follows in ensurePythonInitialized
+    // What runs here is the extension's own work, not an evaluation of the host's: an
+    // interruption asked for meanwhile waits for the host's evaluation that follows.
+    const UncountedEvaluations own;
     applySearchPaths(interpreter);
     installHelpForHostValues();
     installHostModuleImportHere();

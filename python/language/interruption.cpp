@@ -33,6 +33,7 @@ struct ThreadRecord {
     bool raised = false;                                // ... and the interruption was raised in it
     std::atomic<Clock::rep> graceEnds{0};               // from then on it is raised again at every jump
     PyObjectPtr first;  // the exception first raised, kept to the end (null between evaluations)
+    Interpreter* firstIn = nullptr;  // ... and the interpreter it was raised in, where it is kept
     // The interpreter of each running evaluation, outermost first (one thread may evaluate in
     // several: a call into a proxy of another interpreter's object), and those in which the
     // interruption switched monitoring on.
@@ -94,6 +95,7 @@ void raiseIn(ThreadRecord& record) {
     if (!record.raised) {
         record.raised = true;
         record.first = PyObjectPtr::borrow(exception.get());
+        record.firstIn = currentInterpreter();
     }
     stopInterruptSignal();
     PyErr_SetRaisedException(exception.release());
@@ -234,7 +236,17 @@ PyObject* makeInterruptedType() {
 
 }  // namespace
 
-EvaluationScope::EvaluationScope() noexcept {
+namespace {
+// Set while a thread runs evaluations of the extension's own (an interpreter's first
+// evaluations, made when it starts): they are no evaluations of the host's to stop.
+thread_local bool t_uncounted = false;
+}  // namespace
+
+UncountedEvaluations::UncountedEvaluations() noexcept : previous_(t_uncounted) { t_uncounted = true; }
+UncountedEvaluations::~UncountedEvaluations() { t_uncounted = previous_; }
+
+EvaluationScope::EvaluationScope() noexcept : counted_(!t_uncounted) {
+    if (!counted_) return;
     ThreadRecord& record = t_record.get();
     // Prepared before the evaluation can be stopped: the preparation may import (the first time
     // in an interpreter), and an interruption raised inside an import made here would be lost.
@@ -249,6 +261,7 @@ EvaluationScope::EvaluationScope() noexcept {
 }
 
 EvaluationScope::~EvaluationScope() {
+    if (!counted_) return;
     ThreadRecord& record = t_record.record;
     std::vector<Interpreter*> monitored;
     {
@@ -260,6 +273,11 @@ EvaluationScope::~EvaluationScope() {
         monitored.swap(record.monitored);
     }
     record.raised = false;
+    // The exception is given back in its own interpreter (this evaluation may run in another).
+    if (record.firstIn != nullptr) {
+        record.firstIn->release(record.first.release());
+        record.firstIn = nullptr;
+    }
     record.first.reset();
     stopInterruptSignal();
     for (Interpreter* interpreter : monitored) {
@@ -269,11 +287,13 @@ EvaluationScope::~EvaluationScope() {
 }
 
 bool EvaluationScope::endsInterrupted() noexcept {
+    if (!counted_) return false;
     ThreadRecord* record = interruptedHere();
     if (record == nullptr) return false;
     if (PyErr_Occurred() != nullptr && PyErr_ExceptionMatches(interruptedType())) return true;
     PyErr_Clear();
-    if (record->first) {
+    // The first exception is raised again only in the interpreter that made it.
+    if (record->first && record->firstIn == currentInterpreter()) {
         PyErr_SetRaisedException(PyObjectPtr::borrow(record->first.get()).release());
     } else {
         raiseIn(*record);

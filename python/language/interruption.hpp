@@ -24,6 +24,23 @@ public:
     // returned, or raised something else) is raised again as it was first raised, with the
     // frames it passed; one that came too late to be raised is made now.
     bool endsInterrupted() noexcept;
+
+private:
+    bool counted_;  // false inside UncountedEvaluations: the scope does nothing
+};
+
+// While one lives, the calling thread's evaluations are the extension's own (an interpreter's
+// first ones, run when it starts): they do not count as running, so an interruption asked for
+// meanwhile is not taken by them but waits for the host's evaluation.
+class UncountedEvaluations {
+public:
+    UncountedEvaluations() noexcept;
+    ~UncountedEvaluations();
+    UncountedEvaluations(const UncountedEvaluations&) = delete;
+    UncountedEvaluations& operator=(const UncountedEvaluations&) = delete;
+
+private:
+    bool previous_;
 };
 
 // The identifier of the calling thread as the interpreter knows it (threading.get_ident() in

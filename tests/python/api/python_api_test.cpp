@@ -236,14 +236,6 @@ TEST_F(Stopping, TheThreadIdIsPythonsIdentOfTheCallingThread) {
 }
 
 TEST_F(Stopping, InterruptStopsTheEvaluationOfAnotherThread) {
-    const char* layout = std::getenv("TALA_PYTHON_INTERPRETERS");
-    if (layout != nullptr && std::string(layout) == "isolated") {
-        // Known defect: asked at the very start of the first evaluation in an interpreter just
-        // made, the interruption is raised inside that evaluation's set-up and lost there, and
-        // the loop goes on. Stopping a running evaluation in any interpreter is tested by the
-        // interruption tests, which run in both layouts.
-        GTEST_SKIP() << "an interruption at the start of a new interpreter's first evaluation is lost";
-    }
     std::atomic<std::int64_t> runnerId{0};
     Result<Any> outcome = Any();
     std::thread runner([&] {
