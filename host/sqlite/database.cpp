@@ -39,20 +39,39 @@ const Identifier kExit{"$__exit__"};
 
 // ---- Operations, each under the connection's lock -------------------------------------------
 
+// How many virtual machine steps a statement makes between two looks at whether its call was
+// asked to stop.
+constexpr int kStepsBetweenStopChecks = 1000;
+
+// Answers non-zero, which makes SQLite end the running statement with "interrupted", once the
+// flag it watches is set.
+int stopWhenAsked(void* asked) { return static_cast<const std::atomic<bool>*>(asked)->load(std::memory_order_relaxed) ? 1 : 0; }
+
 // Runs `body(connection)` with the lock held, or answers the closed-database error. A runtime
-// that is asked to stop the call (an interrupted evaluation) interrupts the statements running on
-// the connection meanwhile, which are this call's own while it holds the lock: they end with
-// SQLite's "interrupted". The connection stays open until the scope has ended.
+// that is asked to stop the call (an interrupted evaluation) stops the statements running on the
+// connection meanwhile, which are this call's own while it holds the lock: they end with
+// SQLite's "interrupted". SQLite forgets an interrupt that comes while no statement runs, so the
+// request also sets a flag that a progress handler watches: a statement that starts after it
+// stops too. The connection stays open until the scope has ended.
 template <class Body>
 Any withConnection(const Database& database, Body&& body) {
     DatabaseCell* cell = database.cell();
     std::lock_guard lock(cell->lock);
-    if (cell->connection == nullptr) return closedError();
-    const CancelScope cancellable([connection = cell->connection] { sqlite3_interrupt(connection); });
-    // Asked to stop while it waited for the lock: SQLite forgets an interrupt that comes before
-    // any statement runs, so the call ends here.
-    if (cancellable.cancelled()) return sqlError(SQLITE_INTERRUPT, String(sqlite3_errstr(SQLITE_INTERRUPT)));
-    return body(cell->connection);
+    sqlite3* connection = cell->connection;
+    if (connection == nullptr) return closedError();
+    std::atomic<bool> asked{false};
+    sqlite3_progress_handler(connection, kStepsBetweenStopChecks, stopWhenAsked, &asked);
+    Any result;
+    {
+        const CancelScope cancellable([connection, &asked] {
+            asked.store(true, std::memory_order_relaxed);
+            sqlite3_interrupt(connection);
+        });
+        // Asked to stop while it waited for the lock: the call ends before it starts.
+        result = cancellable.cancelled() ? sqlError(SQLITE_INTERRUPT, String(sqlite3_errstr(SQLITE_INTERRUPT))) : body(connection);
+    }
+    sqlite3_progress_handler(connection, 0, nullptr, nullptr);
+    return result;
 }
 
 Any query(const Database& database, const String& sql, const Any& parameters) {

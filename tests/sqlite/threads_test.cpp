@@ -2,11 +2,13 @@
 // from Python code that each thread evaluates, and closed while others use it.
 #include <atomic>
 #include <chrono>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "sqlite_test_support.hpp"
+#include "tala/cancellation.hpp"
 
 namespace {
 
@@ -173,6 +175,31 @@ finally:
     runner.join();
     EXPECT_EQ(errorMessage(result), "The evaluation was interrupted.");
     EXPECT_EQ(text(call(database, "query", {String("SELECT thread, n FROM events")})), "[Row(thread=7, n=7)]");
+}
+
+TEST_F(ThreadsTest, AStopAskedAtAnyMomentOfACallEndsItsStatement) {
+    // The request comes at a random moment: before the call takes the connection, while it
+    // prepares the statement, before the statement's first step or while it runs. Each time the
+    // long count ends early as interrupted instead of giving its total.
+    const String longCount("WITH RECURSIVE c(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM c WHERE x < 20000000) SELECT count(*) FROM c");
+    std::mt19937 random(20261124);
+    std::uniform_int_distribution<int> delayNanoseconds(0, 150000);
+    for (int round = 0; round < 1000; ++round) {
+        std::atomic<std::uint64_t> key{0};
+        Any outcome;
+        std::thread caller([&] {
+            const tala::BlockingCall blocking;
+            key = tala::current_thread_key();
+            outcome = call(database, "query", {longCount});
+        });
+        while (key.load() == 0) std::this_thread::yield();
+        const auto until = std::chrono::steady_clock::now() + std::chrono::nanoseconds(delayNanoseconds(random));
+        while (std::chrono::steady_clock::now() < until) {
+        }
+        EXPECT_NE(tala::cancel_blocking_call(key.load()), tala::CancelOutcome::NoCall);
+        caller.join();
+        ASSERT_EQ(errorMessage(outcome), "interrupted") << "round " << round << ": " << text(outcome);
+    }
 }
 
 }  // namespace
