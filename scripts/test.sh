@@ -22,12 +22,13 @@ total_passed=0
 # run_ctest PRESET BUILD_DIR [LAYOUT]: run the preset's tests, stop on failure, and
 # add the number of passed tests to total_passed. LAYOUT "isolated" runs them again
 # with Python's isolated interpreters forced by TALA_PYTHON_INTERPRETERS (all but the
-# soak, whose minute the first run gives).
+# soak, whose minute the first run gives; left out by its label, so that a name filter
+# of the preset still holds).
 run_ctest() {
     local preset="$1" build_dir="$2" layout="${3:-shared}"
     local log="$build_dir/ctest-$preset-$layout.log"
     local extra=()
-    [[ "$layout" == "isolated" ]] && extra=(-E '^tala_soak_60s$')
+    [[ "$layout" == "isolated" ]] && extra=(-LE '^soak$')
     tala_log "running tests of preset $preset ($layout interpreters)"
     local rc=0
     TALA_PYTHON_INTERPRETERS="$layout" ctest --preset "$preset" -j "$TALA_TEST_JOBS" "${extra[@]}" </dev/null 2>&1 |
