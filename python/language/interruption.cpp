@@ -328,8 +328,12 @@ bool interruptEvaluation(std::int64_t threadId, double graceSeconds) {
         if (record.depth.load() == 0) return false;
         const auto now = Clock::now();
         if (!record.interrupted.load()) {
+            // A longer grace (infinity among them) is as good as none ending; the bound keeps the
+            // sum within the clock's range.
+            constexpr double kLongestGraceSeconds = 1e9;  // about 31 years
+            const double grace = std::min(graceSeconds, kLongestGraceSeconds);
             record.graceEnds.store(
-                (now + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(graceSeconds))).time_since_epoch().count(),
+                (now + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(grace))).time_since_epoch().count(),
                 std::memory_order_release);
             record.interrupted.store(true, std::memory_order_release);
         } else {

@@ -6,7 +6,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -424,6 +426,23 @@ TEST_F(InterruptionTest, TheGracePeriodMustBeANumberOfSeconds) {
     EXPECT_EQ(errorMessage(interrupt(Integer(currentThreadId()), String("soon"))),
               "The grace period must be a number of seconds, not 'soon'.");
     EXPECT_EQ(text(interrupt(Integer(currentThreadId()), tala::Float(0.5))), "False");
+    EXPECT_EQ(errorMessage(interrupt(Integer(currentThreadId()), tala::Float(std::nan("")))),
+              "The grace period must be a number of seconds, not nan.");
+}
+
+TEST_F(InterruptionTest, AnEndlessGracePeriodStillStopsTheEvaluation) {
+    // Infinity and a grace too long for the clock: the code is stopped once and never again,
+    // so code that swallows the interruption runs its handler; the evaluation ends interrupted.
+    const tala::Class_Generic language = tala::LanguagePython::getClass();
+    const auto interrupt = tala::definedMethod(language, tala::Identifier::intern("interrupt")).as<tala::I_Invokable_Generic>();
+    for (const double grace : {std::numeric_limits<double>::infinity(), 1e300}) {
+        tala_python_test::Watchdog watchdog(std::chrono::seconds(60));
+        Runner runner("started()\ntry:\n    while True:\n        pass\nexcept KeyboardInterrupt:\n    pass");
+        ASSERT_TRUE(runner.waitUntilStarted()) << text(runner.result);
+        EXPECT_EQ(text(interrupt(Integer(runner.threadId.load()), tala::Float(grace))), "True");
+        runner.join();
+        EXPECT_EQ(errorMessage(runner.result), "The evaluation was interrupted.");
+    }
 }
 
 }  // namespace
