@@ -28,7 +28,9 @@ int interruptSignalNumber() noexcept { return 0; }
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
+#include <mutex>
 
 namespace tala::python {
 
@@ -43,12 +45,14 @@ pthread_t g_signalThread{};            // ... and as pthread_kill knows it
 // The signal is sent again every 20 ms until the interruption is raised: one that lands after
 // the waiting function's last look for signals and before its wait begins (the thread has let
 // go of the interpreter lock, and may be preempted right there) would otherwise be missed until
-// the wait ends. A timer of the kernel's sends it; `g_resendArmed` is read and written under the
-// interpreter lock.
+// the wait ends. A timer of the kernel's sends it. The thread that asks for the interruption
+// arms it and the interrupted one disarms it, each holding the lock of its own interpreter at
+// most, so the timer has a lock of its own.
 constexpr long kResendNanoseconds = 20'000'000;
 timer_t g_resend{};
 bool g_resendMade = false;
-bool g_resendArmed = false;
+std::mutex g_resendLock;
+std::atomic<bool> g_resendArmed{false};  // written under g_resendLock
 
 void makeResendTimer() {
     sigevent event{};
@@ -59,10 +63,12 @@ void makeResendTimer() {
 }
 
 void armResend(bool on) {
-    if (!g_resendMade || g_resendArmed == on) return;
+    if (!g_resendMade) return;
+    std::lock_guard lock(g_resendLock);
+    if (g_resendArmed.load(std::memory_order_relaxed) == on) return;
     itimerspec every{};
     if (on) every.it_value.tv_nsec = every.it_interval.tv_nsec = kResendNanoseconds;
-    if (timer_settime(g_resend, 0, &every, nullptr) == 0) g_resendArmed = on;
+    if (timer_settime(g_resend, 0, &every, nullptr) == 0) g_resendArmed.store(on, std::memory_order_relaxed);
 }
 
 int chosenSignal() {
@@ -137,7 +143,7 @@ bool sendInterruptSignal(std::int64_t threadId) {
 }
 
 void stopInterruptSignal() noexcept {
-    if (g_resendArmed && PyThread_get_thread_ident() == g_signalThreadId) armResend(false);
+    if (g_resendArmed.load(std::memory_order_relaxed) && PyThread_get_thread_ident() == g_signalThreadId) armResend(false);
 }
 
 int interruptSignalNumber() noexcept { return g_signal; }
