@@ -35,8 +35,11 @@ TALA_HOT_THREAD_LOCAL KeptThreadState t_kept;
 
 Interpreter* interpreterOfThisThread() noexcept { return currentInterpreter(); }
 
+// In the shared layout every thread of ours runs in the one interpreter; a thread inside one
+// that Python code made for itself stays there, as it would without a target (entering ours
+// would need the state it holds given up, which is not ours to do).
 bool GilGuard::runsIn(PyThreadState* current, Interpreter* target) noexcept {
-    return PyThreadState_GetInterpreter(current) == target->handle();
+    return interpreterLayout() == InterpreterLayout::Shared || PyThreadState_GetInterpreter(current) == target->handle();
 }
 
 void GilGuard::enter(Interpreter* target) noexcept {

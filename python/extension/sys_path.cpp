@@ -95,19 +95,17 @@ Union<None, Lazy<None>, Error> python_add_sys_path(const String& path) {
 
 void applySearchPaths(Interpreter& interpreter) {
     AddedPaths& all = added();
-    const std::uint64_t version = all.version.load(std::memory_order_acquire);
-    if (interpreter.searchPathsVersion == version) return;
-    std::vector<String> paths;
+    if (interpreter.searchPathsVersion == all.version.load(std::memory_order_acquire)) return;
+    // The version counts the paths: the interpreter has the first `searchPathsVersion` already.
+    // (The paths queued before Python ran are among them: they were added once it ran.)
+    std::vector<String> missing;
     {
         std::lock_guard lock(all.mutex);
-        paths = all.paths;
-        interpreter.searchPathsVersion = all.version.load(std::memory_order_relaxed);
+        const auto has = static_cast<std::ptrdiff_t>(interpreter.searchPathsVersion);
+        missing.assign(all.paths.begin() + has, all.paths.end());
+        interpreter.searchPathsVersion = all.paths.size();
     }
-    if (!interpreter.isMain()) {
-        // A new interpreter starts with the paths queued before Python ran, as the main one did.
-        for (const String& path : pendingSysPaths()) (void)appendToSysPath(path);
-    }
-    for (const String& path : paths) (void)appendToSysPath(path);
+    for (const String& path : missing) (void)appendToSysPath(path);
     PyErr_Clear();
 }
 
