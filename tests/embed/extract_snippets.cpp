@@ -117,7 +117,7 @@ int main(int argc, char** argv) {
                 }
                 expected += block.text;
             }
-            if (block.info.starts_with("cpp") || block.info == "text") previous = &block;
+            previous = &block;
         }
         if (snippets == 0) throw std::runtime_error("the document shows no code");
 

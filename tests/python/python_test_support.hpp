@@ -38,8 +38,6 @@ protected:
     }
 };
 
-// Keeps a class made by a test for the rest of the process. Published classes are never freed by
-// the object model; kept here, they stay reachable, as the classes of real modules do.
 // Whether the tests run in the isolated interpreter layout (TALA_PYTHON_INTERPRETERS=isolated):
 // each host thread then runs in an interpreter of its own, with its own types and modules.
 inline bool isolatedLayout() {
@@ -58,6 +56,8 @@ inline constexpr const char* kLeastBlockGrowthOfThreeChurns = "grown = []\n"
                                                               "    grown.append(sys.getallocatedblocks() - blocks)\n"
                                                               "grown = min(grown)\n";
 
+// Keeps a class made by a test for the rest of the process. Published classes are never freed by
+// the object model; kept here, they stay reachable, as the classes of real modules do.
 inline tala::Class_Generic kept(const tala::Class_Generic& cls) {
     static auto* classes = new std::vector<tala::Class_Generic>();
     static std::mutex mutex;

@@ -412,8 +412,12 @@ TEST_F(InterruptionTest, ABlockingHostCallIsStoppedOnAnyThreadAndLaterCallsRun) 
     });
     while (!started.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const auto asked = std::chrono::steady_clock::now();
     EXPECT_TRUE(interruptEvaluation(threadId));
     runner.join();
+    // The cancel function ended the wait: it did not run out its 30 seconds.
+    EXPECT_TRUE(gate->open);
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(10));
     EXPECT_EQ(notes, (std::vector<std::string>{"Interrupted", "paused"}));
     EXPECT_EQ(errorProperty(result, "exceptionType"), "tala.python.Interrupted");
 }

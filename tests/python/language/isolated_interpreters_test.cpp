@@ -147,15 +147,35 @@ TEST_F(IsolatedInterpretersTest, APythonObjectIsUsedFromAnotherInterpreterThroug
 }
 
 TEST_F(IsolatedInterpretersTest, AnErrorWithItsTracebackIsReadOnAnotherThread) {
+    // The thread that made the error lives on while another reads it: the two have different
+    // interpreters.
     Any error;
-    std::thread([&] { error = run("def inner():\n    raise KeyError('lost')\ninner()"); }).join();
+    Any shown;
+    std::string traceback;
+    Interpreter* madeIn = nullptr;
+    Interpreter* readIn = nullptr;
+    std::latch made(1);
+    std::latch read(1);
+    std::thread maker([&] {
+        error = run("def inner():\n    raise KeyError('lost')\ninner()");
+        madeIn = homeHere();
+        made.count_down();
+        read.wait();
+    });
+    std::thread reader([&] {
+        made.wait();
+        readIn = homeHere();
+        shown = eval("e", {{String("e"), error}});
+        traceback = tala_language_test::errorProperty(error, "traceback");
+        read.count_down();
+    });
+    maker.join();
+    reader.join();
     ASSERT_TRUE(tala::Error::matches(error)) << text(error);
-    Any read;
-    std::thread([&] {
-        read = eval("str(e.tala)", {{String("e"), error}});
-        const std::string traceback = tala_language_test::errorProperty(error, "traceback");
-        EXPECT_NE(traceback.find("in inner"), std::string::npos) << traceback;
-    }).join();
+    EXPECT_NE(madeIn, readIn);
+    // An error handed to Python is raised there, in the reader's interpreter, and comes back.
+    EXPECT_EQ(errorMessage(shown), "'lost'");
+    EXPECT_NE(traceback.find("in inner"), std::string::npos) << traceback;
     EXPECT_EQ(errorMessage(error), "'lost'");
 }
 
@@ -198,13 +218,15 @@ TEST_F(IsolatedInterpretersTest, ModulesThatCannotBeIsolatedFailWithPythonsImpor
 
 TEST_F(IsolatedInterpretersTest, ASearchPathAddedLaterReachesEveryInterpreter) {
     // Interpreters made before the path is added, and one made after.
-    std::vector<std::string> before(3);
-    onThreadsAtOnce(3, [&](int index) { before[index] = text(run("import sys\nreturn len(sys.path) > 0")); });
     const std::string folder = (std::filesystem::temp_directory_path() / "tala_isolated_path_test").string();
+    std::vector<std::string> before(3);
+    onThreadsAtOnce(3, [&](int index) {
+        before[index] = text(run("import sys\nreturn sys.path.count(folder)", {{String("folder"), String(folder)}}));
+    });
+    for (const std::string& count : before) EXPECT_EQ(count, "0");
     std::filesystem::create_directories(folder);
     const Any added = tala::python::python_add_sys_path(String(folder));
     ASSERT_FALSE(tala::is_error_result(added)) << text(added);
-    for (const std::string& answer : before) EXPECT_EQ(answer, "True");
     std::vector<std::string> after(5);
     onThreadsAtOnce(5, [&](int index) {
         after[index] = text(run("import sys\nreturn sys.path.count(folder)", {{String("folder"), String(folder)}}));
@@ -269,12 +291,16 @@ TEST_F(IsolatedInterpretersTest, ObjectsDroppedOutsideTheirInterpreterAreFreedTh
     EXPECT_EQ(text(eval("Counted.live", {{String("Counted"), counted}})), "100");
     // Dropped on a thread that never ran Python, and on one inside another interpreter.
     std::thread([&] { made.resize(50); }).join();
+    Interpreter* owner = homeHere();
     std::thread([&] {
-        ASSERT_FALSE(homeHere()->isMain());
+        ASSERT_NE(homeHere(), owner);
         (void)eval("1");
         made.clear();
     }).join();
+    // Neither thread could enter the objects' interpreter: they wait there to be freed.
+    EXPECT_TRUE(owner->hasPendingReleases());
     tala::python::releasePendingEverywhere();
+    EXPECT_FALSE(owner->hasPendingReleases());
     EXPECT_EQ(text(eval("Counted.live", {{String("Counted"), counted}})), "0");
 }
 
