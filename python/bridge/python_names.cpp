@@ -47,7 +47,8 @@ PyObject* StaticName::get() {
 
 PyObject* pythonName(const String& name) {
     const internal::Cell* cell = name.cell();
-    NameCache::Slot& slot = nameCache().slots[(std::hash<const void*>()(cell) >> 4) % nameCache().slots.size()];
+    NameCache& cache = nameCache();
+    NameCache::Slot& slot = cache.slots[(std::hash<const void*>()(cell) >> 4) % cache.slots.size()];
     if (slot.text != nullptr && slot.name.cell() == cell) return slot.text;
     PyObject* text = PyUnicode_DecodeUTF8(name.data(), static_cast<Py_ssize_t>(name.size()), nullptr);
     if (text == nullptr) return nullptr;
