@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <mutex>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -34,6 +35,7 @@ struct ThreadRecord {
     std::atomic<Clock::rep> graceEnds{0};               // from then on it is raised again at every jump
     PyObjectPtr first;  // the exception first raised, kept to the end (null between evaluations)
     Interpreter* firstIn = nullptr;  // ... and the interpreter it was raised in, where it is kept
+    bool scheduled = false;          // handed to the eval breaker (which makes the exception) since the start
     // The interpreter of each running evaluation, outermost first (one thread may evaluate in
     // several: a call into a proxy of another interpreter's object), and those in which the
     // interruption switched monitoring on.
@@ -88,17 +90,42 @@ bool inGracePeriod(const ThreadRecord& record) {
     return Clock::now().time_since_epoch().count() < record.graceEnds.load(std::memory_order_acquire);
 }
 
+// Keeps `exception` as the evaluation's own interruption when it is the first one made.
+void keepFirst(ThreadRecord& record, PyObject* exception) {
+    if (record.first) return;
+    record.first = PyObjectPtr::borrow(exception);
+    record.firstIn = currentInterpreter();
+}
+
 // Raises the interruption; the first one is kept as the evaluation's own.
 void raiseIn(ThreadRecord& record) {
     PyObjectPtr exception = PyObjectPtr::steal(PyObject_CallNoArgs(interruptedType()));
     if (!exception) return;  // what went wrong is raised instead
-    if (!record.raised) {
-        record.raised = true;
-        record.first = PyObjectPtr::borrow(exception.get());
-        record.firstIn = currentInterpreter();
-    }
+    record.raised = true;
+    keepFirst(record, exception.get());
     stopInterruptSignal();
     PyErr_SetRaisedException(exception.release());
+}
+
+// Has the interruption raised at the thread's next look at its eval breaker (the check of every
+// backward jump and function start) instead of here. CPython 3.13 unwinds an exception raised
+// by a JUMP or BRANCH callback past the handlers of the frame it is raised in (its except,
+// finally and with blocks never run), while one raised at the eval breaker is handled as any
+// other. The eval breaker makes the instance with no arguments; its __init__ keeps it as the
+// first (initInterrupted).
+void scheduleIn(ThreadRecord& record) {
+    record.raised = true;
+    record.scheduled = true;
+    stopInterruptSignal();
+    (void)PyThreadState_SetAsyncExc(PyThread_get_thread_ident(), interruptedType());
+}
+
+// Takes back an interruption handed to the eval breaker that has not been raised yet: it must
+// not stop what the thread runs later.
+void unschedule(ThreadRecord& record) {
+    if (!record.scheduled) return;
+    record.scheduled = false;
+    (void)PyThreadState_SetAsyncExc(PyThread_get_thread_ident(), nullptr);
 }
 
 // Keeps the exception pending on this thread aside for one scope: the work done meanwhile is
@@ -117,8 +144,8 @@ private:
     PyObjectPtr pending_;
 };
 
-// Where the interruption can be raised (a jump, a function start, a signal handler): raises it
-// the first time, and again at every such point once the grace period is over.
+// Where the interruption can be raised (a function start, a signal handler): raises it the
+// first time, and again at every such point once the grace period is over.
 PyObject* raiseIfDue(PyObject*, PyObject* const*, Py_ssize_t) {
     ThreadRecord* record = interruptedHere();
     if (record == nullptr || (record->raised && inGracePeriod(*record))) Py_RETURN_NONE;
@@ -126,8 +153,17 @@ PyObject* raiseIfDue(PyObject*, PyObject* const*, Py_ssize_t) {
     return nullptr;
 }
 
+// The same at a jump, through the eval breaker (scheduleIn).
+PyObject* scheduleIfDue(PyObject*, PyObject* const*, Py_ssize_t) {
+    ThreadRecord* record = interruptedHere();
+    if (record != nullptr && !(record->raised && inGracePeriod(*record))) scheduleIn(*record);
+    Py_RETURN_NONE;
+}
+
 PyMethodDef g_monitoringCallback{"tala_interruption_check", fastCallFunction(raiseIfDue), METH_FASTCALL,
                                  "Raises the interruption in an evaluation that was told to stop."};
+PyMethodDef g_jumpCallback{"tala_interruption_jump_check", fastCallFunction(scheduleIfDue), METH_FASTCALL,
+                           "Has the interruption raised at the next check of an evaluation that was told to stop."};
 PyMethodDef g_signalHandler{"tala_interruption_signal", fastCallFunction(raiseIfDue), METH_FASTCALL,
                             "Raises the interruption where a wait in C was ended by the interrupt signal."};
 
@@ -167,8 +203,9 @@ PyObjectPtr monitoring() {
 bool claimTool(MonitoringState& here, PyObject* monitoringModule) {
     if (here.tool >= 0) return true;
     PyObjectPtr callback = PyObjectPtr::steal(PyCFunction_New(&g_monitoringCallback, nullptr));
+    PyObjectPtr jumpCallback = PyObjectPtr::steal(PyCFunction_New(&g_jumpCallback, nullptr));
     PyObjectPtr events = PyObjectPtr::steal(PyObject_GetAttrString(monitoringModule, "events"));
-    if (!callback || !events) return false;
+    if (!callback || !jumpCallback || !events) return false;
     for (int tool : {4, 3}) {
         PyObjectPtr claimed = PyObjectPtr::steal(PyObject_CallMethod(monitoringModule, "use_tool_id", "is", tool, "tala"));
         if (!claimed) {
@@ -177,8 +214,9 @@ bool claimTool(MonitoringState& here, PyObject* monitoringModule) {
         }
         for (const char* name : {"JUMP", "PY_START", "PY_RESUME"}) {
             PyObjectPtr event = PyObjectPtr::steal(PyObject_GetAttrString(events.get(), name));
+            PyObject* called = std::string_view(name) == "JUMP" ? jumpCallback.get() : callback.get();
             PyObjectPtr done = event ? PyObjectPtr::steal(PyObject_CallMethod(monitoringModule, "register_callback", "iOO", tool,
-                                                                              event.get(), callback.get()))
+                                                                              event.get(), called))
                                      : PyObjectPtr();
             if (done) here.eventMask |= PyLong_AsLong(event.get());
             PyErr_Clear();
@@ -219,6 +257,10 @@ PyObject* initInterrupted(PyObject*, PyObject* arguments) {
     PyObjectPtr given = count > 1 ? PyObjectPtr::steal(PyTuple_GetSlice(arguments, 1, count))
                                   : PyObjectPtr::steal(Py_BuildValue("(s)", "The evaluation was interrupted."));
     if (!given || PyObject_SetAttrString(PyTuple_GET_ITEM(arguments, 0), "args", given.get()) < 0) return nullptr;
+    // Made by the eval breaker for an interruption handed to it: the evaluation's first.
+    if (ThreadRecord* record = interruptedHere(); record != nullptr && record->scheduled) {
+        keepFirst(*record, PyTuple_GET_ITEM(arguments, 0));
+    }
     Py_RETURN_NONE;
 }
 
@@ -273,6 +315,7 @@ EvaluationScope::~EvaluationScope() {
         monitored.swap(record.monitored);
     }
     record.raised = false;
+    unschedule(record);
     // The exception is given back in its own interpreter (this evaluation may run in another).
     if (record.firstIn != nullptr) {
         record.firstIn->release(record.first.release());

@@ -331,6 +331,36 @@ TEST_F(InterruptionTest, CodeThatCatchesTheInterruptionAndReturnsStillEndsInterr
     EXPECT_TRUE(traceback.ends_with("\ntala.python.Interrupted: The evaluation was interrupted.\n")) << traceback;
 }
 
+TEST_F(InterruptionTest, HandlersRunWhenTheInterruptionComesAtAJumpOnAnyThread) {
+    // On a thread other than the interpreter's first no signal reaches the loop: the interruption
+    // comes at one of its jumps, and the loop's own except and finally blocks still run.
+    tala_python_test::Watchdog watchdog(std::chrono::seconds(60));
+    for (const char* loop : {"    while True: pass\n", "    while True:\n        x = 1\n", "    for i in iter(int, 1):\n        pass\n"}) {
+        std::atomic<bool> started{false};
+        std::vector<std::string> notes;
+        std::atomic<std::int64_t> threadId{0};
+        Any result;
+        std::thread runner([&] {
+            threadId = currentThreadId();
+            const Map locals{{String("started"), tala::native_function([&started] { started = true; }, "started")},
+                             {String("note"), tala::native_function([&notes](const String& what) { notes.push_back(what.toStdString()); },
+                                                                    "note", {"what"})}};
+            result = tala::python::evaluate(String(std::string("started()\ntry:\n") + loop +
+                                                   "except KeyboardInterrupt:\n    note('caught')\nfinally:\n    note('finally')\n"),
+                                            mapArgument(locals), noMap(), noMutableMap());
+        });
+        while (!started.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_TRUE(interruptEvaluation(threadId));
+        runner.join();
+        EXPECT_EQ(notes, (std::vector<std::string>{"caught", "finally"})) << loop;
+        EXPECT_EQ(errorMessage(result), "The evaluation was interrupted.") << loop;
+        // The report shows where the interruption hit the loop.
+        const std::string traceback = errorProperty(result, "traceback");
+        EXPECT_NE(traceback.find(", in tala_outer\n"), std::string::npos) << traceback;
+    }
+}
+
 TEST_F(InterruptionTest, CodeThatRaisesSomethingElseInsteadStillEndsInterrupted) {
     tala_python_test::Watchdog watchdog(std::chrono::seconds(60));
     const InterruptedHere outcome = evaluateAndInterrupt(kLoopInTry + "except BaseException:\n"
