@@ -120,11 +120,14 @@ def show_host_messages(report, error, seen):
     for inner, cause in ((report.__cause__, error.__cause__), (report.__context__, error.__context__)):
         if inner is not None and cause is not None:
             show_host_messages(inner, cause, seen)
+    # The members of an exception group, each reported in the group's report.
+    for inner, member in zip(getattr(report, 'exceptions', None) or (), getattr(error, 'exceptions', None) or ()):
+        show_host_messages(inner, member, seen)
 
 
 def exception_text(kind, error, frames, colorize=False):
     """Python's report of an exception; the host's interruption shows as the KeyboardInterrupt it is."""
-    if isinstance(error, KeyboardInterrupt) and kind is not KeyboardInterrupt:
+    if kind.__module__ == 'tala.python' and kind.__qualname__ == 'Interrupted':
         kind, error = KeyboardInterrupt, KeyboardInterrupt().with_traceback(frames)
     report = traceback.TracebackException(kind, error, frames, limit=traceback.BUILTIN_EXCEPTION_LIMIT)
     show_host_messages(report, error, set())

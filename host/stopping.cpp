@@ -11,9 +11,11 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 
 #include "commands.hpp"
 
@@ -22,6 +24,13 @@ namespace tala::host {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+// A number of seconds as the clock counts; longer than about 31 years is as good as never, and
+// bounded so that the time it ends stays within the clock's range.
+Clock::duration durationOf(double seconds) {
+    constexpr double kLongestSeconds = 1e9;
+    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(std::min(seconds, kLongestSeconds)));
+}
 
 int g_signalPipe = -1;  // the write end the SIGINT handler writes to, while a Stopping lives
 struct sigaction g_previousSigint {};
@@ -64,8 +73,7 @@ Stopping::Running::Running(Stopping& stopping) : stopping_(stopping) {
     {
         std::lock_guard lock(stopping_.mutex_);
         if (!stopping_.everRan_ && stopping_.options_.timeoutSeconds) {
-            stopping_.deadline_ = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                                     std::chrono::duration<double>(*stopping_.options_.timeoutSeconds));
+            stopping_.deadline_ = Clock::now() + durationOf(*stopping_.options_.timeoutSeconds);
         }
         stopping_.everRan_ = true;
         stopping_.stage_ = Stage::Running;
@@ -98,6 +106,8 @@ void Stopping::interrupt(std::unique_lock<std::mutex>& lock) {
     const Any stopped = callLanguageMethod("interrupt", {threadId_, Float(options_.graceSeconds)});
     lock.lock();
     if (stage_ != before || !(stopped.kind() == Kind::Boolean && stopped.rawBoolean())) return;  // it ended meanwhile
+    // A Ctrl-C after the second one does not put the end of the last wait off.
+    if (stage_ == Stage::InterruptedAgain) return;
     stage_ = stage_ == Stage::Running ? Stage::Interrupted : Stage::InterruptedAgain;
     stageSince_ = Clock::now();
 }
@@ -129,14 +139,14 @@ void Stopping::watch() {
         std::optional<Clock::time_point> due;
         if (stage_ == Stage::Running && deadline_ && !timedOut_) due = *deadline_;
         if (stage_ == Stage::Interrupted) {
-            due = stageSince_ + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(options_.graceSeconds));
+            due = stageSince_ + durationOf(options_.graceSeconds);
         }
         if (stage_ == Stage::InterruptedAgain && options_.endProgram) due = stageSince_ + kLastWait;
         lock.unlock();
         int waitMilliseconds = -1;
         if (due) {
             const auto left = std::chrono::ceil<std::chrono::milliseconds>(*due - Clock::now()).count();
-            waitMilliseconds = left < 0 ? 0 : static_cast<int>(left);
+            waitMilliseconds = static_cast<int>(std::clamp<decltype(left)>(left, 0, std::numeric_limits<int>::max()));
         }
         pollfd ready{wakePipe_[0], POLLIN, 0};
         bool sigint = false;
