@@ -44,14 +44,8 @@ public:
     }
     ~ExceptionRecord() {
         if (!Py_IsInitialized() || Py_IsFinalizing()) return;
-        if (owner_ != nullptr) {
-            owner_->release(exception_);
-            if (program_ != nullptr) owner_->release(program_);
-            return;
-        }
-        GilGuard gil;
-        Py_DecRef(exception_);
-        if (program_ != nullptr) Py_DecRef(program_);
+        releaseIn(owner_, exception_);
+        if (program_ != nullptr) releaseIn(owner_, program_);
     }
     ExceptionRecord(const ExceptionRecord&) = delete;
     ExceptionRecord& operator=(const ExceptionRecord&) = delete;

@@ -179,6 +179,15 @@ void Interpreter::release(PyObject* object) noexcept {
     pendingCount_.store(pending_.size(), std::memory_order_release);
 }
 
+void releaseIn(Interpreter* owner, PyObject* object) noexcept {
+    if (owner != nullptr) {
+        owner->release(object);
+        return;
+    }
+    GilGuard gil;
+    Py_DecRef(object);
+}
+
 void Interpreter::drainReleasesSlowly() noexcept {
     std::vector<PyObject*> taken;
     {

@@ -133,6 +133,10 @@ std::vector<Interpreter*> allInterpreters();
 // the memory back at a quiet moment rather than at each interpreter's next entry.
 void releasePendingEverywhere();
 
+// Gives back a reference to an object of `owner` (Interpreter::release), or, for an object of no
+// interpreter of ours (null), under the lock the calling thread enters by default.
+void releaseIn(Interpreter* owner, PyObject* object) noexcept;
+
 // Called once Python runs: makes the record of the main interpreter and reads the layout when
 // this extension started Python (`startedHere`, the calling thread then holds the lock); an
 // interpreter someone else started is shared by every thread.

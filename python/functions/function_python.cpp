@@ -68,14 +68,7 @@ public:
         Py_IncRef(callable_);
         markForeignRuntime(owner_);
     }
-    ~FunctionPythonCell() override {
-        if (owner_ != nullptr) {
-            owner_->release(callable_);
-            return;
-        }
-        GilGuard gil(owner_);
-        Py_DecRef(callable_);
-    }
+    ~FunctionPythonCell() override { python::releaseIn(owner_, callable_); }
 
     PyObject* callable() const noexcept { return callable_; }
 

@@ -25,13 +25,7 @@ using Box = Boxed<PyObject*>;
 // thread running elsewhere leaves to the next thread that enters it (isolated layout).
 void releaseObject(const Any& self) {
     PyObject* object = pyobjectOf(self);
-    if (object == nullptr) return;
-    if (Interpreter* owner = ownerOf(self)) {
-        owner->release(object);
-        return;
-    }
-    GilGuard gil;
-    Py_DecRef(object);
+    if (object != nullptr) releaseIn(ownerOf(self), object);
 }
 
 Union<I_Invokable_Generic, None> methodLookup(const Any& self, const String& name) {
