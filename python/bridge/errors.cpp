@@ -31,11 +31,7 @@ namespace {
 // The attribute in which an exception carries the host error it was raised for.
 StaticName kTalaAttribute{"tala"};
 
-ExceptionTypes& exceptionTypes() {
-    ExceptionTypes*& table = state().exceptionTypes;
-    if (table == nullptr) table = new ExceptionTypes();
-    return *table;
-}
+ExceptionTypes& exceptionTypes() { return partHere(state().exceptionTypes); }
 
 // The builtin exception each of the object model's own error classes also stands for, so that
 // Python's protocols built on those exceptions (hasattr, getattr with a default, the old

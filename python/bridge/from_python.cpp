@@ -20,11 +20,7 @@ namespace {
 
 // Types looked up once per interpreter; separate from the caches of the other direction. A
 // failed look-up stays null and the test it serves never matches.
-StandardTypes& types() {
-    StandardTypes*& cached = state().fromPythonTypes;
-    if (cached == nullptr) cached = new StandardTypes();
-    return *cached;
-}
+StandardTypes& types() { return partHere(state().fromPythonTypes); }
 
 PyObject* formatException() {
     InterpreterState& here = state();

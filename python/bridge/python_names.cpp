@@ -25,11 +25,7 @@ struct NameCache {
 
 namespace {
 
-NameCache& nameCache() {
-    NameCache*& cache = state().nameCache;
-    if (cache == nullptr) cache = new NameCache();
-    return *cache;
-}
+NameCache& nameCache() { return partHere(state().nameCache); }
 
 std::atomic<std::size_t> g_staticNames{0};
 

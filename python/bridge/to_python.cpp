@@ -16,11 +16,7 @@ namespace {
 // The standard types this direction makes, each looked up once per interpreter (its own caches;
 // the other direction keeps its own). A failed look-up leaves null for good, and the constructor
 // call then fails with an error of its own.
-StandardTypes& types() {
-    StandardTypes*& cached = state().toPythonTypes;
-    if (cached == nullptr) cached = new StandardTypes();
-    return *cached;
-}
+StandardTypes& types() { return partHere(state().toPythonTypes); }
 
 PyObject* callType(PyObject* type, const char* format, auto... arguments) {
     if (type == nullptr) {

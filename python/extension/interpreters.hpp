@@ -106,6 +106,14 @@ inline bool usableHere(const Any& value) noexcept {
 // The state of the interpreter the calling thread runs in (it holds the lock).
 InterpreterState& state() noexcept;
 
+// A part of the running interpreter's state that is made the first time it is asked for there
+// (`slot` is its field of the InterpreterState) and lives as long as the interpreter.
+template <class Part>
+Part& partHere(Part*& slot) {
+    if (slot == nullptr) slot = new Part();
+    return *slot;
+}
+
 // A Python object that the running interpreter keeps in `slot` (a field of its InterpreterState),
 // made by `make` (a new reference, or null with no error left set) the first time it is asked for
 // there; `tried` says it was, so that a failure is not tried again. Making may let other threads

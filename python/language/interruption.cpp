@@ -186,11 +186,7 @@ struct MonitoringState {
 
 namespace {
 
-MonitoringState& monitoringHere() {
-    MonitoringState*& here = state().monitoring;
-    if (here == nullptr) here = new MonitoringState();
-    return *here;
-}
+MonitoringState& monitoringHere() { return partHere(state().monitoring); }
 
 PyObjectPtr monitoring() {
     PyObjectPtr sys = PyObjectPtr::steal(PyImport_ImportModule("sys"));

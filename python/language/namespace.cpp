@@ -52,11 +52,7 @@ struct GlobalsTemplate {
 
 namespace {
 
-GlobalsTemplate& globalsTemplate() {
-    GlobalsTemplate*& cached = state().globalsTemplate;
-    if (cached == nullptr) cached = new GlobalsTemplate();
-    return *cached;
-}
+GlobalsTemplate& globalsTemplate() { return partHere(state().globalsTemplate); }
 
 PyObjectPtr buildTemplate() {
     PyObjectPtr dictionary = PyObjectPtr::steal(buildHostNamespace());

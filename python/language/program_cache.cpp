@@ -118,11 +118,7 @@ struct ProgramCache {
 
 namespace {
 
-ProgramCache& cache() {
-    ProgramCache*& programs = state().programs;
-    if (programs == nullptr) programs = new ProgramCache();
-    return *programs;
-}
+ProgramCache& cache() { return partHere(state().programs); }
 
 // A compile error carries the frames of whatever compiled: they are nobody's code.
 void dropTraceback() {

@@ -168,11 +168,7 @@ struct ClassViews {
 
 namespace {
 
-ClassViews& classViews() {
-    ClassViews*& views = state().classViews;
-    if (views == nullptr) views = new ClassViews();
-    return *views;
-}
+ClassViews& classViews() { return partHere(state().classViews); }
 
 const std::unordered_map<PyObject*, const internal::ClassCell*>& builtinTable() {
     ClassViews& views = classViews();

@@ -23,9 +23,7 @@ struct MemberNameCache {
 };
 
 Identifier identifierOf(PyObject* name, std::string_view text) {
-    MemberNameCache*& here = state().memberNames;
-    if (here == nullptr) here = new MemberNameCache();
-    auto* cache = &here->names;
+    auto* cache = &partHere(state().memberNames).names;
     constexpr std::size_t kBound = 4096;
     if (auto found = cache->find(name); found != cache->end()) return found->second;
     const Identifier id = Identifier::intern(text);

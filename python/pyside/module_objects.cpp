@@ -29,11 +29,7 @@ struct ModuleObjects {
 
 namespace {
 
-ModuleObjects& moduleObjects() {
-    ModuleObjects*& table = state().moduleObjects;
-    if (table == nullptr) table = new ModuleObjects();
-    return *table;
-}
+ModuleObjects& moduleObjects() { return partHere(state().moduleObjects); }
 
 constexpr std::array<std::string_view, 6> kImportAttributes = {"__spec__",    "__loader__", "__package__",
                                                                "__path__",    "__file__",   "__cached__"};

@@ -236,11 +236,7 @@ struct WrapperTypes {
 
 namespace {
 
-WrapperTypes& wrapperTypes() {
-    WrapperTypes*& types = state().wrapperTypes;
-    if (types == nullptr) types = new WrapperTypes();
-    return *types;
-}
+WrapperTypes& wrapperTypes() { return partHere(state().wrapperTypes); }
 
 PyTypeObject* genericType(int which, Protocol protocol) {
     WrapperTypes& table = wrapperTypes();
