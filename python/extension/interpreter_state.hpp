@@ -54,10 +54,10 @@ struct InterpreterState {
     // proxies/python_type.cpp: the host classes of the builtin types of plain data, and the class
     // views of this interpreter's Python types; its own lock.
     ClassViews* classViews = nullptr;
-    // proxies/python_proxy.cpp: the compiled comparison helper `cmp` (the function object), and
-    // the host function that keeps it, kept for the life of the interpreter.
+    // proxies/python_proxy.cpp: the compiled comparison helper `cmp` (the function object, a
+    // reference of ours kept for the life of the interpreter).
     PyObject* compareHelper = nullptr;
-    void* compareHelperFunction = nullptr;
+    bool compareHelperTried = false;
     // language/program_cache.cpp: compiled programs by their text.
     ProgramCache* programs = nullptr;
     // language/namespace.cpp: the template of evaluation globals.

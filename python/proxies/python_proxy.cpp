@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <mutex>
-#include <utility>
 
 #include "bridge/errors.hpp"
 #include "bridge/from_python.hpp"
@@ -129,20 +128,16 @@ Union<String, Lazy<String>, Error> displayProxy(const Any& self) {
 }
 
 // The comparison helper, compiled once per interpreter (in the one the caller runs in) and kept
-// for ever: its host function is never released, and stays reachable from the interpreter's state.
+// there for its life.
 PyObject* compareHelper() {
     InterpreterState& here = state();
-    if (here.compareHelper == nullptr) {
-        // Compiling may let another thread of this interpreter compile too: the first kept stays.
-        Any function = FunctionPython::fromSource(String(
+    return keptHere(here.compareHelper, here.compareHelperTried, [] {
+        const Any function = FunctionPython::fromSource(String(
             "def cmp(a, b):\n    if a > b:\n        return 1\n    else:\n        if a < b:\n            return -1\n    return 0"));
-        if (here.compareHelper == nullptr) {
-            auto* kept = new Any(std::move(function));
-            here.compareHelperFunction = kept;
-            here.compareHelper = pythonCallableOf(*kept);
-        }
-    }
-    return here.compareHelper;
+        PyObject* callable = pythonCallableOf(function);
+        if (callable != nullptr) Py_IncRef(callable);
+        return callable;
+    });
 }
 
 std::int64_t identityDifference(const Any& a, const Any& b) {
