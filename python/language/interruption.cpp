@@ -277,7 +277,7 @@ PyObject* makeInterruptedType() {
 namespace {
 // Set while a thread runs evaluations of the extension's own (an interpreter's first
 // evaluations, made when it starts): they are no evaluations of the host's to stop.
-thread_local bool t_uncounted = false;
+TALA_HOT_THREAD_LOCAL bool t_uncounted = false;
 }  // namespace
 
 UncountedEvaluations::UncountedEvaluations() noexcept : previous_(t_uncounted) { t_uncounted = true; }
