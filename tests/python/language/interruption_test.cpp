@@ -466,15 +466,25 @@ TEST_F(InterruptionTest, TheGracePeriodMustBeANumberOfSeconds) {
 
 TEST_F(InterruptionTest, AnEndlessGracePeriodStillStopsTheEvaluation) {
     // Infinity and a grace too long for the clock: the code is stopped once and never again,
-    // so code that swallows the interruption runs its handler; the evaluation ends interrupted.
+    // so a handler that loops runs to its end (it says so by calling started() again); the
+    // evaluation ends interrupted.
     const tala::Class_Generic language = tala::LanguagePython::getClass();
     const auto interrupt = tala::definedMethod(language, tala::Identifier::intern("interrupt")).as<tala::I_Invokable_Generic>();
     for (const double grace : {std::numeric_limits<double>::infinity(), 1e300}) {
         tala_python_test::Watchdog watchdog(std::chrono::seconds(60));
-        Runner runner("started()\ntry:\n    while True:\n        pass\nexcept KeyboardInterrupt:\n    pass");
+        Runner runner("started()\n"
+                      "try:\n"
+                      "    while True:\n"
+                      "        pass\n"
+                      "except KeyboardInterrupt:\n"
+                      "    for i in range(100000):\n"
+                      "        pass\n"
+                      "    started()");
         ASSERT_TRUE(runner.waitUntilStarted()) << text(runner.result);
+        runner.started = false;
         EXPECT_EQ(text(interrupt(Integer(runner.threadId.load()), tala::Float(grace))), "True");
         runner.join();
+        EXPECT_TRUE(runner.started.load()) << "the handler was stopped again: " << grace;
         EXPECT_EQ(errorMessage(runner.result), "The evaluation was interrupted.");
     }
 }
