@@ -244,7 +244,7 @@ Union<Any, Lazy<Any>, Error> language_python_evaluate_method(const Any& self, co
         Any stored = collectEntries(entries, *map, map == &outLocals ? &outNames : nullptr);
         if (auto error = Error::cast(stored)) return *error;
     }
-    PyObjectPtr globalNames = evaluationGlobals(entries);
+    PyObjectPtr globalNames = evaluationGlobals(entries, g_selfName.get());
     if (!globalNames) return fetch_python_error_or("Unable to store a value.");
     const GlobalsChanges changes;
     PyObjectPtr program = compiledProgram(ProgramKind::Code, code.view(), outNames, fileNameOf(globalNames.get()));

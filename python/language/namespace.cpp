@@ -129,13 +129,16 @@ bool storeEntries(PyObject* globals, const std::vector<GlobalEntry>& entries) {
     return true;
 }
 
-// Whether storing `entries` first stores exactly `names`, in that order.
-bool storesTheNames(const std::vector<GlobalEntry>& entries, const std::vector<PyObjectPtr>& names) {
+// Whether storing `entries` and then `laterName` (when not null) first stores exactly `names`,
+// in that order.
+bool storesTheNames(const std::vector<GlobalEntry>& entries, PyObject* laterName, const std::vector<PyObjectPtr>& names) {
     std::size_t next = 0;
-    for (std::size_t index = 0; index < entries.size(); ++index) {
-        PyObject* name = entries[index].name.get();
+    const std::size_t count = entries.size() + (laterName != nullptr ? 1 : 0);
+    auto nameAt = [&](std::size_t index) { return index < entries.size() ? entries[index].name.get() : laterName; };
+    for (std::size_t index = 0; index < count; ++index) {
+        PyObject* name = nameAt(index);
         bool earlier = false;
-        for (std::size_t before = 0; before < index && !earlier; ++before) earlier = entries[before].name.get() == name;
+        for (std::size_t before = 0; before < index && !earlier; ++before) earlier = nameAt(before) == name;
         if (earlier) continue;
         if (next >= names.size() || names[next].get() != name) return false;
         ++next;
@@ -145,13 +148,13 @@ bool storesTheNames(const std::vector<GlobalEntry>& entries, const std::vector<P
 
 }  // namespace
 
-PyObjectPtr evaluationGlobals(const std::vector<GlobalEntry>& entries) {
+PyObjectPtr evaluationGlobals(const std::vector<GlobalEntry>& entries, PyObject* laterName) {
     GlobalsTemplate& cached = globalsTemplate();
     PyObjectPtr spare = PyObjectPtr::steal(std::exchange(cached.spare, nullptr));
     // The spare differs from the template only by the names it stored: the same names stored in
     // the same order make it what a fresh copy would be, down to the order of its keys.
     if (spare && cached.spareGeneration == modules_generation() && cached.generation == cached.spareGeneration &&
-        storesTheNames(entries, cached.spareNames)) {
+        storesTheNames(entries, laterName, cached.spareNames)) {
         if (!storeEntries(spare.get(), entries)) return PyObjectPtr();
         return spare;
     }
@@ -189,7 +192,7 @@ void giveBackGlobals(PyObjectPtr globals, const std::vector<GlobalEntry>& entrie
     cached.spareGeneration = cached.generation;
     cached.spare = globals.release();
     // The names of the last spare are kept while they are the same (a rule over rows of one query).
-    if (storesTheNames(entries, cached.spareNames)) return;
+    if (storesTheNames(entries, nullptr, cached.spareNames)) return;
     std::vector<PyObjectPtr> names;
     names.reserve(entries.size());
     for (const GlobalEntry& entry : entries) {

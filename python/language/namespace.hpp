@@ -29,8 +29,10 @@ struct GlobalEntry {
 // The globals of one evaluation: a copy of the template with `entries` stored in order (a later
 // entry wins a name), exactly as evaluationGlobals() and then storing each would give it. Null
 // with the error pending when it cannot be made. The dictionary may be one that an earlier
-// evaluation gave back (`giveBackGlobals`) and is then made equal to that copy at less cost.
-PyObjectPtr evaluationGlobals(const std::vector<GlobalEntry>& entries);
+// evaluation gave back (`giveBackGlobals`) and is then made equal to that copy at less cost;
+// `laterName`, when not null, is a name the caller stores after (storeOwnGlobal), whose old
+// value may then be there until it does.
+PyObjectPtr evaluationGlobals(const std::vector<GlobalEntry>& entries, PyObject* laterName = nullptr);
 
 // Stores a name beyond `entries` (self) as the evaluation's own, not a change made by code; the
 // caller adds it to the entries it gives back. False with the error pending when it failed.
