@@ -88,26 +88,28 @@ PyObjectPtr buildTemplate() {
 
 }  // namespace
 
-// Set while this thread stores entries of its own into globals: the watcher does not count them.
-thread_local bool t_storingOwn = false;
-
 namespace {
+
+// The globals this thread stores entries of its own into right now: the watcher does not count
+// changes of that dictionary (code that a replaced value's finalizer runs meanwhile changes
+// others, which are counted).
+TALA_HOT_THREAD_LOCAL PyObject* t_storingInto = nullptr;
 
 class StoringOwn {
 public:
-    StoringOwn() : outer_(std::exchange(t_storingOwn, true)) {}
-    ~StoringOwn() { t_storingOwn = outer_; }
+    explicit StoringOwn(PyObject* globals) : outer_(std::exchange(t_storingInto, globals)) {}
+    ~StoringOwn() { t_storingInto = outer_; }
     StoringOwn(const StoringOwn&) = delete;
     StoringOwn& operator=(const StoringOwn&) = delete;
 
 private:
-    bool outer_;
+    PyObject* outer_;
 };
 
 // Counts every change that code makes to a watched dictionary (a freed one changes nothing that
 // is kept). Runs under the interpreter's lock, before the change.
-int countGlobalsChange(PyDict_WatchEvent event, PyObject*, PyObject*, PyObject*) noexcept {
-    if (event != PyDict_EVENT_DEALLOCATED && !t_storingOwn) ++globalsTemplate().changes;
+int countGlobalsChange(PyDict_WatchEvent event, PyObject* dictionary, PyObject*, PyObject*) noexcept {
+    if (event != PyDict_EVENT_DEALLOCATED && dictionary != t_storingInto) ++globalsTemplate().changes;
     return 0;
 }
 
@@ -122,7 +124,7 @@ int globalsWatcher() {
 }
 
 bool storeEntries(PyObject* globals, const std::vector<GlobalEntry>& entries) {
-    const StoringOwn own;
+    const StoringOwn own(globals);
     for (const GlobalEntry& entry : entries) {
         if (PyDict_SetItem(globals, entry.name.get(), entry.value.get()) < 0) return false;
     }
@@ -171,7 +173,7 @@ PyObjectPtr evaluationGlobals(const std::vector<GlobalEntry>& entries, PyObject*
 }
 
 bool storeOwnGlobal(PyObject* globals, PyObject* name, PyObject* value) {
-    const StoringOwn own;
+    const StoringOwn own(globals);
     return PyDict_SetItem(globals, name, value) == 0;
 }
 
