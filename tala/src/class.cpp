@@ -433,6 +433,16 @@ std::optional<Any> property_value_of(const Any& value, Identifier name) {
             return cls->propertyValueReader(value, name);
         }
     }
+    // The commonest case, a class that answers no look-ups itself and an object with no members
+    // of its own: the class's property is read where it is, without a copy of it.
+    if (cls->reflective(internal::ReflectiveProperty) == nullptr) {
+        const internal::ObjectCell* object = internal::objectCellOf(value);
+        if (object == nullptr || object->ownMembers() == nullptr) {
+            const Any* member = cls->findProperty(name);
+            if (member == nullptr) return std::nullopt;
+            return internal::readProperty(*member->cellAs<internal::PropertyCell>(), value);
+        }
+    }
     auto property = property_of(value, name);
     if (property.isEmpty()) return std::nullopt;
     return property.as<Property>().get(value);

@@ -934,4 +934,23 @@ TEST(NativeReaders, AClassWithoutThePropertyMethodHasNoReader) {
     EXPECT_FALSE(tala::property_value_of(instance, Identifier("$price")).has_value());
 }
 
+// A read of a class's property in place gives what property_of and get give, and sees a property
+// added to the object, or a class property replaced, after earlier reads.
+TEST(NativeReaders, PropertyValueOfFollowsMembersThatChangeAfterReads) {
+    const Identifier size{"$$size"};
+    const Class_Generic cls = kept(ClassBuilder("SizedLater").property(size, [](const Any&) { return Integer(3); }).build());
+    const Any first = tala::make_instance(cls);
+    const Any second = tala::make_instance(cls);
+    EXPECT_EQ(text(*tala::property_value_of(first, size)), "3");
+    EXPECT_EQ(text(property(tala::property_of(first, size)).get(first)), "3");
+    EXPECT_FALSE(tala::property_value_of(first, Identifier("$$weight")).has_value());
+    EXPECT_TRUE(tala::insert_property_value(first, size, Integer(8)).isEmpty());
+    EXPECT_EQ(text(*tala::property_value_of(first, size)), "8");
+    EXPECT_EQ(text(*tala::property_value_of(second, size)), "3");
+    const_cast<tala::internal::ClassCell*>(cls.cell())->addProperty(size, Property::value(size, Integer(5)));
+    EXPECT_EQ(text(*tala::property_value_of(second, size)), "5");
+    EXPECT_EQ(text(*tala::property_value_of(first, size)), "8");
+    EXPECT_EQ(text(tala::property_value_of(Integer(1), Identifier("$$weight")).value_or(String("none"))), "'none'");
+}
+
 }  // namespace
