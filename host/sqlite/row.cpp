@@ -136,6 +136,32 @@ Union<Property, None> columnProperty(const Row& row, const String& name) {
                            String("The column {} of the row.").arg(name));
 }
 
+// What reading the property columnProperty answers gives, without making the property: the
+// row's own property's value, nothing for a member's name, else the column's value.
+std::optional<Any> columnValue(const Any& self, Identifier name) {
+    const auto cast = Row::cast(self);
+    if (!cast) return std::nullopt;  // as `__property__` refuses anything but a row
+    const Row& row = *cast;
+    if (auto own = raw_property_of(row, name); !own.isEmpty()) return own.as<Property>().get(row);
+    if (!raw_method_of(row, name).isEmpty()) return std::nullopt;
+    const std::int64_t index = row.columns().indexOf(name.text());
+    if (index < 0) return std::nullopt;
+    return row.values()[static_cast<std::size_t>(index)];
+}
+
+// The entries as `keys` and then `get` of each give them: every column name in order, with the
+// value of the first column of that name.
+bool readEntries(const Any& self, internal::ClassCell::MapEntryVisit visit, void* context) {
+    const auto row = Row::cast(self);
+    if (!row) return false;
+    const Columns& columns = row->columns();
+    for (std::size_t index = 0; index < row->size(); ++index) {
+        const std::int64_t first = columns.indexOf(columns.names[index].view());
+        if (!visit(context, columns.names[index], row->values()[static_cast<std::size_t>(first)])) break;
+    }
+    return true;
+}
+
 // The columns as the properties of this one row, for dir() and completion.
 HashMap<String, Property> columnProperties(const Row& row) {
     HashMap<String, Property> properties;
@@ -193,6 +219,8 @@ Class_Generic buildRowClass() {
                 "A hash of the column names and values.")
         .method(Any::$__property__, [](const Row& row, const String& name) { return columnProperty(row, name); },
                 {"name"}, "The row's own property of that name, or else its column as a read-only property.")
+        .propertyValueReader(columnValue)
+        .mapEntriesReader(readEntries)
         .method(Any::$__ownProperties__, [](const Row& row) { return columnProperties(row); }, {},
                 "The columns as properties.")
         .build();

@@ -68,8 +68,18 @@ Any fromNumber(PyObject* object) {
     return makePythonProxy(object);
 }
 
+// Through its text: the decimal module of this Python has no C interface, and str() is the
+// cheapest exact way out of it (its digit tuple costs more). The str's own UTF-8 form is read in
+// place.
 Any fromDecimal(PyObject* object) {
     PyObjectPtr text = PyObjectPtr::steal(PyObject_Str(object));
+    if (text && PyUnicode_CheckExact(text.get())) {
+        Py_ssize_t size = 0;
+        if (const char* utf8 = PyUnicode_AsUTF8AndSize(text.get(), &size)) {
+            return Decimal::fromString(std::string_view(utf8, static_cast<std::size_t>(size)));
+        }
+        PyErr_Clear();  // answered below as before
+    }
     Any converted = fromPythonLocked(text.get());
     if (auto asString = String::cast(converted)) return Decimal::fromString(asString->view());
     return converted;
@@ -245,7 +255,22 @@ Any from_python_result(PyObject* object) {
     return fromPythonResultLocked(object);
 }
 
+std::optional<Any> plainFromPythonLocked(PyObject* object) {
+    if (PyLong_CheckExact(object)) {
+        int overflow = 0;
+        const long long value = PyLong_AsLongLongAndOverflow(object, &overflow);
+        if (overflow == 0) return Integer(value);
+        return std::nullopt;
+    }
+    if (PyFloat_CheckExact(object)) return fromFloat(object);
+    if (PyUnicode_CheckExact(object)) return stringFromUnicode(object);
+    return std::nullopt;
+}
+
 Any fromPythonResultLocked(PyObject* object) {
+    if (object != nullptr) {
+        if (auto plain = plainFromPythonLocked(object)) return std::move(*plain);
+    }
     Any value = fromPythonLocked(object);
     if (PyErr_Occurred() != nullptr) {
         auto pending = fetch_python_error();

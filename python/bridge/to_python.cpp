@@ -1,6 +1,13 @@
 // python/bridge/to_python.cpp: host values into Python objects, a dispatcher over the kind code.
 #include "bridge/to_python.hpp"
 
+#include <datetime.h>
+
+#include <algorithm>
+#include <charconv>
+#include <optional>
+#include <string>
+
 #include "bridge/errors.hpp"
 #include "bridge/module_attribute.hpp"
 #include "extension/gil.hpp"
@@ -18,6 +25,26 @@ namespace {
 // call then fails with an error of its own.
 StandardTypes& types() { return partHere(state().toPythonTypes); }
 
+// The datetime module's constructors, which make its values without a call through the type
+// (no argument tuple): used only when the module's types are the ones looked up above, so that
+// what is made is exactly what calling them makes, checks of the fields included.
+const PyDateTime_CAPI* dateTimeApi() {
+    InterpreterState& here = state();
+    if (!here.dateTimeApiTried) {
+        StandardTypes& standard = types();
+        auto* api = static_cast<const PyDateTime_CAPI*>(PyCapsule_Import(PyDateTime_CAPSULE_NAME, 0));
+        if (api == nullptr) {
+            PyErr_Clear();
+        } else if (reinterpret_cast<PyObject*>(api->DateType) == standard.date.get() &&
+                   reinterpret_cast<PyObject*>(api->TimeType) == standard.time.get() &&
+                   reinterpret_cast<PyObject*>(api->DateTimeType) == standard.dateTime.get()) {
+            here.dateTimeApi = api;
+        }
+        here.dateTimeApiTried = true;
+    }
+    return static_cast<const PyDateTime_CAPI*>(here.dateTimeApi);
+}
+
 PyObject* callType(PyObject* type, const char* format, auto... arguments) {
     if (type == nullptr) {
         PyErr_SetString(PyExc_RuntimeError, "A standard Python type is not available.");
@@ -28,6 +55,64 @@ PyObject* callType(PyObject* type, const char* format, auto... arguments) {
 
 // Python's datetime takes microseconds: the nanoseconds are cut, not rounded.
 int microseconds(const internal::TimeFields& time) { return static_cast<int>(time.nanoseconds / 1000u); }
+
+PyObject* fromDate(const internal::DateFields& date) {
+    if (const PyDateTime_CAPI* api = dateTimeApi()) return api->Date_FromDate(int(date.year), int(date.month), int(date.day), api->DateType);
+    return callType(types().date.get(), "iii", int(date.year), int(date.month), int(date.day));
+}
+
+PyObject* fromTime(const internal::TimeFields& time) {
+    if (const PyDateTime_CAPI* api = dateTimeApi()) {
+        return api->Time_FromTime(int(time.hour), int(time.minute), int(time.second), microseconds(time), Py_None, api->TimeType);
+    }
+    return callType(types().time.get(), "iiii", int(time.hour), int(time.minute), int(time.second), microseconds(time));
+}
+
+PyObject* fromDateTime(const internal::DateFields& date, const internal::TimeFields& time) {
+    if (const PyDateTime_CAPI* api = dateTimeApi()) {
+        return api->DateTime_FromDateAndTime(int(date.year), int(date.month), int(date.day), int(time.hour), int(time.minute),
+                                             int(time.second), microseconds(time), Py_None, api->DateTimeType);
+    }
+    return callType(types().dateTime.get(), "iiiiiii", int(date.year), int(date.month), int(date.day), int(time.hour),
+                    int(time.minute), int(time.second), microseconds(time));
+}
+
+// A decimal is made from an int when it is one (exponent 0, a coefficient that fits 64 bits, not
+// a negative zero, which no int is), else from its coefficient and exponent written as
+// "digitsEexponent", which Python reads to the same digits and exponent; an infinity or a NaN
+// from its text.
+PyObject* fromDecimal(const Decimal& decimal) {
+    PyObject* type = types().decimal.get();
+    if (type == nullptr) return callType(type, "s", "");
+    std::optional<Decimal::Finite> finite = decimal.finite();
+    if (!finite) return callType(type, "s", decimal.toString().c_str());
+    PyObjectPtr argument;
+    constexpr std::size_t kInt64Digits = 18;
+    const bool zero = finite->digits == "0";
+    if (finite->exponent == 0 && finite->digits.size() <= kInt64Digits && !(zero && finite->negative)) {
+        std::int64_t coefficient = 0;
+        for (const char digit : finite->digits) coefficient = coefficient * 10 + (digit - '0');
+        argument = PyObjectPtr::steal(PyLong_FromLongLong(finite->negative ? -coefficient : coefficient));
+    } else {
+        // The sign, the digits, "E" and the exponent (at most 20 characters).
+        constexpr std::size_t kShortDigits = 64;
+        char shortText[kShortDigits + 24];
+        std::string longText;
+        char* text = shortText;
+        if (finite->digits.size() > kShortDigits) {
+            longText.resize(finite->digits.size() + 24);
+            text = longText.data();
+        }
+        char* end = text;
+        if (finite->negative) *end++ = '-';
+        end = std::copy(finite->digits.begin(), finite->digits.end(), end);
+        *end++ = 'E';
+        end = std::to_chars(end, end + 21, finite->exponent).ptr;
+        argument = PyObjectPtr::steal(PyUnicode_FromStringAndSize(text, end - text));
+    }
+    if (!argument) return nullptr;
+    return PyObject_CallOneArg(type, argument.get());
+}
 
 PyObject* fromTuple(const Tuple& tuple) {
     PyObjectPtr result = PyObjectPtr::steal(PyTuple_New(static_cast<Py_ssize_t>(tuple.size())));
@@ -77,24 +162,15 @@ PyObject* fromObject(const Any& value) {
             }
             return wrapHostValueLocked(value);
         }
-        case internal::NativeTag::Date: {
-            const auto& date = Date(internal::unchecked, value).fields();
-            return callType(types().date.get(), "iii", int(date.year), int(date.month), int(date.day));
-        }
-        case internal::NativeTag::Decimal:
-            return callType(types().decimal.get(), "s", Decimal(internal::unchecked, value).toString().c_str());
+        case internal::NativeTag::Date: return fromDate(Date(internal::unchecked, value).fields());
+        case internal::NativeTag::Decimal: return fromDecimal(Decimal(internal::unchecked, value));
         case internal::NativeTag::Error: raise_host_error(Error(internal::unchecked, value)); return nullptr;
         case internal::NativeTag::Module: return hostModuleObject(Module(internal::unchecked, value));
         case internal::NativeTag::StringObject: return toPythonLocked(String(internal::unchecked, value).sliced(0));
-        case internal::NativeTag::Time: {
-            const auto& time = Time(internal::unchecked, value).fields();
-            return callType(types().time.get(), "iiii", int(time.hour), int(time.minute), int(time.second), microseconds(time));
-        }
+        case internal::NativeTag::Time: return fromTime(Time(internal::unchecked, value).fields());
         case internal::NativeTag::DateTime: {
             const auto* cell = value.cellAs<internal::DateTimeCell>();
-            return callType(types().dateTime.get(), "iiiiiii", int(cell->date.year), int(cell->date.month), int(cell->date.day),
-                            int(cell->time.hour), int(cell->time.minute), int(cell->time.second),
-                            microseconds(cell->time));
+            return fromDateTime(cell->date, cell->time);
         }
         default: return wrapHostValueLocked(value);
     }

@@ -33,6 +33,10 @@ struct MonitoringState;
 struct InterpreterState {
     // bridge/to_python.cpp: decimal.Decimal and the datetime types it makes values of.
     StandardTypes* toPythonTypes = nullptr;
+    // The datetime module's table of constructors (a PyDateTime_CAPI), when its types are the
+    // ones above; null when it is not available.
+    const void* dateTimeApi = nullptr;
+    bool dateTimeApiTried = false;
     // bridge/from_python.cpp: the standard types it tests for, and traceback.format_exception
     // (one reference each, kept).
     StandardTypes* fromPythonTypes = nullptr;

@@ -33,6 +33,14 @@ Any forEachEntry(const Any& map, Visit&& visit) {
         return Any();
     }
     if (!I_Map_Generic::matches(map)) return Error(String("Not a map: {}.").arg(display(map)));
+    // A map whose class reads its entries natively gives the same entries without the calls.
+    Any failed;
+    if (read_map_entries(map, [&](const Any& key, const Any& value) {
+            failed = visit(key, value);
+            return !is_error_result(failed);
+        })) {
+        return failed;
+    }
     const I_Map_Generic view(internal::unchecked, map);
     Any keys = resolve(view.keys());
     if (is_error_result(keys)) return keys;
@@ -47,18 +55,17 @@ Any forEachEntry(const Any& map, Visit&& visit) {
     return Any();
 }
 
-// Converts each entry and stores it in `dictionary` under the key's text; with `names`, also
-// collects the keys in their order.
-Any storeEntries(PyObject* dictionary, const Any& map, std::vector<String>* names = nullptr) {
-    return forEachEntry(map, [dictionary, names](const Any& key, const Any& value) -> Any {
+// Converts each entry and adds it to `entries` under the key's text, for the globals; with
+// `names`, also collects the keys in their order.
+Any collectEntries(std::vector<GlobalEntry>& entries, const Any& map, std::vector<String>* names = nullptr) {
+    return forEachEntry(map, [&entries, names](const Any& key, const Any& value) -> Any {
         auto name = String::cast(key);
         if (!name) return Error(String("A name must be a string: {}.").arg(display(key)));
         PyObjectPtr converted = PyObjectPtr::steal(toPythonLocked(value));
         if (!converted) return fetch_python_error_or("Unable to convert a value.");
-        PyObject* pythonKey = pythonName(*name);
-        if (pythonKey == nullptr || PyDict_SetItem(dictionary, pythonKey, converted.get()) < 0) {
-            return fetch_python_error_or("Unable to store a value.");
-        }
+        PyObject* pythonKey = pythonName(*name);  // borrowed from a cache that may let it go
+        if (pythonKey == nullptr) return fetch_python_error_or("Unable to store a value.");
+        entries.push_back(GlobalEntry{PyObjectPtr::borrow(pythonKey), std::move(converted)});
         if (names != nullptr) names->push_back(*name);
         return Any();
     });
@@ -181,17 +188,20 @@ Any evaluate_expr(const String& code, const Union<I_Map<String, Any>, None>& loc
     (void)ensurePythonOnce();
     GilGuard gil;
     EvaluationScope evaluation;
-    PyObjectPtr globalNames = evaluationGlobals();
-    Any stored = storeEntries(globalNames.get(), globals.isEmpty() ? Any(tala::globals()) : Any(globals));
+    std::vector<GlobalEntry> entries;
+    Any stored = collectEntries(entries, globals.isEmpty() ? Any(tala::globals()) : Any(globals));
     if (is_error_result(stored)) return stored;
     // Locals go into the globals dictionary too: an expression sees both through one.
     if (!locals.isEmpty()) {
-        stored = storeEntries(globalNames.get(), locals);
+        stored = collectEntries(entries, locals);
         if (is_error_result(stored)) return stored;
     }
+    PyObjectPtr globalNames = evaluationGlobals(entries);
+    if (!globalNames) return fetch_python_error_or("Unable to store a value.");
+    const GlobalsChanges changes;
     PyObjectPtr program = compiledProgram(ProgramKind::Expression, code.view(), {}, fileNameOf(globalNames.get()));
     if (!program) return fetch_python_error_or("Unable to compile the expression.");
-    PyObjectPtr localNames = PyObjectPtr::steal(PyDict_New());
+    PyObjectPtr localNames = expressionLocals();
     if (!localNames) return fetch_python_error_or("Unable to prepare the evaluation.");
     PyObjectPtr result = PyObjectPtr::steal(PyEval_EvalCode(program.get(), globalNames.get(), localNames.get()));
     if (evaluation.endsInterrupted()) result.reset();
@@ -199,7 +209,12 @@ Any evaluate_expr(const String& code, const Union<I_Map<String, Any>, None>& loc
         const ExceptionOrigin origin{program.get(), code.view(), false};
         return fetch_python_error_or("Unable to evaluate the expression.", &origin);
     }
-    return from_python_result(result.get());
+    Any value = from_python_result(result.get());
+    result.reset();
+    // Dictionaries that nothing kept serve the next evaluation.
+    giveBackExpressionLocals(std::move(localNames));
+    giveBackGlobals(std::move(globalNames), entries, changes);
+    return value;
 }
 
 Any evaluate(const String& code, const Union<I_Map<String, Any>, None>& locals,
@@ -220,32 +235,41 @@ Union<Any, Lazy<Any>, Error> language_python_evaluate_method(const Any& self, co
     (void)ensurePythonOnce();
     GilGuard gil;
     EvaluationScope evaluation;
-    PyObjectPtr globalNames = evaluationGlobals();
     // Globals, then output locals (whose names the program is made for), then locals: a later
     // map wins a name.
+    std::vector<GlobalEntry> entries;
     std::vector<String> outNames;
     for (const Any* map : {static_cast<const Any*>(&globals), static_cast<const Any*>(&outLocals), static_cast<const Any*>(&locals)}) {
         if (map->isEmpty()) continue;
-        Any stored = storeEntries(globalNames.get(), *map, map == &outLocals ? &outNames : nullptr);
+        Any stored = collectEntries(entries, *map, map == &outLocals ? &outNames : nullptr);
         if (auto error = Error::cast(stored)) return *error;
     }
+    PyObjectPtr globalNames = evaluationGlobals(entries, g_selfName.get());
+    if (!globalNames) return fetch_python_error_or("Unable to store a value.");
+    const GlobalsChanges changes;
     PyObjectPtr program = compiledProgram(ProgramKind::Code, code.view(), outNames, fileNameOf(globalNames.get()));
     if (!program) return fetch_python_error_or("Unable to compile the code.");
     PyObjectPtr localNames = codeLocals();
     if (!localNames) return fetch_python_error_or("Unable to prepare the evaluation.");
     PyObjectPtr selfObject = PyObjectPtr::steal(toPythonLocked(self));
-    if (!selfObject || PyDict_SetItem(globalNames.get(), g_selfName.get(), selfObject.get()) < 0) {
+    if (!selfObject || !storeOwnGlobal(globalNames.get(), g_selfName.get(), selfObject.get())) {
         return fetch_python_error_or("Unable to store a value.");
     }
+    entries.push_back(GlobalEntry{PyObjectPtr::borrow(g_selfName.get()), std::move(selfObject)});
 
-    const RunningCodeScope running(outLocals);
-    PyObjectPtr ran = PyObjectPtr::steal(PyEval_EvalCode(program.get(), globalNames.get(), localNames.get()));
-    if (evaluation.endsInterrupted()) ran.reset();
-    if (!ran) {
-        const ExceptionOrigin origin{program.get(), code.view(), true};
-        return fetch_python_error_or("Unable to run the code.", &origin);
+    Any value;
+    {
+        const RunningCodeScope running(outLocals);
+        PyObjectPtr ran = PyObjectPtr::steal(PyEval_EvalCode(program.get(), globalNames.get(), localNames.get()));
+        if (evaluation.endsInterrupted()) ran.reset();
+        if (!ran) {
+            const ExceptionOrigin origin{program.get(), code.view(), true};
+            return fetch_python_error_or("Unable to run the code.", &origin);
+        }
+        value = running.result();
     }
-    Any value = running.result();
+    localNames.reset();
+    giveBackGlobals(std::move(globalNames), entries, changes);
     if (auto error = Error::cast(value)) return *error;
     return value;
 }

@@ -150,7 +150,7 @@ PyObject* hostLookup(const Any& value, Identifier name) {
         if (auto found = fromLazy(value, name)) return *found;
     }
     if (Error::matches(value)) return toPythonLocked(value);
-    if (auto property = property_of(value, name); !property.isEmpty()) return toPythonLocked(property.as<Property>().get(value));
+    if (auto property = property_value_of(value, name)) return toPythonLocked(*property);
     // The bound method as Any::boundMethod makes it, but without building its error for a name
     // that is no method: a miss goes on to the steps below.
     if (auto method = method_of(value, name); !method.isEmpty()) return toPythonLocked(method.as<I_Invokable_Generic>().boundTo(value));

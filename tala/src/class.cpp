@@ -420,6 +420,48 @@ Union<Property, None> property_of(const Any& value, Identifier name) {
     return raw_property_of(value, name);
 }
 
+std::optional<Any> property_value_of(const Any& value, Identifier name) {
+    const internal::ClassCell* cls = internal::classCellOf(value);
+    if (cls->propertyValueReader != nullptr) {
+        // The reader stands in for the `__property__` it was given with; a class whose method
+        // was replaced since asks the method again.
+        const Any* reflective = cls->reflective(internal::ReflectiveProperty);
+        if (reflective != nullptr && reflective->cell() == cls->propertyValueReaderFor) {
+            if (cls->flags & class_flags::MembersFirst) {
+                if (const Any* member = cls->findProperty(name)) return Property(internal::unchecked, *member).get(value);
+            }
+            return cls->propertyValueReader(value, name);
+        }
+    }
+    // The commonest case, a class that answers no look-ups itself and an object with no members
+    // of its own: the class's property is read where it is, without a copy of it.
+    if (cls->reflective(internal::ReflectiveProperty) == nullptr) {
+        const internal::ObjectCell* object = internal::objectCellOf(value);
+        if (object == nullptr || object->ownMembers() == nullptr) {
+            const Any* member = cls->findProperty(name);
+            if (member == nullptr) return std::nullopt;
+            return internal::readProperty(*member->cellAs<internal::PropertyCell>(), value);
+        }
+    }
+    auto property = property_of(value, name);
+    if (property.isEmpty()) return std::nullopt;
+    return property.as<Property>().get(value);
+}
+
+bool read_map_entries(const Any& map, internal::ClassCell::MapEntryVisit visit, void* context) {
+    const internal::ClassCell* cls = internal::classCellOf(map);
+    if (cls->mapEntriesReader == nullptr) return false;
+    // Only where a call of `keys` and `get` would find the very methods the reader stands in for
+    // (no reflective look-up, no members of the object's own, no replacement since).
+    const Any* keys = internal::classMethodInPlace(map, Any::$keys);
+    const Any* get = internal::classMethodInPlace(map, Any::$get);
+    if (keys == nullptr || get == nullptr || keys->cell() != cls->mapEntriesReaderFor[0] ||
+        get->cell() != cls->mapEntriesReaderFor[1]) {
+        return false;
+    }
+    return cls->mapEntriesReader(map, visit, context);
+}
+
 Union<I_Invokable_Generic, None> method_of(const Any& value, Identifier name) {
     if (const Any* member = internal::classMethodInPlace(value, name)) return I_Invokable_Generic(internal::unchecked, *member);
     if (const Any* reflective = internal::classCellOf(value)->reflective(internal::ReflectiveMethod)) {

@@ -146,6 +146,16 @@ ClassBuilder& ClassBuilder::nativePayload(Any payload) {
     return *this;
 }
 
+ClassBuilder& ClassBuilder::propertyValueReader(std::optional<Any> (*reader)(const Any& self, Identifier name)) {
+    cell_->propertyValueReader = reader;
+    return *this;
+}
+
+ClassBuilder& ClassBuilder::mapEntriesReader(bool (*reader)(const Any& self, internal::ClassCell::MapEntryVisit visit, void* context)) {
+    cell_->mapEntriesReader = reader;
+    return *this;
+}
+
 namespace {
 // A published class lives for ever, and so do the members it was described with: copying one
 // (every call through a member look-up does) then touches no shared counter.
@@ -165,6 +175,20 @@ Class_Generic ClassBuilder::build() {
     for (const auto& member : cell->properties()) makeLasting(member.member);
     for (const auto& member : cell->abstractMethods()) makeLasting(member.member);
     for (const auto& member : cell->abstractProperties()) makeLasting(member.member);
+    // The reader answers for the class's own `__property__`; a class without one has no reader.
+    if (cell->propertyValueReader != nullptr) {
+        for (const auto& member : cell->methods()) {
+            if (member.name == Any::$__property__) cell->propertyValueReaderFor = member.member.cell();
+        }
+        if (cell->propertyValueReaderFor == nullptr) cell->propertyValueReader = nullptr;
+    }
+    if (cell->mapEntriesReader != nullptr) {
+        for (const auto& member : cell->methods()) {
+            if (member.name == Any::$keys) cell->mapEntriesReaderFor[0] = member.member.cell();
+            if (member.name == Any::$get) cell->mapEntriesReaderFor[1] = member.member.cell();
+        }
+        if (cell->mapEntriesReaderFor[0] == nullptr || cell->mapEntriesReaderFor[1] == nullptr) cell->mapEntriesReader = nullptr;
+    }
     cell->setObjectClass(Class_Generic::getClass().cell());
     // No other class's tables change: nothing derives from this class yet.
     cell->publish();

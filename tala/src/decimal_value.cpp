@@ -62,7 +62,16 @@ bool isAsciiSpace(char c) {
     return c == ' ' || (c >= '\t' && c <= '\r') || (c >= '\x1c' && c <= '\x1f');
 }
 
+// Every Unicode space above starts with a byte of 0xC2 or more and ends with a continuation
+// byte (0x80 to 0xBF): text that starts and ends with ASCII has none at its ends to compare.
+bool mayEndInUnicodeSpace(unsigned char c) { return c >= 0x80; }
+
 std::string_view trimSpace(std::string_view text) {
+    if (!text.empty() && !isAsciiSpace(text.front()) && !isAsciiSpace(text.back()) &&
+        !mayEndInUnicodeSpace(static_cast<unsigned char>(text.front())) &&
+        !mayEndInUnicodeSpace(static_cast<unsigned char>(text.back()))) {
+        return text;
+    }
     for (bool changed = true; changed && !text.empty();) {
         changed = false;
         if (isAsciiSpace(text.front())) {

@@ -348,10 +348,12 @@ Property Property::value(Identifier name, Any content, String doc) {
     return Property(name, constant_function(std::move(content), std::move(type)), Any(), std::move(doc));
 }
 
-Any Property::get(const Any& target) const {
+Any Property::get(const Any& target) const { return internal::readProperty(*cell(), target); }
+
+Any internal::readProperty(const PropertyCell& property, const Any& target) {
     // Called on every attribute read: call the getter's cell in place, with the receiver as a
     // one-element span, so that no reference count moves on the way.
-    const Any& getterValue = cell()->getter;
+    const Any& getterValue = property.getter;
     if (getterValue.kind() == Kind::Function) {
         const auto* function = getterValue.cellAs<internal::FunctionCell>();
         if (function->isIndependent()) return function->call(std::span<const Any>());

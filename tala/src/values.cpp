@@ -103,6 +103,12 @@ Union<Decimal, Error> Decimal::fromString(std::string_view text) {
 
 String Decimal::toString() const { return String(cellAs<internal::DecimalCell>()->value.toString()); }
 
+std::optional<Decimal::Finite> Decimal::finite() const {
+    const internal::DecimalValue& value = cellAs<internal::DecimalCell>()->value;
+    if (value.special != internal::DecimalValue::Special::Finite) return std::nullopt;
+    return Finite{value.negative, value.digits, value.exponent};
+}
+
 int Decimal::compare(const Decimal& other) const {
     return cellAs<internal::DecimalCell>()->value.compare(other.cellAs<internal::DecimalCell>()->value);
 }

@@ -1,6 +1,9 @@
 // tests/sqlite/row_test.cpp: Row as the host sees it (a map and a sequence, immutable, displayed like
 // a record, compared and hashed by value) and as Python sees it (attributes, subscripts, len,
 // iteration, dict(), str(), hash()).
+#include <optional>
+#include <string>
+
 #include "sqlite_test_support.hpp"
 
 namespace {
@@ -104,7 +107,42 @@ TEST_F(RowTest, ARowMadeByItsClassIsEmpty) {
     EXPECT_EQ(text(call(row, "length")), "0");
 }
 
+// Reading a column as a property without making the property, and reading all the entries at once,
+// give what the general look-ups give: for columns, for the row's own members and for names that
+// are neither.
+TEST_F(RowTest, NativeReadsGiveWhatTheGeneralLookUpsGive) {
+    const Row row = first("SELECT id, 1 AS x, 2 AS x, length, keys, price FROM products WHERE id = 1");
+    for (const char* name : {"id", "x", "length", "keys", "price", "get", "weight"}) {
+        const tala::Identifier id = tala::Identifier::intern(name);
+        auto general = tala::property_of(row, id);
+        std::optional<Any> native = tala::property_value_of(row, id);
+        ASSERT_EQ(native.has_value(), general.is<tala::Property>()) << name;
+        if (native) EXPECT_EQ(text(*native), text(general.as<tala::Property>().get(row))) << name;
+    }
+    std::string entries;
+    ASSERT_TRUE(tala::read_map_entries(row, [&entries](const Any& key, const Any& value) {
+        entries += text(key) + ": " + text(value) + ", ";
+        return true;
+    }));
+    std::string byCalls;
+    const Any keys = call(row, "keys");
+    for (const Any& key : List<Any>(tala::internal::unchecked, keys)) byCalls += text(key) + ": " + text(call(row, "get", {key})) + ", ";
+    EXPECT_EQ(entries, byCalls);
+    EXPECT_EQ(entries, "'id': 1, 'x': 1, 'x': 1, 'length': 0.2, 'keys': 'k1', 'price': 4.50, ");
+}
+
 // ---- From Python ----------------------------------------------------------------------------------
+
+// A row as the locals of an expression: its columns are the names (the first of columns with the
+// same name), they are in the globals the code sees and the locals are empty, as for any map.
+TEST_F(RowTest, ARowIsTheLocalsOfAnExpression) {
+    const Row row = first("SELECT 1 AS x, 2 AS x, price, length, keys FROM products WHERE id = 1");
+    const tala::I_Invokable_Generic evaluateExpr(tala::internal::unchecked, tala_sqlite_test::pythonFunction("evaluate_expr"));
+    const Any result = tala::resolve(evaluateExpr(
+        String("[x, price * 2, length, keys, sorted(k for k in globals() if k in ('x', 'price', 'length', 'keys')), locals()]"),
+        row, Any()));
+    EXPECT_EQ(text(result), "[1, Decimal('9.00'), 0.2, 'k1', ['keys', 'length', 'price', 'x'], {}]");
+}
 
 TEST_F(RowTest, PythonReadsColumnsAsAttributesAndBySubscript) {
     const Any result = python(R"PY(

@@ -58,6 +58,13 @@ TEST(DecimalValueTest, NonCanonicalInputsNormaliseLikePython) {
     EXPECT_EQ(roundTrip("0.0000001"), "1E-7");
     EXPECT_EQ(roundTrip("1e0000000000000000000000000005"), "1E+5");
     EXPECT_EQ(roundTrip("1\xC2\xA0"), "1");  // U+00A0 is whitespace to Python
+    EXPECT_EQ(roundTrip("\xE3\x80\x80 \xE2\x80\xAF-2.5\xE2\x80\xA9\t"), "-2.5");  // spaces of both kinds at both ends
+}
+
+TEST(DecimalValueTest, OtherCharactersAtTheEndsAreNotSpace) {
+    for (const char* text : {"1.5\xC3\xA9", "\xC3\xA91.5", "1.5\xE2\x80", "\xE2\x80\xA8\xE2\x80"}) {
+        EXPECT_FALSE(tala::internal::DecimalValue::parse(text).has_value()) << text;
+    }
 }
 
 TEST(DecimalValueTest, InvalidInputsAreRejected) {

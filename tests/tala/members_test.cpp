@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 #include <thread>
@@ -785,6 +786,171 @@ TEST(MemberThreads, ReadersKeepFindingMembersWhileAnotherThreadAddsSome) {
         ASSERT_TRUE(added.is<I_Invokable_Generic>());
         EXPECT_EQ(added.as<I_Invokable_Generic>()(shared).rawInteger(), i);
     }
+}
+
+// ---- Native readers --------------------------------------------------------------------------
+
+const Identifier kCells{"$cells"};
+
+// Instances keep a map of named values in the field $cells; `__property__` answers each as a
+// value property, `keys` and `get` read the map. The native readers answer the same and count
+// their calls. Each test builds its own class, since some change the class they use.
+std::atomic<int> g_propertyReads{0};
+std::atomic<int> g_entryReads{0};
+
+std::optional<Any> readCell(const Any& self, Identifier name) {
+    ++g_propertyReads;
+    auto cells = tala::HashMap_Generic::cast(self.fieldValue(kCells));
+    if (!cells) return std::nullopt;
+    if (auto found = cells->get(String(name.text()))) return *found;
+    return std::nullopt;
+}
+
+bool readEntries(const Any& self, tala::internal::ClassCell::MapEntryVisit visit, void* context) {
+    ++g_entryReads;
+    auto cells = tala::HashMap_Generic::cast(self.fieldValue(kCells));
+    if (!cells) return false;
+    for (const auto& entry : *cells) {
+        if (!visit(context, entry.key, entry.value)) break;
+    }
+    return true;
+}
+
+Class_Generic cellsClass(const char* name) {
+    return kept(ClassBuilder(name)
+                    .field(kCells)
+                    .method(Any::$__property__,
+                            [](const Any& self, const String& name) -> tala::Union<Property, None> {
+                                auto cells = tala::HashMap_Generic::cast(self.fieldValue(kCells));
+                                if (!cells) return None();
+                                if (auto found = cells->get(name)) return Property::value(Identifier::intern(name.view()), *found);
+                                return None();
+                            },
+                            {"name"})
+                    .method(Any::$keys,
+                            [](const Any& self) {
+                                tala::List<String> keys;
+                                if (auto cells = tala::HashMap_Generic::cast(self.fieldValue(kCells))) {
+                                    for (const auto& entry : *cells) keys.append(String(tala::internal::unchecked, entry.key));
+                                }
+                                return keys;
+                            })
+                    .method(Any::$get,
+                            [](const Any& self, const Any& key) -> Any {
+                                if (auto cells = tala::HashMap_Generic::cast(self.fieldValue(kCells))) {
+                                    if (auto found = cells->get(key)) return *found;
+                                }
+                                return tala::Error(String("No such key."));
+                            },
+                            {"key"})
+                    .propertyValueReader(readCell)
+                    .mapEntriesReader(readEntries)
+                    .build());
+}
+
+Any cellsInstance(const Class_Generic& cls) {
+    Any instance = tala::make_instance(cls);
+    instance.setFieldValue(kCells, tala::HashMap<String, Any>{{String("price"), Integer(12)}, {String("qty"), Integer(3)}});
+    return instance;
+}
+
+// The entries read natively, as "key=value" in order; "none" when the map is to be read by calls.
+std::string nativeEntries(const Any& map) {
+    std::string out;
+    const bool read = tala::read_map_entries(map, [&out](const Any& key, const Any& value) {
+        out += text(key) + "=" + text(value) + " ";
+        return true;
+    });
+    return read ? out : "none";
+}
+
+TEST(NativeReaders, PropertyValueReaderAnswersWhatThePropertyMethodAnswers) {
+    const Any instance = cellsInstance(cellsClass("CellsRead"));
+    const int before = g_propertyReads;
+    EXPECT_EQ(text(property(tala::property_of(instance, Identifier("$price"))).get(instance)), "12");
+    EXPECT_EQ(text(*tala::property_value_of(instance, Identifier("$price"))), "12");
+    EXPECT_FALSE(tala::property_value_of(instance, Identifier("$weight")).has_value());
+    EXPECT_EQ(g_propertyReads - before, 2);
+}
+
+TEST(NativeReaders, ReplacingThePropertyMethodRetiresTheReader) {
+    const Class_Generic cls = cellsClass("CellsReplaced");
+    const Any instance = cellsInstance(cls);
+    EXPECT_EQ(text(*tala::property_value_of(instance, Identifier("$price"))), "12");
+    const_cast<tala::internal::ClassCell*>(cls.cell())
+        ->addMethod(Any::$__property__, tala::native_function(
+                                            [](const Any&, const String& name) -> tala::Union<Property, None> {
+                                                return Property::value(Identifier::intern(name.view()), Integer(99));
+                                            },
+                                            "__property__", {"name"}, String(), false));
+    const int before = g_propertyReads;
+    EXPECT_EQ(text(*tala::property_value_of(instance, Identifier("$price"))), "99");
+    EXPECT_EQ(text(*tala::property_value_of(instance, Identifier("$weight"))), "99");
+    EXPECT_EQ(g_propertyReads - before, 0);
+}
+
+TEST(NativeReaders, DerivedClassesAskThePropertyMethod) {
+    const Class_Generic base = cellsClass("CellsBase");
+    const Class_Generic derived = kept(ClassBuilder("CellsDerived").parent(base).build());
+    const Any instance = cellsInstance(derived);
+    const int before = g_propertyReads;
+    EXPECT_EQ(text(*tala::property_value_of(instance, Identifier("$qty"))), "3");
+    EXPECT_EQ(g_propertyReads - before, 0);
+    EXPECT_EQ(nativeEntries(instance), "none");
+}
+
+TEST(NativeReaders, MapEntriesReaderGivesTheEntriesOfKeysAndGet) {
+    const Any instance = cellsInstance(cellsClass("CellsEntries"));
+    const int before = g_entryReads;
+    EXPECT_EQ(nativeEntries(instance), "'price'=12 'qty'=3 ");
+    EXPECT_EQ(g_entryReads - before, 1);
+    EXPECT_EQ(text(tala::internal::callMember(instance, Any::$keys, {})), "['price', 'qty']");
+    // A visit that answers false ends the reading.
+    int visits = 0;
+    EXPECT_TRUE(tala::read_map_entries(instance, [&visits](const Any&, const Any&) { return ++visits < 1; }));
+    EXPECT_EQ(visits, 1);
+}
+
+TEST(NativeReaders, ReplacingGetOrAMethodOfTheObjectRetiresTheEntriesReader) {
+    const Class_Generic cls = cellsClass("CellsEntriesReplaced");
+    const Any inserted = cellsInstance(cls);
+    EXPECT_TRUE(tala::insert_method(inserted, Any::$keys, tala::native_function([](const Any&) { return tala::List<String>(); },
+                                                                                "keys", {}, String(), false))
+                    .isEmpty());
+    EXPECT_EQ(nativeEntries(inserted), "none");
+    const Any instance = cellsInstance(cls);
+    EXPECT_EQ(nativeEntries(instance), "'price'=12 'qty'=3 ");
+    const_cast<tala::internal::ClassCell*>(cls.cell())
+        ->addMethod(Any::$get, tala::native_function([](const Any&, const Any&) { return Integer(0); }, "get", {"key"},
+                                                     String(), false));
+    EXPECT_EQ(nativeEntries(instance), "none");
+}
+
+TEST(NativeReaders, AClassWithoutThePropertyMethodHasNoReader) {
+    const Class_Generic cls = kept(ClassBuilder("NoPropertyMethod").propertyValueReader(readCell).mapEntriesReader(readEntries).build());
+    EXPECT_EQ(cls.cell()->propertyValueReader, nullptr);
+    EXPECT_EQ(cls.cell()->mapEntriesReader, nullptr);
+    const Any instance = tala::make_instance(cls);
+    EXPECT_FALSE(tala::property_value_of(instance, Identifier("$price")).has_value());
+}
+
+// A read of a class's property in place gives what property_of and get give, and sees a property
+// added to the object, or a class property replaced, after earlier reads.
+TEST(NativeReaders, PropertyValueOfFollowsMembersThatChangeAfterReads) {
+    const Identifier size{"$$size"};
+    const Class_Generic cls = kept(ClassBuilder("SizedLater").property(size, [](const Any&) { return Integer(3); }).build());
+    const Any first = tala::make_instance(cls);
+    const Any second = tala::make_instance(cls);
+    EXPECT_EQ(text(*tala::property_value_of(first, size)), "3");
+    EXPECT_EQ(text(property(tala::property_of(first, size)).get(first)), "3");
+    EXPECT_FALSE(tala::property_value_of(first, Identifier("$$weight")).has_value());
+    EXPECT_TRUE(tala::insert_property_value(first, size, Integer(8)).isEmpty());
+    EXPECT_EQ(text(*tala::property_value_of(first, size)), "8");
+    EXPECT_EQ(text(*tala::property_value_of(second, size)), "3");
+    const_cast<tala::internal::ClassCell*>(cls.cell())->addProperty(size, Property::value(size, Integer(5)));
+    EXPECT_EQ(text(*tala::property_value_of(second, size)), "5");
+    EXPECT_EQ(text(*tala::property_value_of(first, size)), "8");
+    EXPECT_EQ(text(tala::property_value_of(Integer(1), Identifier("$$weight")).value_or(String("none"))), "'none'");
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <optional>
 #include <span>
+#include <type_traits>
 #include <vector>
 
 #include "tala/any.hpp"
@@ -86,6 +87,21 @@ public:
     Any constructorSignature;
     // Whatever a language bridge keeps with a class it made (a boxed foreign type object).
     Any nativePayload;
+    // A native stand-in for asking this class's `__property__` for a property and then reading
+    // it: the value of the property of that name, or nothing when there is none. It answers for
+    // the `__property__` method whose cell is `propertyValueReaderFor`, and is used only for
+    // instances of this very class while that method is still the one the class finds.
+    std::optional<Any> (*propertyValueReader)(const Any& self, Identifier name) = nullptr;
+    const Cell* propertyValueReaderFor = nullptr;
+    // A native stand-in for reading a map's entries by its `keys` and then `get` of each key:
+    // calls visit(context, key, value) for each key in order, until visit answers false. It
+    // answers for the class's own `keys` and `get` methods, whose cells are in
+    // `mapEntriesReaderFor`, and is used only for instances of this very class while both are
+    // still the methods a call finds. It answers false, having visited nothing, for a value it
+    // cannot read, which is then read by `keys` and `get`.
+    using MapEntryVisit = bool (*)(void* context, const Any& key, const Any& value);
+    bool (*mapEntriesReader)(const Any& self, MapEntryVisit visit, void* context) = nullptr;
+    const Cell* mapEntriesReaderFor[2] = {nullptr, nullptr};
 
     // Own members in definition order.
     std::vector<FieldDef> fields() const;
@@ -229,6 +245,19 @@ bool is_ancestor(const Class_Generic& cls, const Class_Generic& ancestor);
 // Properties and methods through the class's reflective methods when it has them.
 Union<Property, None> property_of(const Any& value, Identifier name);
 Union<Property, None> property_of(const Any& value, std::string_view name);
+// The value that property_of(value, name) then get(value) give, or nothing when there is no
+// such property; without making the property when the class reads its properties natively.
+std::optional<Any> property_value_of(const Any& value, Identifier name);
+// Reads the entries of a map natively when its class has a map entries reader in force: calls
+// visit(key, value) for each entry as `keys` and `get` give them, until visit answers false, and
+// answers true. False, having read nothing, when the map is to be read by `keys` and `get`.
+bool read_map_entries(const Any& map, internal::ClassCell::MapEntryVisit visit, void* context);
+template <class Visit>
+bool read_map_entries(const Any& map, Visit&& visit) {
+    return read_map_entries(map, [](void* context, const Any& key, const Any& value) {
+        return (*static_cast<std::remove_reference_t<Visit>*>(context))(key, value);
+    }, &visit);
+}
 Union<I_Invokable_Generic, None> method_of(const Any& value, Identifier name);
 Union<I_Invokable_Generic, None> method_of(const Any& value, std::string_view name);
 // The same, bypassing reflective methods: members inserted into the object, then the class's.

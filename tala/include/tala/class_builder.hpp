@@ -89,6 +89,13 @@ public:
     // the class can be described with its constructor.
     ClassBuilder& constructor(std::function<Any(std::span<const Any>)> constructor, Signature signature);
     ClassBuilder& nativePayload(Any payload);
+    // Reads the value of a property by name natively, exactly as the class's own
+    // `__property__` method answers it (the class must define that method): attribute reads
+    // then skip making a property per read.
+    ClassBuilder& propertyValueReader(std::optional<Any> (*reader)(const Any& self, Identifier name));
+    // Reads the entries of the map natively, exactly as the class's own `keys` and `get` methods
+    // give them (the class must define both): hosts that read every entry then skip the calls.
+    ClassBuilder& mapEntriesReader(bool (*reader)(const Any& self, internal::ClassCell::MapEntryVisit visit, void* context));
 
     // Publishes the class. The builder is spent afterwards.
     Class_Generic build();

@@ -1,6 +1,8 @@
 // tala/decimal.hpp: exact decimal numbers that keep their text ("1.10" stays "1.10").
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string_view>
 
 #include "tala/object.hpp"
@@ -20,6 +22,15 @@ public:
     static Union<Decimal, Error> fromString(std::string_view text);
     // The exact text (scientific notation where the exponent calls for it: "1E+1000").
     String toString() const;
+    // A finite value as its sign, coefficient digits (no leading zeros; "0" for zero) and
+    // exponent: value = (-1)^negative * digits * 10^exponent. The digits live as long as the
+    // decimal. Nothing for an infinity or a NaN.
+    struct Finite {
+        bool negative;
+        std::string_view digits;
+        std::int64_t exponent;
+    };
+    std::optional<Finite> finite() const;
     // Numeric three-way comparison; 1.10 equals 1.1.
     int compare(const Decimal& other) const;
     std::uint64_t hash() const;

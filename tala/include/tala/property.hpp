@@ -15,6 +15,8 @@ public:
     Any setter;  // an invokable, or empty for a read-only property
     String doc;
 };
+// Reads the property of `target` through its cell, in place (what Property::get does).
+Any readProperty(const PropertyCell& property, const Any& target);
 }  // namespace internal
 
 class Property : public internal::View<Property> {

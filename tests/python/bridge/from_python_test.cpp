@@ -291,6 +291,28 @@ TEST_F(FromPythonTest, DecimalKeepsItsText) {
     EXPECT_EQ(tala::Decimal(tala::internal::unchecked, large).toString().view(), "-123456789012345678901234567890.5");
 }
 
+// Digits and exponent exactly, the sign of zero and the specials included.
+TEST_F(FromPythonTest, DecimalKeepsItsDigitsAndExponent) {
+    for (const char* text : {"1234567890123456789012345678", "-0.1234567890123456789012345678", "1.5E-7", "1E+5", "-0E+3",
+                             "-0", "0.000", "sNaN", "-NaN123", "-Infinity"}) {
+        const std::string expression = std::string("decimal.Decimal('") + text + "')";
+        const Any value = convert(expression.c_str());
+        ASSERT_TRUE(tala::Decimal::matches(value)) << text;
+        const auto expected = tala::Decimal::fromString(text);
+        ASSERT_TRUE(expected.is<tala::Decimal>()) << text;
+        const tala::Decimal decimal(tala::internal::unchecked, value);
+        EXPECT_EQ(decimal.toString().view(), expected.as<tala::Decimal>().toString().view()) << text;
+        const auto finite = decimal.finite();
+        const auto expectedFinite = expected.as<tala::Decimal>().finite();
+        ASSERT_EQ(finite.has_value(), expectedFinite.has_value()) << text;
+        if (finite) {
+            EXPECT_EQ(finite->negative, expectedFinite->negative) << text;
+            EXPECT_EQ(finite->digits, expectedFinite->digits) << text;
+            EXPECT_EQ(finite->exponent, expectedFinite->exponent) << text;
+        }
+    }
+}
+
 TEST_F(FromPythonTest, DecimalSubclassGoesByTheNumberRow) {
     GilGuard gil;
     ASSERT_TRUE(runPython("class D(decimal.Decimal): pass\n", globals_.get()));

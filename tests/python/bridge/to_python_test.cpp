@@ -247,6 +247,35 @@ TEST_F(ToPythonTest, DecimalKeepsItsText) {
     }
 }
 
+// A decimal comes over with its exact digits and exponent, as Python's own Decimal(text) reads
+// them: whole numbers, 28 digits and more, exponents, zeros of either sign, specials; a context of
+// low precision that traps rounding changes nothing.
+TEST_F(ToPythonTest, DecimalKeepsItsDigitsAndExponent) {
+    GilGuard gil;
+    PyObjectPtr globals = tala_python_test::newGlobals();
+    ASSERT_TRUE(tala_python_test::runPython("import decimal\n"
+                                            "decimal.getcontext().prec = 3\n"
+                                            "decimal.getcontext().traps[decimal.Inexact] = True\n"
+                                            "decimal.getcontext().traps[decimal.Rounded] = True\n",
+                                            globals.get()));
+    for (const char* text :
+         {"0", "-0", "12", "-12", "4.50", "1234567890123456789012345678", "-0.1234567890123456789012345678",
+          "123456789012345678", "1234567890123456789", "9223372036854775807", "-9223372036854775808", "99999999999999999999",
+          "1E+5", "1.5E-7", "-0E+3", "0.000", "1E+999999999", "7E-999999999", "sNaN", "-NaN123", "-Infinity"}) {
+        auto parsed = tala::Decimal::fromString(text);
+        ASSERT_TRUE(parsed.is<tala::Decimal>()) << text;
+        PyObjectPtr converted = convert(parsed.as<tala::Decimal>());
+        ASSERT_TRUE(converted) << text;
+        ASSERT_EQ(PyDict_SetItemString(globals.get(), "converted", converted.get()), 0);
+        const std::string check = std::string("(repr(converted), converted.as_tuple() == decimal.Decimal('") + text +
+                                  "').as_tuple(), str(converted) == str(decimal.Decimal('" + text + "')))";
+        PyObjectPtr answer = evalPython(check.c_str(), globals.get());
+        EXPECT_EQ(reprOf(answer.get()), "(\"Decimal('" + std::string(parsed.as<tala::Decimal>().toString().view()) + "')\", True, True)")
+            << text;
+    }
+    ASSERT_TRUE(tala_python_test::runPython("decimal.setcontext(decimal.Context())\n", globals.get()));
+}
+
 // ---- Tuples -----------------------------------------------------------------------------------
 
 TEST_F(ToPythonTest, TupleBecomesATupleOfConvertedElements) {

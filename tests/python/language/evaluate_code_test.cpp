@@ -302,4 +302,18 @@ TEST_F(EvaluateCodeTest, EvaluationsLeaveNoBlocksBehind) {
     EXPECT_FALSE(pythonErrorPending());
 }
 
+// Repeated code evaluations see a fresh copy of the namespace with their own names: what one did
+// to its globals, or kept of them in a function, changes nothing for the next.
+TEST_F(EvaluateCodeTest, RepeatedEvaluationsSeeTheirOwnGlobals) {
+    const Map first{{String("price"), Integer(2)}};
+    const char* const look = "return [price, sorted(name for name in globals() if name in ('price', 'leak', 'self')), self]";
+    EXPECT_EQ(text(run(look, mapArgument(first))), "[2, ['price', 'self'], None]");
+    EXPECT_EQ(text(run("globals()['leak'] = 1\nreturn price", mapArgument(first))), "2");
+    EXPECT_EQ(text(run(look, mapArgument(first))), "[2, ['price', 'self'], None]");
+    EXPECT_EQ(text(method(Integer(7), look, mapArgument(first))), "[2, ['price', 'self'], 7]");
+    const Any function = run("def f():\n    return price\nreturn f", mapArgument(Map{{String("price"), Integer(3)}}));
+    EXPECT_EQ(text(run(look, mapArgument(first))), "[2, ['price', 'self'], None]");
+    EXPECT_EQ(text(tala::I_Invokable_Generic(tala::internal::unchecked, function)()), "3");
+}
+
 }  // namespace

@@ -280,4 +280,61 @@ TEST_F(EvaluateExprTest, NamespaceDictionaryIsNotLeaked) {
     EXPECT_FALSE(pythonErrorPending());
 }
 
+// ---- Globals and locals of repeated evaluations ------------------------------------------------
+//
+// Repeated evaluations may use again a dictionary that an earlier one left: what each sees is
+// still exactly a fresh copy of the namespace with its own names, whatever the earlier ones did.
+
+TEST_F(EvaluateExprTest, GlobalsAndLocalsAreTheSameInEveryRepeatedEvaluation) {
+    const HashMap<String, Any> first{{String("price"), Integer(2)}, {String("qty"), Integer(3)}};
+    const HashMap<String, Any> second{{String("price"), Integer(5)}, {String("qty"), Integer(7)}};
+    const char* const look = "[price * qty, [name for name in globals() if name in ('price', 'qty', 'x')], locals(), "
+                             "len(globals())]";
+    const std::string once = text(eval(look, first));
+    EXPECT_EQ(once.substr(0, once.rfind(',')), "[6, ['price', 'qty'], {}");
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_EQ(text(eval(look, first)), once);
+        const std::string other = text(eval(look, second));
+        EXPECT_EQ(other.substr(0, other.rfind(',')), "[35, ['price', 'qty'], {}");
+        EXPECT_EQ(other.substr(other.rfind(',')), once.substr(once.rfind(',')));
+    }
+    // Other names, or the same in another order: only the names of each evaluation are there.
+    const HashMap<String, Any> reordered{{String("qty"), Integer(1)}, {String("x"), Integer(4)}, {String("price"), Integer(1)}};
+    const std::string fresh = text(eval(look, reordered));
+    EXPECT_EQ(fresh.substr(0, fresh.rfind(',')), "[1, ['qty', 'x', 'price'], {}");
+    EXPECT_EQ(text(eval(look, first)), once);
+    EXPECT_EQ(text(eval(look, reordered)), fresh);
+}
+
+TEST_F(EvaluateExprTest, WhatCodeDoesToItsGlobalsIsNotSeenByTheNextEvaluation) {
+    const HashMap<String, Any> locals{{String("price"), Integer(2)}};
+    EXPECT_EQ(text(eval("price", locals)), "2");
+    EXPECT_EQ(text(eval("globals().update(leak=1, price=9)", locals)), "None");
+    EXPECT_EQ(text(eval("['leak' in globals(), price]", locals)), "[False, 2]");
+    EXPECT_EQ(text(eval("globals().pop('__name__')", locals)), "'__main__'");
+    EXPECT_EQ(text(eval("[__name__, price]", locals)), "['__main__', 2]");
+    EXPECT_EQ(text(eval("globals().clear()", locals)), "None");
+    EXPECT_EQ(text(eval("[__name__, price, len(globals()) > 2]", locals)), "['__main__', 2, True]");
+}
+
+TEST_F(EvaluateExprTest, GlobalsThatCodeKeptAreNeverUsedAgain) {
+    const Any kept = eval("globals()", HashMap<String, Any>{{String("price"), Integer(2)}});
+    const Any keptLocals = eval("locals()", HashMap<String, Any>{{String("price"), Integer(2)}});
+    EXPECT_EQ(text(eval("price", HashMap<String, Any>{{String("price"), Integer(5)}})), "5");
+    EXPECT_EQ(text(eval("[kept['price'], len(keptLocals)]",
+                        HashMap<String, Any>{{String("kept"), kept}, {String("keptLocals"), keptLocals}})),
+              "[2, 0]");
+    // A function keeps the globals it was made in.
+    const Any function = eval("lambda: price", HashMap<String, Any>{{String("price"), Integer(3)}});
+    EXPECT_EQ(text(eval("price", HashMap<String, Any>{{String("price"), Integer(4)}})), "4");
+    EXPECT_EQ(text(tala::I_Invokable_Generic(tala::internal::unchecked, function)()), "3");
+}
+
+TEST_F(EvaluateExprTest, LocalsThatCodeWroteAreNotSeenByTheNextEvaluation) {
+    EXPECT_EQ(text(eval("[(y := 5), locals()]")), "[5, {'y': 5}]");
+    EXPECT_EQ(text(eval("locals()")), "{}");
+    EXPECT_EQ(text(eval("locals().update(z=1) or locals().pop('z')")), "1");
+    EXPECT_EQ(text(eval("[locals(), 'z' in globals()]")), "[{}, False]");
+}
+
 }  // namespace
