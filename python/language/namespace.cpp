@@ -187,6 +187,17 @@ void giveBackGlobals(PyObjectPtr globals, const std::vector<GlobalEntry>& entrie
         cached.dictionary == nullptr || changes.generation() != cached.generation || globalsWatcher() < 0) {
         return;
     }
+    // The spare holds none of this evaluation's values: they go when the evaluation ends, as they
+    // would with its globals. (`entries` still holds each, so no finalizer runs here.)
+    {
+        const StoringOwn own(globals.get());
+        for (const GlobalEntry& entry : entries) {
+            if (PyDict_SetItem(globals.get(), entry.name.get(), Py_None) < 0) {
+                PyErr_Clear();
+                return;
+            }
+        }
+    }
     cached.spareGeneration = cached.generation;
     cached.spare = globals.release();
     // The names of the last spare are kept while they are the same (a rule over rows of one query).

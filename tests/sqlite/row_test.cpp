@@ -117,7 +117,9 @@ TEST_F(RowTest, NativeReadsGiveWhatTheGeneralLookUpsGive) {
         auto general = tala::property_of(row, id);
         std::optional<Any> native = tala::property_value_of(row, id);
         ASSERT_EQ(native.has_value(), general.is<tala::Property>()) << name;
-        if (native) EXPECT_EQ(text(*native), text(general.as<tala::Property>().get(row))) << name;
+        if (native) {
+            EXPECT_EQ(text(*native), text(general.as<tala::Property>().get(row))) << name;
+        }
     }
     std::string entries;
     ASSERT_TRUE(tala::read_map_entries(row, [&entries](const Any& key, const Any& value) {

@@ -337,4 +337,28 @@ TEST_F(EvaluateExprTest, LocalsThatCodeWroteAreNotSeenByTheNextEvaluation) {
     EXPECT_EQ(text(eval("[locals(), 'z' in globals()]")), "[{}, False]");
 }
 
+TEST_F(EvaluateExprTest, TheValuesOfAnEvaluationGoWhenItEnds) {
+    // A Python object that says when it is freed, handed to evaluations as a local and as self.
+    Any made = eval("type('Watched', (), {'n': 7})()");
+    const Any freed = eval("[]");
+    const Any watch = eval("__import__('weakref').finalize(o, f.append, 1)",
+                           HashMap<String, Any>{{String("o"), made}, {String("f"), freed}});
+    ASSERT_FALSE(tala::is_error_result(watch)) << text(watch);
+    {
+        Any object = made;
+        for (int round = 0; round < 3; ++round) {
+            EXPECT_EQ(text(eval("o.n", HashMap<String, Any>{{String("o"), object}})), "7");
+            const Any ran = tala::resolve(tala::language_python_evaluate_method(object, String("return self.n"), noMap(), noMap(),
+                                                                               tala_language_test::noMutableMap()));
+            EXPECT_EQ(text(ran), "7");
+        }
+    }
+    // Read without an evaluation, which could let go of what an earlier one left.
+    const auto freedCount = [&freed] { return text(tala::I_Sequence_Generic(tala::internal::unchecked, freed).length()); };
+    EXPECT_EQ(freedCount(), "0");
+    made = Any();
+    // Nothing the evaluations left holds the object: it goes with the host's last reference.
+    EXPECT_EQ(freedCount(), "1");
+}
+
 }  // namespace
