@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "model_test_support.hpp"
 #include "tala/tala.hpp"
 
 namespace {
@@ -23,24 +24,9 @@ using tala::Integer;
 using tala::String;
 namespace class_flags = tala::class_flags;
 
-// Classes are never freed; the tests keep the ones they build reachable so that the leak checker
-// sees them as what they are, process-wide objects.
-Class_Generic kept(Class_Generic cls) {
-    static auto* classes = new std::vector<Class_Generic>();
-    static std::mutex mutex;
-    std::lock_guard lock(mutex);
-    classes->push_back(cls);
-    return cls;
-}
-
-// The message of an error value; fails the test when the value is not an error.
-std::string errorText(const Any& value) {
-    EXPECT_TRUE(tala::is_error_result(value)) << "not an error: " << tala::display(value).toStdString();
-    if (!tala::Error::matches(value)) return "<not an error: " + tala::display(value).toStdString() + ">";
-    return tala::Error(tala::internal::unchecked, value).message().toStdString();
-}
-
-std::string text(const Any& value) { return tala::display(value).toStdString(); }
+using tala_test::expectedErrorText;
+using tala_test::text;
+using tala_test::kept;
 
 tala::I_Invokable_Generic methodOf(const Class_Generic& cls, const Identifier& name) {
     auto found = tala::definedMethod(cls, name);
@@ -235,8 +221,8 @@ TEST(ClassBuilder, MethodRejectsArgumentsOfTheWrongTypeOrCount) {
                                        .build());
     const Any instance = tala::make_instance(cls);
     const auto method = methodOf(cls, Identifier("$twice"));
-    EXPECT_EQ(errorText(method(instance, String("x"))), "twice() argument 'n' must be Integer, not String");
-    EXPECT_EQ(errorText(method(instance)), "twice() missing 1 required argument: 'n'");
+    EXPECT_EQ(expectedErrorText(method(instance, String("x"))), "twice() argument 'n' must be Integer, not String");
+    EXPECT_EQ(expectedErrorText(method(instance)), "twice() missing 1 required argument: 'n'");
 }
 
 TEST(ClassBuilder, StaticMethodNeedsNoReceiver) {
@@ -280,7 +266,7 @@ TEST(ClassBuilder, ReadOnlyPropertyRefusesToBeSet) {
                                        .build());
     const Any instance = tala::make_instance(cls);
     const auto property = propertyOf(cls, Identifier("$fixed"));
-    EXPECT_EQ(errorText(property.set(instance, Integer(2))), "Read-only property: fixed.");
+    EXPECT_EQ(expectedErrorText(property.set(instance, Integer(2))), "Read-only property: fixed.");
     EXPECT_EQ(property.get(instance).rawInteger(), 1);
 }
 
@@ -303,8 +289,8 @@ TEST(ClassBuilder, PropertyWithGetterAndSetterStoresThroughTheSetter) {
     EXPECT_TRUE(property.set(instance, Integer(5)).isEmpty());
     EXPECT_EQ(property.get(instance).rawInteger(), 5);
     EXPECT_EQ(instance.fieldValue(kCount).rawInteger(), 5);
-    EXPECT_EQ(errorText(property.set(instance, Integer(-1))), "Negative count: -1.");
-    EXPECT_EQ(errorText(property.set(instance, String("x"))),
+    EXPECT_EQ(expectedErrorText(property.set(instance, Integer(-1))), "Negative count: -1.");
+    EXPECT_EQ(expectedErrorText(property.set(instance, String("x"))),
               "count() argument 'value' must be Integer, not String");
     EXPECT_EQ(property.get(instance).rawInteger(), 5);
 }
@@ -323,7 +309,7 @@ TEST(ClassBuilder, AbstractMethodAnswersAnErrorWhenCalled) {
     const tala::I_Invokable_Generic method(tala::internal::unchecked, *member);
     EXPECT_EQ(method.signature().toString(0x11), "(scale: Float) -> Float");
     EXPECT_EQ(method.doc(), "The area, scaled.");
-    EXPECT_EQ(errorText(method(Any(), tala::Float(2.0))), "The abstract method Shape.area was called.");
+    EXPECT_EQ(expectedErrorText(method(Any(), tala::Float(2.0))), "The abstract method Shape.area was called.");
 
     // Abstract members are listed apart from the implemented ones.
     EXPECT_TRUE(tala::definedMethod(cls, Identifier("$area")).is<tala::None>());
@@ -342,7 +328,7 @@ TEST(ClassBuilder, AbstractPropertyAnswersAnErrorWhenRead) {
     const tala::Property property(tala::internal::unchecked, *member);
     EXPECT_EQ(property.doc(), "The number of sides.");
     EXPECT_TRUE(property.type() == Integer::getType());
-    EXPECT_EQ(errorText(property.get(Any())), "The abstract property Polygon.sides was read.");
+    EXPECT_EQ(expectedErrorText(property.get(Any())), "The abstract property Polygon.sides was read.");
     const auto abstracts = tala::definedAbstractProperties(cls);
     ASSERT_EQ(abstracts.size(), 1u);
     EXPECT_EQ(abstracts[0].first, "sides");
@@ -360,21 +346,21 @@ TEST(ClassBuilder, AbstractMemberErrorsNameTheFinalQualifiedName) {
     EXPECT_EQ(cls.qualname(), "geo.Solid");
     const tala::I_Invokable_Generic volume(tala::internal::unchecked,
                                            *cls.cell()->findAbstractMethod(Identifier("$volume")));
-    EXPECT_EQ(errorText(volume(Any())), "The abstract method geo.Solid.volume was called.");
+    EXPECT_EQ(expectedErrorText(volume(Any())), "The abstract method geo.Solid.volume was called.");
     const tala::Property faces(tala::internal::unchecked, *cls.cell()->findAbstractProperty(Identifier("$faces")));
-    EXPECT_EQ(errorText(faces.get(Any())), "The abstract property geo.Solid.faces was read.");
+    EXPECT_EQ(expectedErrorText(faces.get(Any())), "The abstract property geo.Solid.faces was read.");
 }
 
 TEST(ClassBuilder, AbstractClassCannotBeInstantiated) {
     const Class_Generic cls = kept(ClassBuilder("NoInstances").flags(class_flags::Abstract).build());
-    EXPECT_EQ(errorText(cls.instantiate({})), "Unable to create an instance of the abstract class: NoInstances.");
+    EXPECT_EQ(expectedErrorText(cls.instantiate({})), "Unable to create an instance of the abstract class: NoInstances.");
     // Invoking the class is instantiating it.
     const tala::I_Invokable_Generic asInvokable(tala::internal::unchecked, cls);
-    EXPECT_EQ(errorText(asInvokable()), "Unable to create an instance of the abstract class: NoInstances.");
+    EXPECT_EQ(expectedErrorText(asInvokable()), "Unable to create an instance of the abstract class: NoInstances.");
 
     const Class_Generic scoped =
         kept(ClassBuilder("Scoped").declaringContext(tala::Module::create("a.b")).flags(class_flags::Abstract).build());
-    EXPECT_EQ(errorText(scoped.instantiate({})), "Unable to create an instance of the abstract class: a.b.Scoped.");
+    EXPECT_EQ(expectedErrorText(scoped.instantiate({})), "Unable to create an instance of the abstract class: a.b.Scoped.");
 }
 
 TEST(ClassBuilder, ClassPropertyValueIsReadWithoutAnInstance) {
@@ -392,7 +378,7 @@ TEST(ClassBuilder, ClassPropertyValueIsReadWithoutAnInstance) {
     auto found = tala::property_of(instance, Identifier("$version"));
     ASSERT_TRUE(found.is<tala::Property>());
     EXPECT_EQ(found.as<tala::Property>().get(instance).rawInteger(), 3);
-    EXPECT_EQ(errorText(property.set(instance, Integer(4))), "Read-only property: version.");
+    EXPECT_EQ(expectedErrorText(property.set(instance, Integer(4))), "Read-only property: version.");
 }
 
 TEST(ClassBuilder, ComputedClassPropertyRunsOnEachRead) {
@@ -507,7 +493,7 @@ TEST(ClassBuilder, FactoryErrorIsTheResultOfInstantiation) {
                                            return tala::Error(String("No instances of {} today.").arg(cls.qualname()));
                                        })
                                        .build());
-    EXPECT_EQ(errorText(cls.instantiate({})), "No instances of Refusing today.");
+    EXPECT_EQ(expectedErrorText(cls.instantiate({})), "No instances of Refusing today.");
 }
 
 TEST(ClassBuilder, InitReceivesTheArgumentsOfInstantiation) {
@@ -522,7 +508,7 @@ TEST(ClassBuilder, InitReceivesTheArgumentsOfInstantiation) {
                                        .build());
     const Any instance = cls.instantiate(std::vector<Any>{Integer(8)});
     EXPECT_EQ(instance.fieldValue(kCount).rawInteger(), 8);
-    EXPECT_EQ(errorText(cls.instantiate(std::vector<Any>{Integer(-8)})), "Negative.");
+    EXPECT_EQ(expectedErrorText(cls.instantiate(std::vector<Any>{Integer(-8)})), "Negative.");
 
     // By name, through the class as an invokable.
     const tala::I_Invokable_Generic asInvokable(tala::internal::unchecked, cls);
@@ -534,7 +520,7 @@ TEST(ClassBuilder, InitReceivesTheArgumentsOfInstantiation) {
 
 TEST(ClassBuilder, ClassWithoutInitTakesNoArguments) {
     const Class_Generic cls = kept(ClassBuilder("NoInit").build());
-    EXPECT_EQ(errorText(cls.instantiate(std::vector<Any>{Integer(1), Integer(2)})),
+    EXPECT_EQ(expectedErrorText(cls.instantiate(std::vector<Any>{Integer(1), Integer(2)})),
               "NoInit() takes no arguments but 2 were given");
     EXPECT_TRUE(tala::raw_class_of(cls.instantiate({})) == cls);
 }

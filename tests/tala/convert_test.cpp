@@ -31,7 +31,7 @@ using tala::String;
 using tala_test::failure;
 using tala_test::shown;
 
-tala::Decimal decimal(const char* text) { return *tala::Decimal::fromString(text).get<tala::Decimal>(); }
+using tala_test::decimal;
 
 
 // ---- Result ---------------------------------------------------------------------------------

@@ -14,7 +14,7 @@ namespace {
 using tala_test::order;
 using tala_test::shown;
 
-tala::Decimal decimal(std::string_view text) { return tala::Decimal::fromString(text).as<tala::Decimal>(); }
+using tala_test::decimal;
 
 tala::I_Invokable_Generic addFunction() {
     return tala::native_function([](std::int64_t a, std::int64_t b) { return a + b; }, "add", {"a", "b"});

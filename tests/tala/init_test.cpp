@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "model_test_support.hpp"
 #include "tala/tala.hpp"
 
 #ifndef TALA_TEST_EXTENSION_PATH
@@ -27,10 +28,7 @@ using tala::Error;
 using tala::String;
 using tala::internal::add_init_handler;
 
-std::string errorText(const Any& result) {
-    if (auto error = Error::cast(result)) return error->message().toStdString();
-    return "<not an error: " + tala::display(result).toStdString() + ">";
-}
+using tala_test::errorText;
 
 // ---- Init handlers ------------------------------------------------------------------------------
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "model_test_support.hpp"
 #include "tala/tala.hpp"
 
 namespace {
@@ -16,13 +17,8 @@ using tala::Identifier;
 using tala::Integer;
 using tala::String;
 
-std::string errorText(const Any& value) {
-    EXPECT_TRUE(tala::is_error_result(value)) << "not an error: " << tala::display(value).toStdString();
-    if (!tala::Error::matches(value)) return "<not an error: " + tala::display(value).toStdString() + ">";
-    return tala::Error(tala::internal::unchecked, value).message().toStdString();
-}
-
-std::string text(const Any& value) { return tala::display(value).toStdString(); }
+using tala_test::expectedErrorText;
+using tala_test::text;
 
 // Every value the iterator of `iterable` gives, in order, as display texts; the end must be a
 // StopIteration.
@@ -157,7 +153,7 @@ TEST(InterfaceClasses, InterfaceClassesAreAbstract) {
     for (const Class_Generic& cls : interfaces) {
         SCOPED_TRACE(cls.qualname().toStdString());
         EXPECT_TRUE(cls.hasFlag(tala::class_flags::Abstract));
-        EXPECT_EQ(errorText(cls.instantiate({})),
+        EXPECT_EQ(expectedErrorText(cls.instantiate({})),
                   "Unable to create an instance of the abstract class: " + cls.qualname().toStdString() + ".");
     }
     EXPECT_EQ(tala::I_Sequence_Generic::getClass().qualname(), "I_Sequence");
@@ -172,10 +168,10 @@ TEST(InterfaceClasses, InterfaceMembersAreAbstractAndAnswerErrors) {
     ASSERT_NE(at, nullptr);
     const tala::I_Invokable_Generic atMethod(tala::internal::unchecked, *at);
     EXPECT_EQ(atMethod.signature().toString(0x11), "(index: Integer) -> Any");
-    EXPECT_EQ(errorText(atMethod(Any(), Integer(0))), "The abstract method I_Sequence.at was called.");
+    EXPECT_EQ(expectedErrorText(atMethod(Any(), Integer(0))), "The abstract method I_Sequence.at was called.");
     const Any* length = sequence.cell()->findAbstractProperty(Any::$$length);
     ASSERT_NE(length, nullptr);
-    EXPECT_EQ(errorText(tala::Property(tala::internal::unchecked, *length).get(Any())),
+    EXPECT_EQ(expectedErrorText(tala::Property(tala::internal::unchecked, *length).get(Any())),
               "The abstract property I_Sequence.length was read.");
     // Derived interfaces list the inherited abstract members too.
     const Class_Generic mutableSequence = tala::I_MutableSequence_Generic::getClass();
@@ -207,14 +203,14 @@ TEST(InterfaceViews, SequenceViewReadsLengthAndElements) {
     EXPECT_EQ(sequence->at(0).rawInteger(), 10);
     EXPECT_EQ(text(sequence->at(1)), "'b'");
     EXPECT_EQ(sequence->at(-1).rawInteger(), 30);
-    EXPECT_EQ(errorText(sequence->at(3)), "Index out of range: 3, size: 3.");
+    EXPECT_EQ(expectedErrorText(sequence->at(3)), "Index out of range: 3, size: 3.");
 
     const tala::Tuple tuple{Integer(1), Integer(2)};
     const auto tupleView = tala::I_Sequence_Generic::cast(tuple);
     ASSERT_TRUE(tupleView.has_value());
     EXPECT_EQ(tupleView->length().rawInteger(), 2);
     EXPECT_EQ(tupleView->at(1).rawInteger(), 2);
-    EXPECT_EQ(errorText(tupleView->at(-3)), "Index out of range: -3, size: 2.");
+    EXPECT_EQ(expectedErrorText(tupleView->at(-3)), "Index out of range: -3, size: 2.");
     const auto asTuple = tala::I_Tuple_Generic::cast(tuple);
     ASSERT_TRUE(asTuple.has_value());
     EXPECT_EQ(asTuple->length().rawInteger(), 2);
@@ -232,8 +228,8 @@ TEST(InterfaceViews, MutableSequenceViewChangesTheList) {
     EXPECT_EQ(text(list), "['first', 3, 4, 5]");
     EXPECT_TRUE(sequence->removeAt(1, 2).isEmpty());
     EXPECT_EQ(text(list), "['first', 5]");
-    EXPECT_EQ(errorText(sequence->set(7, Integer(0))), "Index out of range: 7, size: 2.");
-    EXPECT_EQ(errorText(sequence->removeAt(-5)), "Index out of range: -5, size: 2.");
+    EXPECT_EQ(expectedErrorText(sequence->set(7, Integer(0))), "Index out of range: 7, size: 2.");
+    EXPECT_EQ(expectedErrorText(sequence->removeAt(-5)), "Index out of range: -5, size: 2.");
     EXPECT_EQ(text(list), "['first', 5]");
 }
 
@@ -244,7 +240,7 @@ TEST(InterfaceViews, MapViewReadsEntries) {
     const auto view = tala::I_Map_Generic::cast(map);
     ASSERT_TRUE(view.has_value());
     EXPECT_EQ(view->get(String("two")).rawInteger(), 2);
-    EXPECT_EQ(errorText(view->get(String("three"))), "Key not found: 'three'.");
+    EXPECT_EQ(expectedErrorText(view->get(String("three"))), "Key not found: 'three'.");
     EXPECT_TRUE(view->contains(String("one")).rawBoolean());
     EXPECT_FALSE(view->contains(String("three")).rawBoolean());
     EXPECT_EQ(text(view->keys()), "['one', 'two']");
@@ -260,10 +256,10 @@ TEST(InterfaceViews, MutableMapViewChangesTheMap) {
     EXPECT_TRUE(view->set(String("b"), Integer(2)).isEmpty());
     EXPECT_EQ(text(map), "{'a': 1, 'b': 2}");
     EXPECT_EQ(view->remove(String("a")).rawInteger(), 1);
-    EXPECT_EQ(errorText(view->remove(String("a"))), "Key not found: 'a'.");
+    EXPECT_EQ(expectedErrorText(view->remove(String("a"))), "Key not found: 'a'.");
     EXPECT_TRUE(view->setChecked(String("c"), Integer(3)).isEmpty());
-    EXPECT_EQ(errorText(view->setChecked(Integer(4), Integer(4))), "Key type mismatch: expected String, got 4.");
-    EXPECT_EQ(errorText(view->setChecked(String("d"), String("x"))),
+    EXPECT_EQ(expectedErrorText(view->setChecked(Integer(4), Integer(4))), "Key type mismatch: expected String, got 4.");
+    EXPECT_EQ(expectedErrorText(view->setChecked(String("d"), String("x"))),
               "Value type mismatch: expected Integer, got 'x'.");
     EXPECT_EQ(text(map), "{'b': 2, 'c': 3}");
 }
@@ -313,7 +309,7 @@ TEST(InterfaceViews, ChangingASetDuringIterationEndsItWithAnError) {
     const tala::I_Iterator_Generic next(tala::internal::unchecked, iterator);
     EXPECT_EQ(next.next().rawInteger(), 1);
     set.insert(Integer(3));
-    EXPECT_EQ(errorText(next.next()), "The container changed during the iteration.");
+    EXPECT_EQ(expectedErrorText(next.next()), "The container changed during the iteration.");
 }
 
 TEST(InterfaceViews, ConvertibleViewConvertsIntoOtherClasses) {
@@ -330,16 +326,16 @@ TEST(InterfaceViews, ConvertibleViewConvertsIntoOtherClasses) {
     EXPECT_TRUE(digits->tryInto(tala::Boolean::getClass()).rawBoolean());
     EXPECT_FALSE(tala::I_Convertible(tala::internal::unchecked, String("")).tryInto(tala::Boolean::getClass()).rawBoolean());
     EXPECT_FALSE(tala::I_Convertible(tala::internal::unchecked, Integer(0)).tryInto(tala::Boolean::getClass()).rawBoolean());
-    EXPECT_EQ(errorText(tala::I_Convertible(tala::internal::unchecked, String("x1")).tryInto(Integer::getClass())),
+    EXPECT_EQ(expectedErrorText(tala::I_Convertible(tala::internal::unchecked, String("x1")).tryInto(Integer::getClass())),
               "Unable to convert 'x1' into Integer.");
-    EXPECT_EQ(errorText(number->tryInto(tala::List_Generic::getClass())), "Unable to convert 42 into List.");
+    EXPECT_EQ(expectedErrorText(number->tryInto(tala::List_Generic::getClass())), "Unable to convert 42 into List.");
     EXPECT_EQ(text(tala::I_Convertible(tala::internal::unchecked, tala::Float(2.5)).tryInto(Integer::getClass())), "2");
 }
 
 TEST(InterfaceViews, CallingAMissingMemberThroughAViewIsAnError) {
     // A view trusted onto a value that lacks the member reports the missing method.
     const tala::I_Sequence_Generic wrong(tala::internal::unchecked, Integer(5));
-    EXPECT_EQ(errorText(wrong.at(0)), "None method 'at' in: 5.");
+    EXPECT_EQ(expectedErrorText(wrong.at(0)), "None method 'at' in: 5.");
 }
 
 // ---- Predefined member names ------------------------------------------------------------------
@@ -387,7 +383,7 @@ TEST(PredefinedIdentifiers, OperatorMembersWorkThroughMethodOf) {
     auto add = tala::method_of(hello, Any::$__add__);
     ASSERT_TRUE(add.is<tala::I_Invokable_Generic>());
     EXPECT_EQ(text(add.as<tala::I_Invokable_Generic>()(hello, String("world"))), "'hello world'");
-    EXPECT_EQ(errorText(add.as<tala::I_Invokable_Generic>()(hello, Integer(1))), "Unable to add 1 to a string.");
+    EXPECT_EQ(expectedErrorText(add.as<tala::I_Invokable_Generic>()(hello, Integer(1))), "Unable to add 1 to a string.");
 
     const tala::List<Any> list{Integer(1)};
     auto times = tala::method_of(list, Any::$__mul__);

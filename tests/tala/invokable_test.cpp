@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "model_test_support.hpp"
 #include "tala/tala.hpp"
 
 namespace {
@@ -32,10 +33,7 @@ HashMap<String, Any> named(std::initializer_list<std::pair<const char*, Any>> en
 }
 
 // The message of an Error result, or a note saying the result was no error.
-std::string errorText(const Any& result) {
-    if (auto error = Error::cast(result)) return error->message().toStdString();
-    return "<not an error: " + tala::display(result).toStdString() + ">";
-}
+using tala_test::errorText;
 
 std::int64_t integerOf(const Any& result) {
     EXPECT_EQ(result.kind(), tala::Kind::Integer) << tala::display(result).toStdString();

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "model_test_support.hpp"
 #include "tala/tala.hpp"
 
 namespace {
@@ -26,21 +27,9 @@ using tala::None;
 using tala::Property;
 using tala::String;
 
-Class_Generic kept(Class_Generic cls) {
-    static auto* classes = new std::vector<Class_Generic>();
-    static std::mutex mutex;
-    std::lock_guard lock(mutex);
-    classes->push_back(cls);
-    return cls;
-}
-
-std::string errorText(const Any& value) {
-    EXPECT_TRUE(tala::is_error_result(value)) << "not an error: " << tala::display(value).toStdString();
-    if (!tala::Error::matches(value)) return "<not an error: " + tala::display(value).toStdString() + ">";
-    return tala::Error(tala::internal::unchecked, value).message().toStdString();
-}
-
-std::string text(const Any& value) { return tala::display(value).toStdString(); }
+using tala_test::expectedErrorText;
+using tala_test::text;
+using tala_test::kept;
 
 const Identifier kX{"$x"};
 const Identifier kY{"$y"};
@@ -206,9 +195,9 @@ TEST(MemberAccess, InsertedPropertyShadowsTheClassProperty) {
 }
 
 TEST(MemberAccess, InsertingIntoAValueThatIsNotAnObjectIsAnError) {
-    EXPECT_EQ(errorText(tala::insert_property_value(Integer(5), Identifier("$note"), String("x"))),
+    EXPECT_EQ(expectedErrorText(tala::insert_property_value(Integer(5), Identifier("$note"), String("x"))),
               "Unable to add the member 'note' to a value of class Integer.");
-    EXPECT_EQ(errorText(tala::insert_method(String("text"), Identifier("$extra"),
+    EXPECT_EQ(expectedErrorText(tala::insert_method(String("text"), Identifier("$extra"),
                                             tala::native_function([] { return std::int64_t(1); }))),
               "Unable to add the member 'extra' to a value of class String.");
 }
@@ -261,9 +250,9 @@ TEST(MemberAccess, BoundMethodOfAStaticMethodIsTheMethodItself) {
 
 TEST(MemberAccess, BoundMethodOfAnUnknownNameIsAnError) {
     const Any instance = point(classes().derived, 0, 0);
-    EXPECT_EQ(errorText(instance.boundMethod(Identifier("$noSuchMethod"))),
+    EXPECT_EQ(expectedErrorText(instance.boundMethod(Identifier("$noSuchMethod"))),
               "Unknown method 'noSuchMethod' in an object of class MemberDerived.");
-    EXPECT_EQ(errorText(Integer(1).boundMethod(Identifier("$noSuchMethod"))),
+    EXPECT_EQ(expectedErrorText(Integer(1).boundMethod(Identifier("$noSuchMethod"))),
               "Unknown method 'noSuchMethod' in an object of class Integer.");
 }
 
@@ -288,22 +277,22 @@ TEST(MemberAccess, FieldValuesAreReadAndWrittenIncludingInheritedFields) {
 TEST(MemberAccess, UnknownFieldIsAnError) {
     const Any instance = point(classes().derived, 1, 2);
     const Identifier missing("$w");
-    EXPECT_EQ(errorText(instance.fieldValue(missing)), "Unknown field 'w' in an object of class MemberDerived.");
-    EXPECT_EQ(errorText(instance.setFieldValue(missing, Integer(1))),
+    EXPECT_EQ(expectedErrorText(instance.fieldValue(missing)), "Unknown field 'w' in an object of class MemberDerived.");
+    EXPECT_EQ(expectedErrorText(instance.setFieldValue(missing, Integer(1))),
               "Unknown field 'w' in an object of class MemberDerived.");
     // A base instance has no field of the derived class.
     const Any base = point(classes().base, 1, 2);
-    EXPECT_EQ(errorText(base.fieldValue(kZ)), "Unknown field 'z' in an object of class MemberBase.");
+    EXPECT_EQ(expectedErrorText(base.fieldValue(kZ)), "Unknown field 'z' in an object of class MemberBase.");
 }
 
 TEST(MemberAccess, FieldsOfValuesThatAreNotObjectsAreErrors) {
-    EXPECT_EQ(errorText(Integer(3).fieldValue(kX)), "Unknown field 'x' in an object of class Integer.");
-    EXPECT_EQ(errorText(String("s").setFieldValue(kX, Integer(1))), "Unknown field 'x' in an object of class String.");
-    EXPECT_EQ(errorText(Any().fieldValue(kX)), "Unknown field 'x' in an object of class None.");
+    EXPECT_EQ(expectedErrorText(Integer(3).fieldValue(kX)), "Unknown field 'x' in an object of class Integer.");
+    EXPECT_EQ(expectedErrorText(String("s").setFieldValue(kX, Integer(1))), "Unknown field 'x' in an object of class String.");
+    EXPECT_EQ(expectedErrorText(Any().fieldValue(kX)), "Unknown field 'x' in an object of class None.");
     // Functions are objects without fields.
     const I_Invokable_Generic function = tala::native_function([] { return std::int64_t(1); }, "one");
-    EXPECT_EQ(errorText(function.fieldValue(kX)), "Unknown field 'x' in an object of class Function.");
-    EXPECT_EQ(errorText(function.setFieldValue(kX, Integer(1))), "Unknown field 'x' in an object of class Function.");
+    EXPECT_EQ(expectedErrorText(function.fieldValue(kX)), "Unknown field 'x' in an object of class Function.");
+    EXPECT_EQ(expectedErrorText(function.setFieldValue(kX, Integer(1))), "Unknown field 'x' in an object of class Function.");
 }
 
 TEST(MemberAccess, FieldAddedToAClassLaterIsUnknownToOlderInstances) {
@@ -313,7 +302,7 @@ TEST(MemberAccess, FieldAddedToAClassLaterIsUnknownToOlderInstances) {
     const Any after = tala::make_instance(cls);
     EXPECT_TRUE(after.setFieldValue(kY, Integer(1)).isEmpty());
     EXPECT_EQ(after.fieldValue(kY).rawInteger(), 1);
-    EXPECT_EQ(errorText(before.fieldValue(kY)), "Unknown field 'y' in an object of class GrowingFields.");
+    EXPECT_EQ(expectedErrorText(before.fieldValue(kY)), "Unknown field 'y' in an object of class GrowingFields.");
     EXPECT_TRUE(before.setFieldValue(kX, Integer(2)).isEmpty());
 }
 
@@ -328,8 +317,8 @@ TEST(MemberAccess, FieldAddedToAParentLaterKeepsTheSlotsOfExistingInstances) {
     const_cast<tala::internal::ClassCell*>(parent.cell())->addField(kY, Any());
     EXPECT_EQ(text(before.fieldValue(kX)), "'x of before'");
     EXPECT_EQ(text(before.fieldValue(kZ)), "'z of before'");
-    EXPECT_EQ(errorText(before.fieldValue(kY)), "Unknown field 'y' in an object of class SlotChild.");
-    EXPECT_EQ(errorText(before.setFieldValue(kY, Integer(1))), "Unknown field 'y' in an object of class SlotChild.");
+    EXPECT_EQ(expectedErrorText(before.fieldValue(kY)), "Unknown field 'y' in an object of class SlotChild.");
+    EXPECT_EQ(expectedErrorText(before.setFieldValue(kY, Integer(1))), "Unknown field 'y' in an object of class SlotChild.");
     EXPECT_EQ(text(before.fieldValue(kZ)), "'z of before'");
 
     const Any after = tala::make_instance(child);
@@ -474,7 +463,7 @@ TEST(ClassesOfValues, UnwrapResolvesLazyValues) {
     const String plain("plain");
     EXPECT_TRUE(tala::internal::unwrap(plain).isSame(plain));
     const tala::Lazy_Generic failing([] { return Any(tala::Error(String("Not computable."))); });
-    EXPECT_EQ(errorText(tala::internal::unwrap(failing)), "Not computable.");
+    EXPECT_EQ(expectedErrorText(tala::internal::unwrap(failing)), "Not computable.");
 }
 
 // ---- Classes that answer member look-ups themselves -------------------------------------------
@@ -621,7 +610,7 @@ TEST(ReflectiveMembers, InsertPropertyMethodTakesOverInsertion) {
     const auto properties = tala::own_properties_of(instance);
     EXPECT_EQ(properties.size(), 2u);
     EXPECT_TRUE(properties.contains(String("colour")));
-    EXPECT_EQ(errorText(tala::insert_property_value(instance, kAnswer, Integer(1))), "The answer is fixed.");
+    EXPECT_EQ(expectedErrorText(tala::insert_property_value(instance, kAnswer, Integer(1))), "The answer is fixed.");
 }
 
 TEST(ReflectiveMembers, DisplayMethodGivesTheDisplayText) {
@@ -668,7 +657,7 @@ TEST(InterfaceCalls, AMethodInsertedIntoTheObjectComesBeforeTheClassMethod) {
 TEST(InterfaceCalls, AClassThatAnswersMethodsItselfIsAskedEvenForItsOrdinaryMethods) {
     const Any instance = reflectiveInstance(1);
     EXPECT_EQ(text(tala::internal::callMember(instance, Identifier("$greet"), {String("you")})), "'hello you'");
-    EXPECT_EQ(errorText(tala::internal::callMember(instance, kPlain, {})), "None method 'plain' in: Reflective of rank 1.");
+    EXPECT_EQ(expectedErrorText(tala::internal::callMember(instance, kPlain, {})), "None method 'plain' in: Reflective of rank 1.");
 }
 
 TEST(InterfaceCalls, WithMembersFirstTheClassMethodComesBeforeTheClassAnswer) {

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "model_test_support.hpp"
 #include "tala/tala.hpp"
 
 namespace {
@@ -18,10 +19,7 @@ using tala::Integer;
 using tala::Module;
 using tala::String;
 
-std::string errorText(const Any& result) {
-    if (auto error = Error::cast(result)) return error->message().toStdString();
-    return "<not an error: " + tala::display(result).toStdString() + ">";
-}
+using tala_test::errorText;
 
 std::vector<std::string> moduleNames() {
     std::vector<std::string> names;

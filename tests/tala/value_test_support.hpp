@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "tala/tala.hpp"
@@ -13,6 +14,9 @@ namespace tala_test {
 
 // The display text of a value as a std::string, so that gtest prints it on failure.
 inline std::string shown(const tala::Any& value) { return tala::display(value).toStdString(); }
+
+// A decimal from its text, which the test knows to be valid.
+inline tala::Decimal decimal(std::string_view text) { return tala::Decimal::fromString(text).as<tala::Decimal>(); }
 
 // -1, 0 or 1: the sign of compare_objects, so that tests do not depend on its magnitude.
 inline int order(const tala::Any& a, const tala::Any& b) {

@@ -43,7 +43,7 @@ const std::string kModuleMembers =
     "name: str\n\"\"\"The module's dotted name.\"\"\"\n";
 
 // A registered module of its own for each test, holding the classes it is given.
-Module moduleWith(const char* name, std::initializer_list<Class_Generic> classes, const char* doc = "A module of the tests.") {
+Module typedModuleWith(const char* name, std::initializer_list<Class_Generic> classes, const char* doc = "A module of the tests.") {
     const Module module = Module::create(name, String(doc));
     for (const Class_Generic& cls : classes) module.addClass(cls);
     return module;
@@ -92,7 +92,7 @@ TEST_F(TypedStubTest, ConstructorsStaticMethodsDefaultsAndProperties) {
                  .property(Identifier("$$label"), [](const Any&) { return String("top"); }, "The label.")
                  .classProperty(Identifier("$$shelves"), Integer(4), "Shelves in the shop.")
                  .build());
-    EXPECT_EQ(classText(stubOf(moduleWith("ts_shelf", {shelf})), "Shelf"),
+    EXPECT_EQ(classText(stubOf(typedModuleWith("ts_shelf", {shelf})), "Shelf"),
               "class Shelf:\n"
               "    \"\"\"A shelf of the shop.\n"
               "\n"
@@ -128,7 +128,7 @@ TEST_F(TypedStubTest, AnInitMethodAConstructorWithoutParametersAndNone) {
     const Class_Generic shape = kept(ClassBuilder("Shape").doc("Abstract.").flags(tala::class_flags::Abstract)
                                          .method(Any::$__init__, [](const Any&) {})
                                          .build());
-    const std::string stub = stubOf(moduleWith("ts_constructors", {record, opaque, plain, shape}));
+    const std::string stub = stubOf(typedModuleWith("ts_constructors", {record, opaque, plain, shape}));
     EXPECT_EQ(classText(stub, "Record"),
               "class Record:\n    \"\"\"A record.\"\"\"\n"
               "    def __init__(self, level: int) -> None:\n        \"\"\"Makes a record.\"\"\"\n");
@@ -177,7 +177,7 @@ TEST_F(TypedStubTest, ASequenceIsASequenceWithItsSpecialMethods) {
                                         .method(Identifier("$index"), [](const Any&, const Any&) { return Integer(0); }, {"card"},
                                                 "Where a card is.")
                                         .build());
-    EXPECT_EQ(classText(stubOf(moduleWith("ts_deck", {deck})), "Deck"),
+    EXPECT_EQ(classText(stubOf(typedModuleWith("ts_deck", {deck})), "Deck"),
               "class Deck(_abc.Sequence[_typing.Any]):\n    \"\"\"Cards.\"\"\"\n"
               "    def __len__(self) -> int:\n        \"\"\"The number of items: len(value).\"\"\"\n"
               "    @_typing.overload\n"
@@ -206,7 +206,7 @@ TEST_F(TypedStubTest, AMapThatIsASequenceTooIteratesAsTheSequenceAndAnswersItsOw
                                            return tala::None();
                                        }, {"name"})
                                        .build());
-    EXPECT_EQ(classText(stubOf(moduleWith("ts_entry", {row})), "Entry"),
+    EXPECT_EQ(classText(stubOf(typedModuleWith("ts_entry", {row})), "Entry"),
               "class Entry(_abc.Mapping[_typing.Any, _typing.Any], _abc.Sequence[_typing.Any]):\n    \"\"\"An entry.\"\"\"\n"
               "    def __len__(self) -> int:\n        \"\"\"The number of items: len(value).\"\"\"\n"
               "    @_typing.overload\n"
@@ -247,7 +247,7 @@ TEST_F(TypedStubTest, MutableMapsIteratorsInvokablesAndOperators) {
                                          .method(Identifier("$concat"), [](const Any&, const Any&) { return Integer(1); }, {"other"})
                                          .method(Any::$__compare__, [](const Any&, const Any&) { return Integer(0); }, {"other"})
                                          .build());
-    const std::string stub = stubOf(moduleWith("ts_protocols", {ledger, cursor, action, point}));
+    const std::string stub = stubOf(typedModuleWith("ts_protocols", {ledger, cursor, action, point}));
     EXPECT_EQ(classText(stub, "Ledger").substr(0, classText(stub, "Ledger").find("    def contains(")),
               "class Ledger(_abc.MutableMapping[_typing.Any, _typing.Any]):\n    \"\"\"A ledger.\"\"\"\n"
               "    def __len__(self) -> int:\n        \"\"\"The number of items: len(value).\"\"\"\n"
@@ -383,7 +383,7 @@ TEST_F(TypedStubTest, NamesPythonCannotDeclareAreLeftOut) {
                                          .property(Identifier("$$lambda"), [](const Any&) { return Integer(1); })
                                          .build());
     const Class_Generic keyword = kept(ClassBuilder("class").build());
-    const std::string stub = stubOf(moduleWith("ts_words", {words, keyword}));
+    const std::string stub = stubOf(typedModuleWith("ts_words", {words, keyword}));
     EXPECT_EQ(classText(stub, "Words"), "class Words:\n    \"\"\"Words.\"\"\"\n");
     EXPECT_EQ(stub.find("class class"), std::string::npos);
 }
