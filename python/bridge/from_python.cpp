@@ -255,22 +255,7 @@ Any from_python_result(PyObject* object) {
     return fromPythonResultLocked(object);
 }
 
-std::optional<Any> plainFromPythonLocked(PyObject* object) {
-    if (PyLong_CheckExact(object)) {
-        int overflow = 0;
-        const long long value = PyLong_AsLongLongAndOverflow(object, &overflow);
-        if (overflow == 0) return Integer(value);
-        return std::nullopt;
-    }
-    if (PyFloat_CheckExact(object)) return fromFloat(object);
-    if (PyUnicode_CheckExact(object)) return stringFromUnicode(object);
-    return std::nullopt;
-}
-
 Any fromPythonResultLocked(PyObject* object) {
-    if (object != nullptr) {
-        if (auto plain = plainFromPythonLocked(object)) return std::move(*plain);
-    }
     Any value = fromPythonLocked(object);
     if (PyErr_Occurred() != nullptr) {
         auto pending = fetch_python_error();

@@ -3,8 +3,6 @@
 
 #include <Python.h>
 
-#include <optional>
-
 #include "bridge/error_details.hpp"
 #include "tala/tala.hpp"
 
@@ -18,10 +16,6 @@ namespace tala::python {
 Any from_python(PyObject* object);
 // The same for a caller that holds the interpreter lock.
 Any fromPythonLocked(PyObject* object);
-// The value of an exact int within 64 bits, a float or a str, the objects whose conversion never
-// leaves an error pending (the caller need not look); nothing for any other object. Interpreter
-// lock held.
-std::optional<Any> plainFromPythonLocked(PyObject* object);
 
 // The host error for a Python exception object: the very host error it was raised from when it
 // carries one in its attribute `tala`, else an error of the mapped host class with the

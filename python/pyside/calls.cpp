@@ -1,9 +1,7 @@
 // python/pyside/calls.cpp: calling wrapped host invokables from Python, by position or by name.
 #include "pyside/calls.hpp"
 
-#include <cstddef>
-#include <memory>
-#include <new>
+#include <array>
 
 #include "bridge/from_python.hpp"
 #include "bridge/to_python.hpp"
@@ -69,72 +67,49 @@ PyObject* invoke(const Any& value, std::span<const Any> arguments) {
     return toPythonLocked(I_Invokable_Generic(internal::unchecked, value).invokeWith(arguments));
 }
 
-// One argument as a host value; `checkError` is set when the conversion may have left an
-// error pending (an int beyond 64 bits), which only the general conversion can.
-Any argumentValue(PyObject* argument, bool& checkError) {
-    if (auto plain = plainFromPythonLocked(argument)) return std::move(*plain);
-    checkError = true;
-    return fromPythonLocked(argument);
-}
-
-PyObject* callPositional(const Any& value, PyObject* const* arguments, Py_ssize_t count) {
-    bool checkError = false;
-    // Small calls convert onto the stack: no list cell, no vector, and only as many values as
-    // there are arguments are made.
+PyObject* callPositional(const Any& value, PyObject* arguments) {
+    const Py_ssize_t count = arguments == nullptr ? 0 : PyTuple_GET_SIZE(arguments);
+    // Small calls convert onto the stack: no list cell, no vector.
     constexpr Py_ssize_t kInline = 8;
     if (count <= kInline) {
-        alignas(Any) unsigned char storage[kInline * sizeof(Any)];
-        Any* values = reinterpret_cast<Any*>(storage);
-        Py_ssize_t made = 0;
-        struct Destroy {
-            Any* values;
-            Py_ssize_t& made;
-            ~Destroy() { std::destroy_n(values, made); }
-        } destroy{values, made};
-        for (; made < count; ++made) new (values + made) Any(argumentValue(arguments[made], checkError));
-        if (checkError && PyErr_Occurred() != nullptr) return nullptr;  // an int beyond 64 bits: raise, don't pass -1 on
-        return invoke(value, std::span<const Any>(values, static_cast<std::size_t>(count)));
+        std::array<Any, kInline> values;
+        for (Py_ssize_t index = 0; index < count; ++index) values[index] = fromPythonLocked(PyTuple_GET_ITEM(arguments, index));
+        if (PyErr_Occurred() != nullptr) return nullptr;  // an int beyond 64 bits: raise, don't pass -1 on
+        return invoke(value, std::span<const Any>(values.data(), static_cast<std::size_t>(count)));
     }
     List<Any> values;
     values.reserve(static_cast<std::size_t>(count));
-    for (Py_ssize_t index = 0; index < count; ++index) values.append(argumentValue(arguments[index], checkError));
-    if (checkError && PyErr_Occurred() != nullptr) return nullptr;
+    for (Py_ssize_t index = 0; index < count; ++index) values.append(fromPythonLocked(PyTuple_GET_ITEM(arguments, index)));
+    if (PyErr_Occurred() != nullptr) return nullptr;
     return invoke(value, values.items());
 }
 
-// The value a call goes to, or null with the error raised when the wrapper holds nothing
-// callable. The caller keeps `self` alive for the whole call, and a wrapper's value never
-// changes, so the value is used where it is.
-const Any* calledValue(PyObject* self) {
+PyObject* call(PyObject* self, PyObject* arguments, PyObject* keywords) {
+    GilGuard gil;
     const Any* wrapped = wrappedHostValue(self);
     if (wrapped == nullptr) {
         PyErr_SetString(PyExc_RuntimeError, "Non-callable object: None");
         return nullptr;
     }
-    if (!Error::matches(*wrapped) && !I_Invokable_Generic::matches(*wrapped)) {
-        PyErr_Format(PyExc_RuntimeError, "Non-callable object: %s", display(*wrapped).c_str());
+    // The caller keeps `self` alive for the whole call, and a wrapper's value never changes, so
+    // the value is used where it is.
+    const Any& value = *wrapped;
+    if (Error::matches(value)) return toPythonLocked(value);
+    if (!I_Invokable_Generic::matches(value)) {
+        PyErr_Format(PyExc_RuntimeError, "Non-callable object: %s", display(value).c_str());
         return nullptr;
     }
-    return wrapped;
-}
-
-PyObject* call(PyObject* self, PyObject* arguments, PyObject* keywords) {
-    GilGuard gil;
-    const Any* value = calledValue(self);
-    if (value == nullptr) return nullptr;
-    if (Error::matches(*value)) return toPythonLocked(*value);
     // Any keyword argument makes the call a call by name only: the positional arguments are
     // not passed at all.
     if (keywords != nullptr) {
         auto named = namedArguments(keywords);
         if (!named) return nullptr;
         if (!named->isEmpty()) {
-            const I_Invokable_Generic invokable(internal::unchecked, *value);
+            const I_Invokable_Generic invokable(internal::unchecked, value);
             return resultOfCall(invokable.isBlocking(), [&] { return invokable.invokeWith(*named); });
         }
     }
-    const Py_ssize_t count = arguments == nullptr ? 0 : PyTuple_GET_SIZE(arguments);
-    return callPositional(*value, count == 0 ? nullptr : &PyTuple_GET_ITEM(arguments, 0), count);
+    return callPositional(value, arguments);
 }
 
 }  // namespace
