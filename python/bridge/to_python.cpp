@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <charconv>
 #include <optional>
-#include <string>
 
 #include "bridge/errors.hpp"
 #include "bridge/module_attribute.hpp"
@@ -45,11 +44,14 @@ const PyDateTime_CAPI* dateTimeApi() {
     return static_cast<const PyDateTime_CAPI*>(here.dateTimeApi);
 }
 
+// Null, with the error raised, for a standard type whose look-up failed.
+PyObject* typeMissing() {
+    PyErr_SetString(PyExc_RuntimeError, "A standard Python type is not available.");
+    return nullptr;
+}
+
 PyObject* callType(PyObject* type, const char* format, auto... arguments) {
-    if (type == nullptr) {
-        PyErr_SetString(PyExc_RuntimeError, "A standard Python type is not available.");
-        return nullptr;
-    }
+    if (type == nullptr) return typeMissing();
     return PyObject_CallFunction(type, format, arguments...);
 }
 
@@ -83,7 +85,7 @@ PyObject* fromDateTime(const internal::DateFields& date, const internal::TimeFie
 // from its text.
 PyObject* fromDecimal(const Decimal& decimal) {
     PyObject* type = types().decimal.get();
-    if (type == nullptr) return callType(type, "s", "");
+    if (type == nullptr) return typeMissing();
     std::optional<Decimal::Finite> finite = decimal.finite();
     if (!finite) return callType(type, "s", decimal.toString().c_str());
     PyObjectPtr argument;
@@ -94,21 +96,18 @@ PyObject* fromDecimal(const Decimal& decimal) {
         for (const char digit : finite->digits) coefficient = coefficient * 10 + (digit - '0');
         argument = PyObjectPtr::steal(PyLong_FromLongLong(finite->negative ? -coefficient : coefficient));
     } else {
-        // The sign, the digits, "E" and the exponent (at most 20 characters).
-        constexpr std::size_t kShortDigits = 64;
-        char shortText[kShortDigits + 24];
-        std::string longText;
-        char* text = shortText;
-        if (finite->digits.size() > kShortDigits) {
-            longText.resize(finite->digits.size() + 24);
-            text = longText.data();
+        // The sign, the digits, "E" and the exponent, written straight into an ASCII str.
+        char exponent[24];
+        const char* exponentEnd = std::to_chars(exponent, exponent + sizeof exponent, finite->exponent).ptr;
+        const std::size_t size = (finite->negative ? 1 : 0) + finite->digits.size() + 1 + static_cast<std::size_t>(exponentEnd - exponent);
+        argument = PyObjectPtr::steal(PyUnicode_New(static_cast<Py_ssize_t>(size), 127));
+        if (argument) {
+            char* out = reinterpret_cast<char*>(PyUnicode_1BYTE_DATA(argument.get()));
+            if (finite->negative) *out++ = '-';
+            out = std::copy(finite->digits.begin(), finite->digits.end(), out);
+            *out++ = 'E';
+            std::copy(static_cast<const char*>(exponent), exponentEnd, out);
         }
-        char* end = text;
-        if (finite->negative) *end++ = '-';
-        end = std::copy(finite->digits.begin(), finite->digits.end(), end);
-        *end++ = 'E';
-        end = std::to_chars(end, end + 21, finite->exponent).ptr;
-        argument = PyObjectPtr::steal(PyUnicode_FromStringAndSize(text, end - text));
     }
     if (!argument) return nullptr;
     return PyObject_CallOneArg(type, argument.get());
