@@ -261,7 +261,8 @@ TEST_F(ToPythonTest, DecimalKeepsItsDigitsAndExponent) {
     for (const char* text :
          {"0", "-0", "12", "-12", "4.50", "1234567890123456789012345678", "-0.1234567890123456789012345678",
           "123456789012345678", "1234567890123456789", "9223372036854775807", "-9223372036854775808", "99999999999999999999",
-          "1E+5", "1.5E-7", "-0E+3", "0.000", "1E+999999999", "7E-999999999", "sNaN", "-NaN123", "-Infinity"}) {
+          "1E+5", "1.5E-7", "-0E+3", "0.000", "1E+999999999", "7E-999999999", "sNaN", "-NaN123", "-Infinity",
+          "-1234567890123456789012345678901234567890123456789012345678901234567890.5E-30"}) {
         auto parsed = tala::Decimal::fromString(text);
         ASSERT_TRUE(parsed.is<tala::Decimal>()) << text;
         PyObjectPtr converted = convert(parsed.as<tala::Decimal>());
